@@ -1,0 +1,6 @@
+file(READ ${INPUT} hex HEX)
+string(LENGTH "${hex}" hexLength)
+math(EXPR size "${hexLength} / 2")
+string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${hex}")
+string(REGEX REPLACE "(0x[0-9a-f][0-9a-f],){16}" "\\0\n" bytes "${bytes}")
+file(WRITE ${OUTPUT} "#include <cstddef>\nnamespace QEL { namespace Embedded {\nextern const unsigned char ${SYMBOL}[] = {\n${bytes}0x00};\nextern const std::size_t ${SYMBOL}_size = ${size};\n} }\n")

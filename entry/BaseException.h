@@ -1,0 +1,23 @@
+#pragma once
+
+#include "entry/GenTL.h"
+#include "support/Exception.h"
+
+#include <string>
+
+namespace QEL { namespace Base {
+
+// A failure with its GenTL error code.
+class Exception : public virtual System::Exception {
+public:
+    Exception(const std::string& text, GC_ERROR code) : System::Exception(text), code(code) {}
+    ~Exception() override = default;
+
+    virtual GC_ERROR GetCode() const { return code; }
+    std::string GetMessage() const override;
+
+private:
+    GC_ERROR code;
+};
+
+} }

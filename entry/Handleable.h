@@ -1,0 +1,48 @@
+#pragma once
+
+#include "support/Lockable.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <shared_mutex>
+#include <vector>
+
+namespace QEL { namespace Base {
+
+// Everything a GenTL handle can name. A handle is the type in the top 8 bits
+// and the table position + 1 in the low 56 bits; the tables hold weak
+// pointers, so a handle keeps nothing alive and a dead object's handle fails
+// cleanly.
+class Handleable : public virtual System::Lockable {
+public:
+    static constexpr std::uint64_t PositionMask = 0x00ffffffffffffffull;
+
+    ~Handleable() override;
+
+    virtual std::int32_t GetHandleType() const = 0;
+
+    std::uint64_t GetHandleId() const { return handleId; }
+
+    static std::uint64_t GetHandle(const std::shared_ptr<Handleable>& object);
+    static std::shared_ptr<Handleable> FromHandle(std::uint64_t handle);
+    static std::shared_ptr<Handleable> FromHandle(const void* handle)
+    {
+        return FromHandle(static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(handle)));
+    }
+
+    struct Entry {
+        std::weak_ptr<Handleable> object;
+        const Handleable* address = nullptr;
+    };
+
+    struct Data {
+        std::array<std::vector<Entry>, 256> tables;
+        std::shared_mutex lock;
+    };
+
+private:
+    std::uint64_t handleId = 0;
+};
+
+} }

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "support/Object.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <thread>
+
+namespace QEL { namespace System {
+
+using Clock = std::chrono::steady_clock;
+using TimePoint = Clock::time_point;
+
+// Recursive mutex with a timed lock. The recursion count is explicit so that a
+// condition wait can release the mutex fully and restore it afterwards.
+class Mutex : public virtual Object {
+public:
+    Mutex() = default;
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    void Lock();
+    bool TryLock();
+    bool TimedLock(TimePoint absoluteTime);
+    void Unlock();
+
+    bool IsHeldByCurrentThread() const { return owner.load(std::memory_order_acquire) == std::this_thread::get_id(); }
+
+private:
+    friend class Condition;
+
+    bool AcquireRecursive();
+    void TakeOwnership();
+    // Releases all levels at once and returns how many there were.
+    std::size_t ReleaseFully();
+    void Restore(std::size_t depth);
+
+    std::timed_mutex native;
+    std::atomic<std::thread::id> owner{};
+    std::size_t count = 0;
+};
+
+} }
