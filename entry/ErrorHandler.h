@@ -17,17 +17,27 @@ template <class E>
 class ErrorHandler : public virtual System::Object {
 public:
     ErrorHandler() : serial(NextSerial()) {}
-    ~ErrorHandler() override { Slots().erase(serial); }
+    ~ErrorHandler() override
+    {
+        if (Map* slots = Slots(false))
+            slots->erase(serial);
+    }
     ErrorHandler(const ErrorHandler&) = delete;
     ErrorHandler& operator=(const ErrorHandler&) = delete;
 
-    void SetError(const E& error) { Slots()[serial].reset(new E(error.GetText(), error.GetCode())); }
+    void SetError(const E& error)
+    {
+        if (Map* slots = Slots(true))
+            (*slots)[serial].reset(new E(error.GetText(), error.GetCode()));
+    }
 
     const E* GetError() const
     {
-        auto& slots = Slots();
-        auto it = slots.find(serial);
-        return it == slots.end() ? nullptr : it->second.get();
+        Map* slots = Slots(false);
+        if (!slots)
+            return nullptr;
+        auto it = slots->find(serial);
+        return it == slots->end() ? nullptr : it->second.get();
     }
 
 private:
@@ -37,13 +47,35 @@ private:
         return ++counter;
     }
 
-    static std::map<std::uint64_t, std::unique_ptr<E>>& Slots()
+    using Map = std::map<std::uint64_t, std::unique_ptr<E>>;
+
+    // The map pointer is trivially destructible, so it stays readable (as null)
+    // after the thread's cleanup ran: handlers torn down at process exit, after
+    // the main thread's thread-local objects, find no map instead of a dead one.
+    struct Cleanup {
+        ~Cleanup()
+        {
+            delete slots;
+            slots = nullptr;
+        }
+    };
+
+    static Map* Slots(bool create)
     {
-        thread_local std::map<std::uint64_t, std::unique_ptr<E>> slots;
+        thread_local Cleanup cleanup;
+        if (!slots && create) {
+            (void)&cleanup; // registers the cleanup with this thread
+            slots = new Map;
+        }
         return slots;
     }
 
+    static thread_local Map* slots;
+
     const std::uint64_t serial;
 };
+
+template <class E>
+thread_local typename ErrorHandler<E>::Map* ErrorHandler<E>::slots = nullptr;
 
 } }

@@ -13,8 +13,10 @@ template <class Call>
 GC_ERROR Exported(const char* name, TraceParams inputs, TraceParams outputs, Call call) noexcept
 {
     try {
-        QEL::Base::CallTrace trace(name, inputs);
+        // The transport layer installs the log, so fetch it first: the very
+        // first call of the process is traced too.
         auto transportLayer = QEL::Base::TransportLayerHandler::Get();
+        QEL::Base::CallTrace trace(name, inputs);
         GC_ERROR result = transportLayer ? call(*transportLayer) : GC_ERR_NOT_INITIALIZED;
         trace.Finish(result, transportLayer.get(), outputs);
         return result;

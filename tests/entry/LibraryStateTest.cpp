@@ -1,0 +1,108 @@
+#include "entry/BaseException.h"
+#include "entry/LibraryState.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using namespace QEL::Base;
+using namespace std::chrono_literals;
+
+namespace {
+
+std::shared_ptr<LibraryState> Initialised()
+{
+    auto state = std::make_shared<LibraryState>();
+    auto w = state->GetWriteAccess();
+    w->SetReadersBlocked(false);
+    w->SetInitialized(true);
+    return state;
+}
+
+TEST(LibraryState, UninitialisedTurnsReadersAway)
+{
+    auto state = std::make_shared<LibraryState>();
+    EXPECT_FALSE(state->GetReadAccess());
+    EXPECT_TRUE(Initialised()->GetReadAccess());
+}
+
+TEST(LibraryState, WriterWaitsForTheReadersInside)
+{
+    auto state = Initialised();
+    auto reader = state->GetReadAccess();
+    ASSERT_TRUE(reader);
+    std::atomic<bool> closed{false};
+    std::thread closer([&] {
+        auto w = state->GetWriteAccess();
+        w->SetInitialized(false);
+        w->SetReadersBlocked(false);
+        w->WaitForReaders();
+        closed = true;
+    });
+    std::this_thread::sleep_for(50ms);
+    EXPECT_FALSE(closed) << "the close must wait for the body that is inside";
+    EXPECT_FALSE(state->GetReadAccess()) << "new readers are turned away while closing";
+    reader.reset();
+    closer.join();
+    EXPECT_TRUE(closed);
+}
+
+TEST(LibraryState, BlockedReadersWaitThenEnter)
+{
+    auto state = Initialised();
+    auto w = state->GetWriteAccess();
+    EXPECT_TRUE(w->AreReadersBlocked());
+    std::atomic<int> admitted{0};
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 3; ++i)
+        readers.emplace_back([&] {
+            if (state->GetReadAccess())
+                ++admitted;
+        });
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(0, admitted.load());
+    w.reset(); // a single wake-up runs through all waiting readers
+    for (auto& t : readers)
+        t.join();
+    EXPECT_EQ(3, admitted.load());
+}
+
+TEST(LibraryState, WritersAreSerialised)
+{
+    auto state = Initialised();
+    auto first = state->GetWriteAccess();
+    std::atomic<bool> second{false};
+    std::thread t([&] {
+        auto w = state->GetWriteAccess();
+        second = true;
+    });
+    std::this_thread::sleep_for(30ms);
+    EXPECT_FALSE(second);
+    first.reset();
+    t.join();
+    EXPECT_TRUE(second);
+}
+
+TEST(LibraryState, StateChangesNeedBlockedReaders)
+{
+    auto state = Initialised();
+    auto w = state->GetWriteAccess();
+    w->SetReadersBlocked(false);
+    try {
+        w->SetInitialized(false);
+        FAIL();
+    } catch (const Exception& e) {
+        EXPECT_EQ("Cannot set initialized in the current state.", e.GetText());
+    }
+    try {
+        w->WaitForReaders();
+        FAIL();
+    } catch (const Exception& e) {
+        EXPECT_EQ("Cannot wait while readers can enter.", e.GetText());
+    }
+    EXPECT_TRUE(w->IsInitialized());
+}
+
+}

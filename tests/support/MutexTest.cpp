@@ -1,0 +1,170 @@
+#include "support/Condition.h"
+#include "support/Exception.h"
+#include "support/MutexGuard.h"
+#include "support/BasicLockable.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using namespace QEL;
+using namespace std::chrono_literals;
+
+namespace {
+
+bool LockedElsewhere(System::Mutex& mutex)
+{
+    bool taken = false;
+    std::thread([&] {
+        taken = mutex.TryLock();
+        if (taken)
+            mutex.Unlock();
+    }).join();
+    return !taken;
+}
+
+TEST(Mutex, RecursionIsCountedAndUnlockByAStrangerFails)
+{
+    System::Mutex mutex;
+    mutex.Lock();
+    EXPECT_TRUE(mutex.TryLock());
+    EXPECT_TRUE(mutex.TimedLock(System::Clock::now()));
+    mutex.Unlock();
+    mutex.Unlock();
+    EXPECT_TRUE(LockedElsewhere(mutex)) << "one level is still held";
+
+    std::string message;
+    std::thread([&] {
+        try {
+            mutex.Unlock();
+        } catch (const System::Exception& e) {
+            message = e.GetMessage();
+        }
+    }).join();
+    EXPECT_EQ("Mutex is not locked by this thread.", message);
+
+    mutex.Unlock();
+    EXPECT_FALSE(LockedElsewhere(mutex));
+    EXPECT_THROW(mutex.Unlock(), System::Exception);
+}
+
+TEST(Mutex, TimedLockGivesUpWhenTheTimePasses)
+{
+    System::Mutex mutex;
+    mutex.Lock();
+    bool result = true;
+    std::thread([&] { result = mutex.TimedLock(System::Clock::now() + 20ms); }).join();
+    EXPECT_FALSE(result);
+    mutex.Unlock();
+}
+
+TEST(Condition, WaitReleasesEveryLevelAndRestoresThem)
+{
+    System::Mutex mutex;
+    System::Condition condition;
+    std::atomic<bool> ready{false};
+    bool flag = false;
+
+    std::thread waiter([&] {
+        mutex.Lock();
+        mutex.Lock();
+        ready = true;
+        while (!flag)
+            condition.Wait(mutex);
+        mutex.Unlock();
+        // Still held once: nobody else may take it now.
+        EXPECT_TRUE(mutex.IsHeldByCurrentThread());
+        mutex.Unlock();
+        EXPECT_FALSE(mutex.IsHeldByCurrentThread());
+    });
+    while (!ready)
+        std::this_thread::yield();
+    mutex.Lock(); // only possible because the waiter released both levels
+    flag = true;
+    condition.Signal();
+    mutex.Unlock();
+    waiter.join();
+}
+
+TEST(Condition, TimedWaitInThePastReturnsFalseAndKeepsTheMutex)
+{
+    System::Mutex mutex;
+    System::Condition condition;
+    mutex.Lock();
+    EXPECT_FALSE(condition.TimedWait(mutex, System::Clock::now() - 1s));
+    EXPECT_TRUE(mutex.IsHeldByCurrentThread());
+    mutex.Unlock();
+
+    EXPECT_THROW(condition.Wait(mutex), System::Exception) << "waiting needs the mutex";
+}
+
+TEST(Condition, BroadcastWakesAllWaiters)
+{
+    System::Mutex mutex;
+    System::Condition condition;
+    int waiting = 0;
+    bool go = false;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i)
+        threads.emplace_back([&] {
+            System::MutexGuard guard(&mutex);
+            ++waiting;
+            while (!go)
+                condition.Wait(mutex);
+        });
+    for (;;) {
+        System::MutexGuard guard(&mutex);
+        if (waiting == 3) {
+            go = true;
+            condition.Broadcast();
+            break;
+        }
+    }
+    for (auto& t : threads)
+        t.join();
+}
+
+class Owner : public Tools::BasicLockable<System::Lockable> {};
+
+TEST(MutexGuard, RebindingReleasesTheOldMutexAndRefusesNulls)
+{
+    System::Mutex a, b;
+    EXPECT_THROW(System::MutexGuard(nullptr), System::Exception);
+    System::MutexGuard guard(&a);
+    EXPECT_TRUE(guard.Lock(&a));
+    EXPECT_TRUE(a.IsHeldByCurrentThread());
+    EXPECT_TRUE(guard.TryLock(&b));
+    EXPECT_FALSE(a.IsHeldByCurrentThread());
+    EXPECT_TRUE(b.IsHeldByCurrentThread());
+
+    std::thread([&] { a.Lock(); std::this_thread::sleep_for(50ms); a.Unlock(); }).detach();
+    while (!LockedElsewhere(a))
+        std::this_thread::yield();
+    EXPECT_FALSE(guard.TimedLock(&a, System::Clock::now() + 1ms));
+    EXPECT_FALSE(b.IsHeldByCurrentThread()) << "a failed rebind leaves the guard empty";
+    EXPECT_TRUE(guard.TimedLock(&a, System::Clock::now() + 5s));
+}
+
+TEST(SharedMutexGuard, ReleasesSafelyAfterTheOwnerDied)
+{
+    auto owner = std::make_shared<Owner>();
+    std::weak_ptr<System::Mutex> mutex = owner->GetMutex();
+    {
+        System::SharedMutexGuard guard(owner);
+        owner.reset();
+        EXPECT_FALSE(mutex.expired());
+        EXPECT_TRUE(mutex.lock()->IsHeldByCurrentThread());
+    }
+    EXPECT_TRUE(mutex.expired());
+    EXPECT_THROW(System::SharedMutexGuard(std::shared_ptr<System::Mutex>()), System::Exception);
+    try {
+        System::SharedMutexGuard guard(static_cast<const System::Lockable*>(nullptr));
+        FAIL();
+    } catch (const System::Exception& e) {
+        EXPECT_EQ("No lockable object passed.", e.GetMessage());
+    }
+}
+
+}

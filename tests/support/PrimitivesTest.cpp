@@ -1,0 +1,99 @@
+#include "support/Allocator.h"
+#include "support/ByteOrder.h"
+#include "support/Exception.h"
+#include "support/Signal.h"
+#include "support/TrackableObject.h"
+#include "support/Version.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+using namespace QEL;
+
+namespace {
+
+std::string MessageOf(const std::function<void()>& f)
+{
+    try {
+        f();
+    } catch (const System::Exception& e) {
+        return e.GetMessage();
+    }
+    return "<no exception>";
+}
+
+TEST(Version, FormsAndFailures)
+{
+    EXPECT_EQ("1_0_1", Tools::Version(1, 0, 1).ToString('_'));
+    EXPECT_EQ("1.0.1", Tools::Version(1, 0, 1).ToString('.'));
+    EXPECT_EQ("2.15", Tools::Version("2.15").ToString('.'));
+    EXPECT_EQ(Tools::Version(18446744073709551615ull), Tools::Version("18446744073709551615"));
+    const std::uint64_t parts[] = {4, 5, 6, 7};
+    EXPECT_EQ("4.5.6.7", Tools::Version(parts, 4).ToString('.'));
+    EXPECT_EQ("No components passed.", MessageOf([&] { Tools::Version(parts, 0); }));
+    EXPECT_EQ("No components passed.", MessageOf([] { Tools::Version(nullptr, 2); }));
+    for (const char* bad : {"", "1..2", "1.x", "-1", "1.2.", "18446744073709551616"})
+        EXPECT_EQ("Invalid version string passed.", MessageOf([&] { Tools::Version{std::string(bad)}; })) << bad;
+}
+
+TEST(Allocator, SizesAndFailures)
+{
+    System::BasicAllocator allocator;
+    auto buffer = allocator.Allocate(100);
+    ASSERT_TRUE(buffer);
+    EXPECT_EQ(100u, buffer->GetSize());
+    EXPECT_NE(nullptr, buffer->GetData());
+    EXPECT_EQ("Invalid size passed.", MessageOf([&] { allocator.Allocate(0); }));
+}
+
+TEST(ByteOrder, SwapsInPlace)
+{
+    std::uint32_t value = 0x11223344;
+    System::SwapBytes(&value, sizeof value);
+    EXPECT_EQ(0x44332211u, value);
+    System::SwapBytes(&value, 1);
+    EXPECT_EQ(0x44332211u, value);
+    EXPECT_EQ("No data passed.", MessageOf([] { System::SwapBytes(nullptr, 4); }));
+    std::uint16_t probe = 1;
+    EXPECT_EQ(System::IsHostBigEndian(), *reinterpret_cast<std::uint8_t*>(&probe) == 0);
+}
+
+struct Listener : System::Object {
+    int calls = 0;
+    void OnValue(int v) { calls += v; }
+};
+
+class Tracked : public System::Object {};
+
+TEST(Signal, TrackedSlotsStopWhenTheirObjectDies)
+{
+    Tools::Signal<void(int)> signal;
+    int plain = 0;
+    auto connection = signal.Connect([&](int v) { plain += v; });
+    auto listener = std::make_shared<Listener>();
+    signal.Connect([raw = listener.get()](int v) { raw->OnValue(v); }, listener);
+
+    signal(2);
+    EXPECT_EQ(2, plain);
+    EXPECT_EQ(2, listener->calls);
+
+    std::weak_ptr<Listener> weak = listener;
+    listener.reset();
+    EXPECT_TRUE(weak.expired());
+    signal(3); // must not call into the dead listener
+    EXPECT_EQ(5, plain);
+
+    connection.disconnect();
+    signal(4);
+    EXPECT_EQ(5, plain);
+}
+
+TEST(TrackableObject, HandsOutSharedPointersToItself)
+{
+    auto object = std::make_shared<Tools::TrackableObject<Tracked>>();
+    EXPECT_EQ(object, object->GetShared());
+    EXPECT_EQ(object, object->GetWeak().lock());
+}
+
+}
