@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/Exception.h"
 #include "support/Mutex.h"
 
 #include <condition_variable>

@@ -4,72 +4,77 @@
 
 namespace QEL { namespace System {
 
-bool Mutex::AcquireRecursive()
-{
-    if (!IsHeldByCurrentThread())
-        return false;
-    ++count;
-    return true;
-}
-
-void Mutex::TakeOwnership()
+void Mutex::Take(std::size_t depth)
 {
     owner.store(std::this_thread::get_id(), std::memory_order_release);
-    count = 1;
+    count = depth;
 }
 
 void Mutex::Lock()
 {
-    if (AcquireRecursive())
+    std::unique_lock<std::mutex> lock(state);
+    if (IsHeldByCurrentThread()) {
+        ++count;
         return;
-    native.lock();
-    TakeOwnership();
+    }
+    released.wait(lock, [this] { return count == 0; });
+    Take(1);
 }
 
 bool Mutex::TryLock()
 {
-    if (AcquireRecursive())
+    std::lock_guard<std::mutex> lock(state);
+    if (IsHeldByCurrentThread()) {
+        ++count;
         return true;
-    if (!native.try_lock())
+    }
+    if (count != 0)
         return false;
-    TakeOwnership();
+    Take(1);
     return true;
 }
 
 bool Mutex::TimedLock(TimePoint absoluteTime)
 {
-    if (AcquireRecursive())
+    std::unique_lock<std::mutex> lock(state);
+    if (IsHeldByCurrentThread()) {
+        ++count;
         return true;
-    if (!native.try_lock_until(absoluteTime))
+    }
+    if (!released.wait_until(lock, absoluteTime, [this] { return count == 0; }))
         return false;
-    TakeOwnership();
+    Take(1);
     return true;
 }
 
 void Mutex::Unlock()
 {
+    std::lock_guard<std::mutex> lock(state);
     if (!IsHeldByCurrentThread())
         throw Exception("Mutex is not locked by this thread.");
     if (--count == 0) {
         owner.store(std::thread::id(), std::memory_order_release);
-        native.unlock();
+        released.notify_one();
     }
 }
 
 std::size_t Mutex::ReleaseFully()
 {
+    std::lock_guard<std::mutex> lock(state);
     if (!IsHeldByCurrentThread())
         throw Exception("Mutex is not locked by this thread.");
     std::size_t depth = count;
     count = 0;
     owner.store(std::thread::id(), std::memory_order_release);
+    released.notify_one();
     return depth;
 }
 
 void Mutex::Restore(std::size_t depth)
 {
-    owner.store(std::this_thread::get_id(), std::memory_order_release);
-    count = depth;
+    std::unique_lock<std::mutex> lock(state);
+    released.wait(lock, [this] { return count == 0; });
+    Take(depth);
 }
 
 } }

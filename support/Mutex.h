@@ -29,16 +29,16 @@ public:
 
     bool IsHeldByCurrentThread() const { return owner.load(std::memory_order_acquire) == std::this_thread::get_id(); }
 
-private:
-    friend class Condition;
-
-    bool AcquireRecursive();
-    void TakeOwnership();
-    // Releases all levels at once and returns how many there were.
+    // For condition waits: releases all levels at once and returns how many
+    // there were; Restore takes the mutex again with that depth.
     std::size_t ReleaseFully();
     void Restore(std::size_t depth);
 
-    std::timed_mutex native;
+private:
+    void Take(std::size_t depth);
+
+    std::mutex state;
+    std::condition_variable released;
     std::atomic<std::thread::id> owner{};
     std::size_t count = 0;
 };

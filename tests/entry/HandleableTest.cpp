@@ -42,7 +42,6 @@ std::pair<GC_ERROR, std::string> Failure(const std::function<void()>& f)
 
 const std::pair<GC_ERROR, std::string> kInvalid{GC_ERR_INVALID_HANDLE, "Invalid handle passed."};
 
-void* AsHandle(std::uint64_t id) { return reinterpret_cast<void*>(static_cast<std::uintptr_t>(id)); }
 
 TEST(Handles, LayoutAndStableValues)
 {
