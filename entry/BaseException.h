@@ -8,9 +8,9 @@
 namespace QEL { namespace Base {
 
 // A failure with its GenTL error code.
-class Exception : public virtual System::Exception {
+class Exception : public virtual QEL::System::Exception {
 public:
-    Exception(const std::string& text, GC_ERROR code) : System::Exception(text), code(code) {}
+    Exception(const std::string& text, GC_ERROR code) : QEL::System::Exception(text), code(code) {}
     ~Exception() override = default;
 
     virtual GC_ERROR GetCode() const { return code; }

@@ -30,7 +30,7 @@ std::shared_ptr<T> Allocate(const char* failure, Args&&... args)
     try {
         return std::make_shared<T>(std::forward<Args>(args)...);
     } catch (const std::bad_alloc&) {
-        throw System::Exception(failure);
+        throw QEL::System::Exception(failure);
     }
 }
 
@@ -54,8 +54,22 @@ void* BasicTransportLayer::MakeHandle(const std::shared_ptr<Handleable>& object)
 {
     if (!object)
         throw Exception("No object passed.", GC_ERR_INVALID_PARAMETER);
-    System::SharedMutexGuard guard(object->GetMutex());
+    QEL::System::SharedMutexGuard guard(object->GetMutex());
     return reinterpret_cast<void*>(static_cast<std::uintptr_t>(Handleable::GetHandle(object)));
+}
+
+void BasicTransportLayer::CheckInfoArguments(const INFO_DATATYPE* piType, const size_t* piSize) const
+{
+    if (!piType && !tolerateTypeNullptr)
+        throw Exception("No datatype passed.", GC_ERR_INVALID_PARAMETER);
+    if (!piSize)
+        throw Exception("No size passed.", GC_ERR_INVALID_PARAMETER);
+}
+
+void BasicTransportLayer::Require(const void* pointer, const char* message)
+{
+    if (!pointer)
+        throw Exception(message, GC_ERR_INVALID_PARAMETER);
 }
 
 GC_ERROR BasicTransportLayer::Fail(const Exception& error)
@@ -88,7 +102,7 @@ GC_ERROR BasicTransportLayer::InitLibrary(uint32_t flags)
         return GC_ERR_SUCCESS;
     } catch (const Exception& e) {
         return Fail(e);
-    } catch (const System::Exception& e) {
+    } catch (const QEL::System::Exception& e) {
         return Fail(Exception(e.GetMessage(), GC_ERR_ERROR));
     } catch (...) {
         return Fail(Exception("Could not init library.", GC_ERR_ERROR));
@@ -101,7 +115,7 @@ GC_ERROR BasicTransportLayer::GCCloseLib()
         return CloseLibrary();
     } catch (const Exception& e) {
         return Fail(e);
-    } catch (const System::Exception& e) {
+    } catch (const QEL::System::Exception& e) {
         return Fail(Exception(e.GetMessage(), GC_ERR_ERROR));
     } catch (...) {
         return Fail(Exception("Could not close library.", GC_ERR_ERROR));
@@ -119,7 +133,7 @@ GC_ERROR BasicTransportLayer::CloseLibrary()
     w->SetReadersBlocked(false);
     try {
         if (library) {
-            System::SharedMutexGuard guard(library);
+            QEL::System::SharedMutexGuard guard(library);
             if (library->IsOpen())
                 library->Close();
         }
@@ -134,13 +148,10 @@ GC_ERROR BasicTransportLayer::CloseLibrary()
 GC_ERROR BasicTransportLayer::GCGetInfo(TL_INFO_CMD iInfoCmd, INFO_DATATYPE* piType, void* pBuffer, size_t* piSize)
 {
     return RunBody("Could not get info.", [&] {
-        System::SharedMutexGuard guard(library);
+        QEL::System::SharedMutexGuard guard(library);
         if (!library->IsOpen())
             throw Exception("Library not open.", GC_ERR_NOT_INITIALIZED);
-        if (!piType && !tolerateTypeNullptr)
-            throw Exception("No datatype passed.", GC_ERR_INVALID_PARAMETER);
-        if (!piSize)
-            throw Exception("No size passed.", GC_ERR_INVALID_PARAMETER);
+        CheckInfoArguments(piType, piSize);
         if (pBuffer) {
             InfoPtr info = library->GetInfo(iInfoCmd);
             if (!info)

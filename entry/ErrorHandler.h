@@ -14,7 +14,7 @@ namespace QEL { namespace Tools {
 // serial number that is never reused, so a new handler never sees an error
 // that a thread stored in an earlier one.
 template <class E>
-class ErrorHandler : public virtual System::Object {
+class ErrorHandler : public virtual QEL::System::Object {
 public:
     ErrorHandler() : serial(NextSerial()) {}
     ~ErrorHandler() override

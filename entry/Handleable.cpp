@@ -9,7 +9,7 @@
 namespace QEL { namespace Base {
 
 namespace {
-System::StaticData::Anchor anchor;
+QEL::System::StaticData::Anchor anchor;
 }
 
 Handleable::~Handleable()
@@ -17,7 +17,7 @@ Handleable::~Handleable()
     if ((handleId & PositionMask) == 0)
         return;
     try {
-        auto data = System::StaticData::Get<Data>();
+        auto data = QEL::System::StaticData::Get<Data>();
         std::unique_lock<std::shared_mutex> lock(data->lock);
         auto& table = data->tables[handleId >> 56];
         std::size_t position = (handleId & PositionMask) - 1;
@@ -32,11 +32,11 @@ std::uint64_t Handleable::GetHandle(const std::shared_ptr<Handleable>& object)
 {
     if (!object)
         throw Exception("No object passed.", GC_ERR_INVALID_PARAMETER);
-    System::SharedMutexGuard guard(object->GetMutex());
+    QEL::System::SharedMutexGuard guard(object->GetMutex());
     if ((object->handleId & PositionMask) != 0)
         return object->handleId;
 
-    auto data = System::StaticData::Get<Data>();
+    auto data = QEL::System::StaticData::Get<Data>();
     std::unique_lock<std::shared_mutex> lock(data->lock);
     const std::uint64_t type = static_cast<std::uint8_t>(object->GetHandleType());
     auto& table = data->tables[type];
@@ -60,7 +60,7 @@ std::shared_ptr<Handleable> Handleable::FromHandle(std::uint64_t handle)
         throw Exception("Invalid handle passed.", GC_ERR_INVALID_HANDLE);
     std::shared_ptr<Handleable> object;
     {
-        auto data = System::StaticData::Get<Data>();
+        auto data = QEL::System::StaticData::Get<Data>();
         std::shared_lock<std::shared_mutex> lock(data->lock);
         const auto& table = data->tables[handle >> 56];
         std::uint64_t position = (handle & PositionMask) - 1;

@@ -14,7 +14,7 @@ namespace QEL { namespace Base {
 // and the table position + 1 in the low 56 bits; the tables hold weak
 // pointers, so a handle keeps nothing alive and a dead object's handle fails
 // cleanly.
-class Handleable : public virtual System::Lockable {
+class Handleable : public virtual QEL::System::Lockable {
 public:
     static constexpr std::uint64_t PositionMask = 0x00ffffffffffffffull;
 

@@ -12,7 +12,7 @@
 namespace QEL { namespace Base {
 
 // An immutable typed answer to a GenTL info query.
-class Info : public virtual System::Object {
+class Info : public virtual QEL::System::Object {
 public:
     virtual INFO_DATATYPE GetType() const = 0;
     virtual std::size_t GetSize() const = 0;

@@ -11,9 +11,9 @@ namespace QEL { namespace Base {
 
 // Admission tokens of the library. Bodies of exported calls hold a read token;
 // GCInitLib, GCInitLibEx and GCCloseLib hold the one write token.
-class ReadAccess : public virtual System::Object {};
+class ReadAccess : public virtual QEL::System::Object {};
 
-class WriteAccess : public virtual System::Object {
+class WriteAccess : public virtual QEL::System::Object {
 public:
     virtual void SetReadersBlocked(bool blocked) = 0;
     virtual bool AreReadersBlocked() const = 0;
@@ -24,7 +24,7 @@ public:
 
 // Readers-writer admission state: a writer blocks new readers at once and may
 // then wait for those inside; an uninitialised library turns readers away.
-class LibraryState : public virtual System::Object, public std::enable_shared_from_this<LibraryState> {
+class LibraryState : public virtual QEL::System::Object, public std::enable_shared_from_this<LibraryState> {
 public:
     // Both return an empty pointer instead of throwing.
     std::shared_ptr<ReadAccess> GetReadAccess();

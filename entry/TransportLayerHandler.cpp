@@ -8,7 +8,7 @@
 namespace QEL { namespace Base {
 
 namespace {
-System::StaticData::Anchor anchor;
+QEL::System::StaticData::Anchor anchor;
 }
 
 std::string OwnFilePath()
@@ -29,7 +29,7 @@ std::shared_ptr<TransportLayer> TransportLayerHandler::Get()
 {
     // A failed creation is retried by the next call; no exception may reach the consumer.
     try {
-        return System::StaticData::Get<Data>()->transportLayer;
+        return QEL::System::StaticData::Get<Data>()->transportLayer;
     } catch (...) {
         return nullptr;
     }

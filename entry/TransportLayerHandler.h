@@ -8,7 +8,7 @@
 namespace QEL { namespace Base {
 
 // The global road to the one transport layer of the process, created on first use.
-class TransportLayerHandler : public virtual System::Object {
+class TransportLayerHandler : public virtual QEL::System::Object {
 public:
     // Empty when the transport layer cannot be created.
     static std::shared_ptr<TransportLayer> Get();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "entry/Info.h"
+#include "framework/BaseRoles.h"
 #include "support/Lockable.h"
 
 #include <cstddef>
@@ -9,12 +10,14 @@
 namespace QEL { namespace Base {
 
 // The library role: answers GCGetInfo and owns the module tree while initialised.
-class Library : public virtual System::Lockable {
+class Library : public virtual QEL::System::Lockable {
 public:
     virtual void Close() = 0;
     virtual bool IsOpen() const = 0;
     virtual InfoPtr GetInfo(TL_INFO_CMD command) const = 0;
     virtual std::size_t GetInfoSize(TL_INFO_CMD command, INFO_DATATYPE* type) const = 0;
+    // The one System; TLOpen. Opened on first use, replaced when it was closed.
+    virtual std::shared_ptr<System> GetSystem() = 0;
 };
 
 } }

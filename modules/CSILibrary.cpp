@@ -38,6 +38,14 @@ std::size_t Library::GetInfoSize(TL_INFO_CMD command, INFO_DATATYPE* type) const
     return info->GetSize();
 }
 
+std::shared_ptr<Base::System> Library::GetSystem()
+{
+    if (!open)
+        throw Base::Exception("Library not open.", GC_ERR_NOT_INITIALIZED);
+    // The System module of the CSI transport is not part of this build yet.
+    throw Base::Exception("System module not available.", GC_ERR_NOT_IMPLEMENTED);
+}
+
 Base::InfoPtr Library::GetSystemInfo(const std::shared_ptr<const Settings>& settings, TL_INFO_CMD command)
 {
     using namespace Base;

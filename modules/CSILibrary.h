@@ -18,6 +18,7 @@ public:
     bool IsOpen() const override { return open; }
     Base::InfoPtr GetInfo(TL_INFO_CMD command) const override;
     std::size_t GetInfoSize(TL_INFO_CMD command, INFO_DATATYPE* type) const override;
+    std::shared_ptr<Base::System> GetSystem() override;
 
     // The System's info: works from the settings alone, before any module exists.
     static Base::InfoPtr GetSystemInfo(const std::shared_ptr<const Settings>& settings, TL_INFO_CMD command);

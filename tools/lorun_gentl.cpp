@@ -3,7 +3,9 @@
 
 #include <dlfcn.h>
 
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -22,8 +24,11 @@ struct Producer {
     GCInitLibFn initLib = nullptr;
     GCCloseLibFn closeLib = nullptr;
 
-    bool Load(const std::string& path)
+    bool Load(const std::string& given)
     {
+        // A bare file name would make dlopen search the library path instead of the folder at hand.
+        char resolved[PATH_MAX];
+        std::string path = realpath(given.c_str(), resolved) ? resolved : given;
         library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (!library) {
             std::fprintf(stderr, "Could not load %s: %s\n", path.c_str(), dlerror());

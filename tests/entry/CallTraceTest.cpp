@@ -1,3 +1,4 @@
+#include "entry/BasicTransportLayer.h"
 #include "entry/CallTrace.h"
 #include "support/Logger.h"
 
@@ -18,9 +19,9 @@ public:
 };
 
 // Answers GCGetLastError in a chosen way; nothing else is called by the trace.
-class FakeTransportLayer : public TransportLayer {
+class FakeTransportLayer : public BasicTransportLayer {
 public:
-    GC_ERROR GCGetInfo(TL_INFO_CMD, INFO_DATATYPE*, void*, size_t*) override { return GC_ERR_ERROR; }
+    std::shared_ptr<Library> CreateLibrary(uint32_t) override { return nullptr; }
     GC_ERROR GCGetLastError(GC_ERROR* code, char* text, size_t* size) override
     {
         ++calls;
@@ -32,9 +33,6 @@ public:
             std::strcpy(text, "Busy.");
         return GC_ERR_SUCCESS;
     }
-    GC_ERROR GCInitLib() override { return GC_ERR_ERROR; }
-    GC_ERROR GCInitLibEx(uint32_t) override { return GC_ERR_ERROR; }
-    GC_ERROR GCCloseLib() override { return GC_ERR_ERROR; }
     int calls = 0;
     int failAt = 0;
 };

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "entry/GenTL.h"
+#include "entry/Handleable.h"
+#include "framework/BaseEvent.h"
+
+#include <memory>
+#include <string>
+
+namespace QEL { namespace Base {
+
+// A GenTL module: it has events and a type name.
+class Module : public virtual Handleable {
+public:
+    virtual std::shared_ptr<Event> RegisterEvent(EVENT_TYPE eventType) = 0;
+    virtual void UnregisterEvent(EVENT_TYPE eventType) = 0;
+    virtual std::string GetTypeName() const = 0;
+};
+
+} }

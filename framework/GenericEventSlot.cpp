@@ -1,0 +1,95 @@
+#include "framework/GenericEventSlot.h"
+
+#include "entry/BaseException.h"
+#include "support/MutexGuard.h"
+
+#include <boost/signals2/shared_connection_block.hpp>
+
+#include <new>
+
+namespace QEL { namespace Base {
+
+GenericEventSlot::GenericEventSlot(EVENT_TYPE eventType, std::shared_ptr<EventSource> eventSource, bool flush)
+    : autoFlush(flush), type(eventType), source(std::move(eventSource))
+{
+    if (!source)
+        throw Exception("No generic event queue passed.", GC_ERR_INVALID_PARAMETER);
+    mutex = source->GetMutex();
+    if (!mutex)
+        throw Exception("Could not retrieve mutex from generic event queue.", GC_ERR_ERROR);
+}
+
+GenericEventSlot::~GenericEventSlot()
+{
+    flushConnection.disconnect();
+    try {
+        if (event)
+            event->Unregister();
+    } catch (...) {
+    }
+}
+
+std::shared_ptr<GenericEventSlot> GenericEventSlot::Create(EVENT_TYPE type, const std::shared_ptr<EventSource>& source,
+                                                           bool autoFlush)
+{
+    std::shared_ptr<GenericEventSlot> slot;
+    try {
+        slot = std::make_shared<GenericEventSlot>(type, source, autoFlush);
+    } catch (const std::bad_alloc&) {
+        throw Exception("Could not allocate generic event slot.", GC_ERR_ERROR);
+    }
+    if (autoFlush) {
+        QEL::System::SharedMutexGuard guard(slot->mutex);
+        slot->ArmAutoFlush();
+    }
+    return slot;
+}
+
+void GenericEventSlot::ArmAutoFlush()
+{
+    if (!source->IsEmpty())
+        source->Flush();
+    GenericEventSlot* raw = this;
+    flushConnection = source->GetDataSignal().Connect([raw] { raw->OnDataUnregistered(); }, GetShared<GenericEventSlot>());
+}
+
+void GenericEventSlot::OnDataUnregistered()
+{
+    QEL::System::SharedMutexGuard guard(mutex);
+    if (autoFlush && !event && !source->IsEmpty()) {
+        boost::signals2::shared_connection_block block(flushConnection);
+        source->Flush();
+    }
+}
+
+std::shared_ptr<Event> GenericEventSlot::Register()
+{
+    QEL::System::SharedMutexGuard guard(mutex);
+    if (event)
+        throw Exception("Event is already registered.", GC_ERR_RESOURCE_IN_USE);
+    event = GenericEvent::Create(type, source);
+    if (!event)
+        throw Exception("Could not allocate event.", GC_ERR_ERROR);
+    if (autoFlush)
+        flushConnection.disconnect();
+    return event;
+}
+
+void GenericEventSlot::Unregister()
+{
+    QEL::System::SharedMutexGuard guard(mutex);
+    if (!event)
+        throw Exception("Event is not registered.", GC_ERR_ERROR);
+    event->Unregister();
+    event.reset();
+    if (autoFlush)
+        ArmAutoFlush();
+}
+
+bool GenericEventSlot::IsRegistered() const
+{
+    QEL::System::SharedMutexGuard guard(mutex);
+    return static_cast<bool>(event);
+}
+
+} }
