@@ -58,7 +58,7 @@ public:
     {
         CheckAvailable();
         CheckMode(AccessKind::Read);
-        CheckArguments(buffer, size);
+        CheckAccessArguments(buffer, size);
         registers.Read(address, buffer, size);
     }
 
@@ -66,7 +66,7 @@ public:
     {
         CheckAvailable();
         CheckMode(AccessKind::Write);
-        CheckArguments(buffer, size);
+        CheckAccessArguments(buffer, size);
         registers.Write(address, buffer, size);
     }
 
@@ -161,16 +161,6 @@ private:
             throw Exception("Read access not permitted.", GC_ERR_ACCESS_DENIED);
         if (kind == AccessKind::Write && !CanWrite(accessMode))
             throw Exception("Write access not permitted.", GC_ERR_ACCESS_DENIED);
-    }
-
-    static void CheckArguments(const void* buffer, const std::size_t* size)
-    {
-        if (!buffer)
-            throw Exception("No buffer passed.", GC_ERR_INVALID_PARAMETER);
-        if (!size)
-            throw Exception("No size passed.", GC_ERR_INVALID_PARAMETER);
-        if (*size == 0)
-            throw Exception("Invalid size passed.", GC_ERR_INVALID_PARAMETER);
     }
 
     void Stacked(const Port::StackEntries& entries, std::size_t* count, AccessKind kind)

@@ -52,7 +52,7 @@ void BufferRegister::ResetBuffer()
 std::uint8_t* BufferRegister::Check(std::uint64_t offset, const void* data, std::size_t* size, AccessKind kind) const
 {
     // The buffer test sits between the size test and the range tests.
-    CheckRegisterAccess(data, size, 0, 1, kind, accessMode, false);
+    CheckAccessArguments(data, size);
     if (!buffer)
         throw Exception("Buffer not available.", GC_ERR_NOT_AVAILABLE);
     CheckRegisterAccess(data, size, offset, std::min(range.GetSize(), bufferSize), kind, accessMode);

@@ -140,6 +140,12 @@ bool GenericEvent::IsRegistered() const
     return registered;
 }
 
+std::size_t GenericEvent::GetWaiterCount() const
+{
+    QEL::System::SharedMutexGuard guard(mutex);
+    return waiting.size();
+}
+
 void GenericEvent::CheckRegistered() const
 {
     if (!registered)

@@ -59,6 +59,8 @@ public:
     std::size_t GetInfoSize(EVENT_INFO_CMD cmd, INFO_DATATYPE* dataType) const override;
 
     void Unregister();
+    // Number of threads blocked in GetData right now.
+    std::size_t GetWaiterCount() const;
 
 private:
     void CheckRegistered() const;

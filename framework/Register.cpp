@@ -4,8 +4,7 @@
 
 namespace QEL { namespace Base {
 
-void CheckRegisterAccess(const void* buffer, const std::size_t* size, std::uint64_t offset, std::uint64_t registerSize,
-                         AccessKind kind, std::uint32_t accessMode, bool checkMode)
+void CheckAccessArguments(const void* buffer, const std::size_t* size)
 {
     if (!buffer)
         throw Exception("No buffer passed.", GC_ERR_INVALID_PARAMETER);
@@ -13,6 +12,12 @@ void CheckRegisterAccess(const void* buffer, const std::size_t* size, std::uint6
         throw Exception("No size passed.", GC_ERR_INVALID_PARAMETER);
     if (*size == 0)
         throw Exception("Invalid size passed.", GC_ERR_INVALID_PARAMETER);
+}
+
+void CheckRegisterAccess(const void* buffer, const std::size_t* size, std::uint64_t offset, std::uint64_t registerSize,
+                         AccessKind kind, std::uint32_t accessMode, bool checkMode)
+{
+    CheckAccessArguments(buffer, size);
     if (offset >= registerSize)
         throw Exception("Invalid address passed.", GC_ERR_INVALID_PARAMETER);
     if (*size > registerSize - offset)

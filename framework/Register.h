@@ -36,6 +36,9 @@ public:
 
 enum class AccessKind { Read, Write };
 
+// The first tests of every access: the pointers and a size above zero.
+void CheckAccessArguments(const void* buffer, const std::size_t* size);
+
 // The tests every register runs before an access, in their fixed order:
 // pointers, size, the range inside the register, and (unless skipped) the
 // access mode.
