@@ -1,0 +1,120 @@
+#include "libcsi/OsSeam.h"
+
+#include "libcsi/include/libcsi/qel_csi2_driver.h"
+#include "sim/VirtualSystem.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+namespace QEL { namespace Os {
+
+namespace {
+
+class RealSystem : public Backend {
+public:
+    int Open(const char* path, int flags) override { return ::open(path, flags); }
+    int Close(int fd) override { return ::close(fd); }
+    int Ioctl(int fd, unsigned long request, void* argument) override { return ::ioctl(fd, request, argument); }
+    ssize_t Read(int fd, void* buffer, std::size_t size) override { return ::read(fd, buffer, size); }
+    off_t Lseek(int fd, off_t offset, int whence) override { return ::lseek(fd, offset, whence); }
+    int Select(int nfds, fd_set* r, fd_set* w, fd_set* e, timeval* t) override { return ::select(nfds, r, w, e, t); }
+    void* Mmap(void* address, std::size_t length, int protection, int flags, int fd, off_t offset) override
+    {
+        return ::mmap(address, length, protection, flags, fd, offset);
+    }
+    int Munmap(void* address, std::size_t length) override { return ::munmap(address, length); }
+    std::vector<std::string> ListDirectory(const char* path) override
+    {
+        std::vector<std::string> names;
+        DIR* folder = ::opendir(path);
+        if (!folder)
+            return names;
+        while (dirent* entry = ::readdir(folder))
+            if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
+                names.push_back(entry->d_name);
+        ::closedir(folder);
+        return names;
+    }
+};
+
+// A real CSI-2 driver on this machine rules the virtual camera out.
+bool RealDriverPresent()
+{
+    RealSystem real;
+    for (const std::string& entry : real.ListDirectory("/sys/class/video4linux")) {
+        std::string path = "/sys/class/video4linux/" + entry + "/if_name";
+        if (FILE* file = std::fopen(path.c_str(), "r")) {
+            char name[64] = {};
+            bool matches = std::fgets(name, sizeof name, file) && strncasecmp(name, QEL_CSI2_INTERFACE_NAME, 11) == 0;
+            std::fclose(file);
+            if (matches)
+                return true;
+        }
+    }
+    return false;
+}
+
+std::shared_ptr<Backend> Choose()
+{
+    const char* description = std::getenv("LORUN_VIRTUAL_CAMERA");
+    if (!description || !*description)
+        return nullptr;
+    if (RealDriverPresent()) {
+        std::fprintf(stderr, "LORUN_VIRTUAL_CAMERA ignored: a real CSI-2 driver is present.\n");
+        return nullptr;
+    }
+    try {
+        return Sim::VirtualSystem::FromFile(description);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "LORUN_VIRTUAL_CAMERA ignored: %s\n", e.what());
+        return nullptr;
+    }
+}
+
+std::mutex installLock;
+std::shared_ptr<Backend> installed;
+// Backends that were replaced stay alive: a thread may still be inside one.
+std::vector<std::shared_ptr<Backend>> retired;
+std::atomic<Backend*> current{nullptr};
+std::once_flag chosen;
+
+}
+
+Backend& RealBackend()
+{
+    static RealSystem* real = new RealSystem;
+    return *real;
+}
+
+Backend& Current()
+{
+    std::call_once(chosen, [] {
+        std::lock_guard<std::mutex> lock(installLock);
+        if (!current.load()) {
+            installed = Choose();
+            current.store(installed ? installed.get() : &RealBackend());
+        }
+    });
+    return *current.load(std::memory_order_acquire);
+}
+
+void Install(std::shared_ptr<Backend> backend)
+{
+    std::call_once(chosen, [] {});
+    std::lock_guard<std::mutex> lock(installLock);
+    if (installed)
+        retired.push_back(installed);
+    installed = std::move(backend);
+    current.store(installed ? installed.get() : &RealBackend(), std::memory_order_release);
+}
+
+} }

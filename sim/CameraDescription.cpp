@@ -1,0 +1,160 @@
+#include "sim/CameraDescription.h"
+
+#include "sim/PixelFormats.h"
+
+#include <boost/property_tree/ini_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+
+#include <fstream>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <stdexcept>
+
+namespace QEL { namespace Sim {
+
+namespace {
+
+using Tree = boost::property_tree::ptree;
+
+std::uint64_t Number(const std::string& text)
+{
+    std::size_t used = 0;
+    std::uint64_t value = std::stoull(text, &used, 0);
+    if (used != text.size())
+        throw std::invalid_argument("not a number: '" + text + "'");
+    return value;
+}
+
+std::uint32_t Version(const std::string& text)
+{
+    unsigned major = 0, minor = 0, patch = 0;
+    if (std::sscanf(text.c_str(), "%u.%u.%u", &major, &minor, &patch) != 3)
+        throw std::invalid_argument("not a version: '" + text + "'");
+    return major << 16 | minor << 8 | patch;
+}
+
+// Applies each key of a section through its setter; a key without one is an error.
+void Apply(const Tree& section, const std::string& name,
+           const std::map<std::string, std::function<void(const std::string&)>>& setters)
+{
+    for (const auto& [key, value] : section) {
+        auto setter = setters.find(key);
+        if (setter == setters.end())
+            throw std::invalid_argument("unknown key '" + key + "' in [" + name + "]");
+        try {
+            setter->second(value.data());
+        } catch (const std::exception& e) {
+            throw std::invalid_argument("bad value of '" + key + "' in [" + name + "]: " + e.what());
+        }
+    }
+}
+
+template <class T>
+std::function<void(const std::string&)> Into(T& target)
+{
+    return [&target](const std::string& text) {
+        if constexpr (std::is_same_v<T, std::string>)
+            target = text;
+        else if constexpr (std::is_same_v<T, bool>)
+            target = Number(text) != 0;
+        else if constexpr (std::is_same_v<T, double>)
+            target = std::stod(text);
+        else
+            target = static_cast<T>(Number(text));
+    };
+}
+
+CameraDescription ReadCamera(const Tree& section, const std::string& name)
+{
+    CameraDescription c;
+    Apply(section, name,
+          {{"node", Into(c.node)},
+           {"port", Into(c.port)},
+           {"bus", Into(c.bus)},
+           {"address", Into(c.address)},
+           {"manufacturer", Into(c.manufacturer)},
+           {"model", Into(c.model)},
+           {"family", Into(c.family)},
+           {"device_version", Into(c.deviceVersion)},
+           {"manufacturer_info", Into(c.manufacturerInfo)},
+           {"serial_number", Into(c.serialNumber)},
+           {"user_defined_name", Into(c.userDefinedName)},
+           {"guid", Into(c.guid)},
+           {"string_encoding", Into(c.stringEncoding)},
+           {"width", Into(c.width)},
+           {"height", Into(c.height)},
+           {"width_max", Into(c.widthMax)},
+           {"height_max", Into(c.heightMax)},
+           {"pixel_format", Into(c.pixelFormat)},
+           {"frame_rate", Into(c.frameRate)},
+           {"bus_speed", Into(c.busSpeed)},
+           {"bus_timing", Into(c.busTiming)},
+           {"layout_version", Into(c.layoutVersion)},
+           {"cci_layout_version", Into(c.cciLayoutVersion)},
+           {"device_capabilities", Into(c.deviceCapabilities)},
+           {"gencp_in_buffer_size", Into(c.gencpInBufferSize)},
+           {"gencp_out_buffer_size", Into(c.gencpOutBufferSize)},
+           {"mode_switch_delay_ms", Into(c.modeSwitchDelayMs)},
+           {"lane_mask", Into(c.laneMask)},
+           {"clock_min_hz", Into(c.clockMinHz)},
+           {"clock_max_hz", Into(c.clockMaxHz)},
+           {"firmware_version", Into(c.firmwareVersion)},
+           {"available", Into(c.available)}});
+    PixelFormatByName(c.pixelFormat);
+    if (c.width == 0 || c.height == 0 || c.width > c.widthMax || c.height > c.heightMax)
+        throw std::invalid_argument("bad geometry in [" + name + "]");
+    if (c.stringEncoding > 2)
+        throw std::invalid_argument("string_encoding must be 0, 1 or 2 in [" + name + "]");
+    c.deviceCapabilities = (c.deviceCapabilities & ~std::uint64_t{0xF0}) | (std::uint64_t{c.stringEncoding} << 4);
+    return c;
+}
+
+}
+
+SystemDescription SystemDescription::FromText(const std::string& text)
+{
+    Tree tree;
+    std::istringstream in(text);
+    boost::property_tree::ini_parser::read_ini(in, tree);
+    SystemDescription d;
+    for (const auto& [name, section] : tree) {
+        if (name == "system") {
+            std::string interfaceVersion;
+            Apply(section, name,
+                  {{"board", Into(d.board)},
+                   {"driver_version", Into(d.driverVersion)},
+                   {"interface_version", [&](const std::string& t) { d.interfaceVersion = Version(t); }},
+                   {"driver_info", Into(d.driverInfo)},
+                   {"usrptr_alignment", Into(d.usrptrAlignment)},
+                   {"ipu_x_min", Into(d.ipuXMin)},
+                   {"ipu_x_max", Into(d.ipuXMax)},
+                   {"ipu_x_inc", Into(d.ipuXInc)},
+                   {"ipu_y_min", Into(d.ipuYMin)},
+                   {"ipu_y_max", Into(d.ipuYMax)},
+                   {"ipu_y_inc", Into(d.ipuYInc)},
+                   {"min_announced_frames", Into(d.minAnnouncedFrames)},
+                   {"statistics_capabilities", Into(d.statisticsCapabilities)}});
+            static const char* const boards[] = {"nitrogen", "wandboard", "tegra", "imx8", "imx8m", "imx8x"};
+            if (std::find(std::begin(boards), std::end(boards), d.board) == std::end(boards))
+                throw std::invalid_argument("unknown board '" + d.board + "'");
+        } else if (name.compare(0, 6, "camera") == 0) {
+            d.cameras.push_back(ReadCamera(section, name));
+        } else {
+            throw std::invalid_argument("unknown section [" + name + "]");
+        }
+    }
+    return d;
+}
+
+SystemDescription SystemDescription::FromFile(const std::string& path)
+{
+    std::ifstream in(path);
+    if (!in)
+        throw std::invalid_argument("cannot read camera description '" + path + "'");
+    std::stringstream text;
+    text << in.rdbuf();
+    return FromText(text.str());
+}
+
+} }

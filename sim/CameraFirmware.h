@@ -1,0 +1,98 @@
+#pragma once
+
+#include "sim/CameraDescription.h"
+#include "sim/Faults.h"
+#include "sim/MemoryMap.h"
+#include "sim/PixelFormats.h"
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <vector>
+
+namespace QEL { namespace Sim {
+
+// The firmware of one virtual camera: the CCI registers on its control bus,
+// the GenCP target behind the handshake registers, its memory (bootstrap
+// registers, manifest, GenApi document, features) and the frames it sends.
+class CameraFirmware {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    CameraFirmware(const CameraDescription& description, FaultPlan& faults);
+
+    // One I2C transfer at a 16-bit register address; returns 0 or an errno value.
+    int ReadCCI(std::uint16_t address, std::uint8_t* data, std::size_t size);
+    int WriteCCI(std::uint16_t address, const std::uint8_t* data, std::size_t size);
+
+    // The image the camera would send now.
+    struct FrameGeometry {
+        std::uint32_t width, height, offsetX, offsetY;
+        const PixelFormat* format;
+        std::uint32_t pattern;
+        std::uint64_t imageBytes;   // valid payload
+        std::uint64_t payloadSize;  // valid payload padded to the IPU geometry
+        std::uint32_t ipuX, ipuY;
+    };
+    FrameGeometry Geometry();
+
+    // True while the camera is acquiring (AcquisitionStart, or the stream enabled in its SIRM).
+    bool IsAcquiring();
+    double FrameRate();
+
+    // Writes leader, payload and trailer into `buffer` of `size` bytes; false
+    // when the frame did not fit (the buffer then holds what did).
+    bool RenderFrame(std::uint8_t* buffer, std::size_t size, std::uint64_t blockID, std::uint64_t timestamp);
+
+    // Direct access for tests and for the driver's bookkeeping.
+    std::uint64_t ReadValue(std::uint64_t address);
+    void WriteValue(std::uint64_t address, std::uint64_t value);
+    std::uint8_t GetDeviceMode();
+    const std::string& GetXML() const { return xml; }
+    const CameraDescription& GetDescription() const { return description; }
+    void StartAcquisition();
+    void StopAcquisition();
+    // Counts of GenCP commands served, for tests.
+    std::uint64_t GetCommandCount();
+
+private:
+    struct PendingAnswer {
+        std::vector<std::uint8_t> packet;
+        Clock::time_point readyAt;
+    };
+
+    FrameGeometry ComputeGeometry();
+    void BuildMemory();
+    void ResetState();
+    // Brings time-driven state up to date: mode switches, taken packets, answers.
+    void Advance();
+    void TakeOutPacket();
+    std::vector<std::uint8_t> Serve(const std::vector<std::uint8_t>& command, std::uint16_t& requestId);
+    std::vector<std::uint8_t> Answer(std::uint16_t status, std::uint16_t commandId, std::uint16_t requestId,
+                                     const std::vector<std::uint8_t>& payload);
+    void BusDelay(std::size_t bytes) const;
+    std::uint32_t CciValue(std::uint16_t address, std::size_t size);
+    void SetCciValue(std::uint16_t address, std::size_t size, std::uint32_t value);
+
+    const CameraDescription description;
+    FaultPlan& faults;
+    std::mutex mutex;
+    std::vector<std::uint8_t> cci;
+    MemoryMap memory;
+    std::string xml;
+
+    std::uint8_t mode = 0;
+    std::uint8_t targetMode = 0;
+    Clock::time_point modeReadyAt{};
+    Clock::time_point packetTakenAt{};
+    bool packetWaiting = false;
+    bool handshakeStuck = false;
+    std::deque<PendingAnswer> answers;
+    bool acquiring = false;
+    std::uint64_t commands = 0;
+};
+
+std::uint32_t GenCPCrc32(const std::uint8_t* data, std::size_t size);
+
+} }

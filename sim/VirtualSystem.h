@@ -1,0 +1,87 @@
+#pragma once
+
+#include "libcsi/OsSeam.h"
+#include "sim/CameraDescription.h"
+#include "sim/CameraFirmware.h"
+#include "sim/Faults.h"
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+
+namespace QEL { namespace Sim {
+
+class Scheduler;
+
+// The virtual camera seen from libcsi: a user-space model of the CSI-2 kernel
+// driver (sysfs tree, V4L2 nodes, private ioctls, buffers, frame timing) over
+// the firmware of each camera. It serves libcsi as an OS backend; paths and
+// descriptors that are not its own pass to the real system.
+class VirtualSystem : public Os::Backend, public std::enable_shared_from_this<VirtualSystem> {
+public:
+    static std::shared_ptr<VirtualSystem> FromFile(const std::string& path);
+    explicit VirtualSystem(const SystemDescription& description);
+    ~VirtualSystem() override;
+
+    // The OS backend.
+    int Open(const char* path, int flags) override;
+    int Close(int fd) override;
+    int Ioctl(int fd, unsigned long request, void* argument) override;
+    ssize_t Read(int fd, void* buffer, std::size_t size) override;
+    off_t Lseek(int fd, off_t offset, int whence) override;
+    int Select(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, timeval* timeout) override;
+    void* Mmap(void* address, std::size_t length, int protection, int flags, int fd, off_t offset) override;
+    int Munmap(void* address, std::size_t length) override;
+    std::vector<std::string> ListDirectory(const char* path) override;
+
+    // Control of the model, for tests and for users without hardware.
+    std::size_t GetCameraCount() const { return cameras.size(); }
+    CameraFirmware& GetFirmware(std::size_t camera);
+    const SystemDescription& GetDescription() const { return description; }
+    void SetAvailable(std::size_t camera, bool available);
+    void InjectFault(std::size_t camera, Fault fault, std::uint32_t count, std::uint64_t value = 0);
+    // Makes the named ioctl (its request number) fail with `error` the next `count` times.
+    void FailIoctl(std::size_t camera, unsigned long request, int error, std::uint32_t count);
+    void ClearFaults(std::size_t camera);
+    // Frames the camera produced, and those it lost for want of a queued buffer.
+    std::uint64_t GetFramesSent(std::size_t camera);
+    std::uint64_t GetFramesLost(std::size_t camera);
+    bool IsStreaming(std::size_t camera);
+
+private:
+    struct Attribute;
+    struct Camera;
+    struct OpenFile;
+
+    void BuildTree();
+    void AddAttribute(const std::string& path, const std::string& value, Camera* camera = nullptr);
+    void SetAttribute(const std::shared_ptr<Attribute>& attribute, const std::string& value);
+    void NotifyWaiters();
+    std::shared_ptr<OpenFile> Find(int fd);
+    int NodeIoctl(Camera& camera, unsigned long request, void* argument);
+    int I2CIoctl(Camera& camera, unsigned long request, void* argument);
+    int BufferIoctl(Camera& camera, unsigned long request, void* argument);
+    void StartStreaming(Camera& camera);
+    void StopStreaming(Camera& camera, std::unique_lock<std::mutex>& lock);
+    void FrameLoop(Camera& camera);
+    void Complete(const std::shared_ptr<Attribute>& attribute, Fault hang, Camera& camera);
+    // Readiness of a virtual descriptor, under the model lock.
+    bool IsReadable(const OpenFile& file);
+    bool HasException(const OpenFile& file);
+    std::uint32_t DriverVersion() const;
+
+    const SystemDescription description;
+    std::mutex mutex;
+    std::vector<std::unique_ptr<Camera>> cameras;
+    std::map<std::string, std::shared_ptr<Attribute>> attributes;
+    std::map<int, std::shared_ptr<OpenFile>> files;
+    std::set<int> waiters; // write ends of the pipes of threads in Select
+    std::unique_ptr<Scheduler> scheduler;
+};
+
+} }
