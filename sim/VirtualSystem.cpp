@@ -1,6 +1,7 @@
 #include "sim/VirtualSystem.h"
 
 #include "libcsi/include/libcsi/qel_csi2_driver.h"
+#include "sim/CameraMap.h"
 #include "sim/Scheduler.h"
 #include "sim/VirtualSystemState.h"
 
@@ -83,6 +84,11 @@ VirtualSystem::VirtualSystem(const SystemDescription& system) : description(syst
         camera->index = i;
         camera->description = description.cameras[i];
         camera->firmware = std::make_unique<CameraFirmware>(camera->description, camera->faults);
+        // Until a host writes its own, the camera knows the restrictions of this board.
+        const std::uint32_t restrictions[] = {description.ipuXMin, description.ipuXMax, description.ipuXInc,
+                                              description.ipuYMin, description.ipuYMax, description.ipuYInc};
+        for (int r = 0; r < 6; ++r)
+            camera->firmware->WriteValue(CameraMap::Sirm + 56 + 4 * r, restrictions[r]);
         camera->node = camera->description.node;
         cameras.push_back(std::move(camera));
     }
