@@ -63,9 +63,10 @@ bool RealDriverPresent()
     return false;
 }
 
-std::shared_ptr<Backend> Choose()
+}
+
+std::shared_ptr<Backend> ChooseBackend(const char* description)
 {
-    const char* description = std::getenv("LORUN_VIRTUAL_CAMERA");
     if (!description || !*description)
         return nullptr;
     if (RealDriverPresent()) {
@@ -79,6 +80,8 @@ std::shared_ptr<Backend> Choose()
         return nullptr;
     }
 }
+
+namespace {
 
 std::mutex installLock;
 std::shared_ptr<Backend> installed;
@@ -100,7 +103,7 @@ Backend& Current()
     std::call_once(chosen, [] {
         std::lock_guard<std::mutex> lock(installLock);
         if (!current.load()) {
-            installed = Choose();
+            installed = ChooseBackend(std::getenv("LORUN_VIRTUAL_CAMERA"));
             current.store(installed ? installed.get() : &RealBackend());
         }
     });

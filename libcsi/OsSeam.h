@@ -35,6 +35,10 @@ Backend& RealBackend();
 // file and no real CSI-2 driver is present; the real system otherwise.
 Backend& Current();
 
+// The virtual camera for the description file at `path`, or null when none
+// is to be used: no path, a real CSI-2 driver present, or an unusable file.
+std::shared_ptr<Backend> ChooseBackend(const char* path);
+
 // For tests: put a backend in force, or with null go back to the real system.
 void Install(std::shared_ptr<Backend> backend);
 

@@ -235,6 +235,17 @@ void CameraFirmware::BuildMemory()
             return MemoryMap::Success;
         };
     };
+    // The indirect ASIC registers: an address register and a data register.
+    asic = {{0x50000400, 0x00000010}, {0x50000404, 0x00000020}, {0x50000408, 0x00000030}, {0x5000040C, 0x00000040},
+            {0x60022064, 4},          {0x60022068, 36},         {0x6002206C, 4},          {0x60022070, 44},
+            {0x60022074, 148},        {0x60022078, 88}};
+    memory.AddValue(AsicAddress, 4, 0, true);
+    MemoryMap::Field& data = memory.AddValue(AsicData, 4, 0, true);
+    data.onRead = [this](MemoryMap::Field& f) { Put<std::uint32_t>(f.bytes, 0, asic[static_cast<std::uint32_t>(memory.GetValue(AsicAddress))]); };
+    data.onWrite = [this](MemoryMap::Field&, std::vector<std::uint8_t>& v) {
+        asic[static_cast<std::uint32_t>(memory.GetValue(AsicAddress))] = static_cast<std::uint32_t>(Value(v));
+        return MemoryMap::Success;
+    };
     addCommand(AcquisitionStart, true);
     addCommand(AcquisitionStop, false);
     addCommand(AcquisitionAbort, false);

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <vector>
 
@@ -91,6 +92,7 @@ private:
     std::deque<PendingAnswer> answers;
     bool acquiring = false;
     std::uint64_t commands = 0;
+    std::map<std::uint32_t, std::uint32_t> asic;
 };
 
 std::uint32_t GenCPCrc32(const std::uint8_t* data, std::size_t size);

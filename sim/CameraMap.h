@@ -57,6 +57,10 @@ constexpr std::uint64_t AcquisitionStart = 0x10220000;
 constexpr std::uint64_t AcquisitionStop = 0x10220010;
 constexpr std::uint64_t AcquisitionAbort = 0x10220020;
 
+// The ASIC behind the camera's registers, reached indirectly.
+constexpr std::uint64_t AsicAddress = 0xF0000100;
+constexpr std::uint64_t AsicData = 0xF0000104;
+
 // GenCP commands and statuses.
 constexpr std::uint16_t ReadMemCmd = 0x0800;
 constexpr std::uint16_t ReadMemAck = 0x0801;

@@ -321,7 +321,8 @@ int VirtualSystem::BufferIoctl(Camera& camera, unsigned long request, void* argu
         if (buf.type != V4L2_BUF_TYPE_VIDEO_CAPTURE)
             return Fail(EINVAL);
         if (buf.memory == V4L2_MEMORY_USERPTR) {
-            if (buf.index >= camera.userBuffers || buf.m.userptr == 0 || buf.length < camera.frameSize)
+            if (buf.index >= camera.userBuffers || buf.m.userptr == 0 || buf.length < camera.frameSize ||
+                (description.usrptrAlignment > 1 && buf.m.userptr % description.usrptrAlignment != 0))
                 return Fail(EINVAL);
             Camera::Buffer& buffer = camera.buffers[buf.index];
             if (buffer.memory == V4L2_MEMORY_MMAP)

@@ -7,6 +7,8 @@
 
 #include <linux/videodev2.h>
 
+#include <stdexcept>
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -442,6 +444,44 @@ void VirtualSystem::FailIoctl(std::size_t camera, unsigned long request, int err
         failing.erase(request);
     else
         failing[request] = {error, count};
+}
+
+void VirtualSystem::FailIoctl(std::size_t camera, const std::string& name, int error, std::uint32_t count)
+{
+    static const std::map<std::string, unsigned long> requests = {
+        {"VIDIOC_QUERYCAP", VIDIOC_QUERYCAP},
+        {"VIDIOC_S_FMT", VIDIOC_S_FMT},
+        {"VIDIOC_REQBUFS", VIDIOC_REQBUFS},
+        {"VIDIOC_QUERYBUF", VIDIOC_QUERYBUF},
+        {"VIDIOC_QBUF", VIDIOC_QBUF},
+        {"VIDIOC_DQBUF", VIDIOC_DQBUF},
+        {"VIDIOC_ENUMINPUT", VIDIOC_ENUMINPUT},
+        {"VIDIOC_S_INPUT", VIDIOC_S_INPUT},
+        {"VIDIOC_R_I2C", VIDIOC_R_I2C},
+        {"VIDIOC_W_I2C", VIDIOC_W_I2C},
+        {"VIDIOC_MEM_ALLOC", VIDIOC_MEM_ALLOC},
+        {"VIDIOC_MEM_FREE", VIDIOC_MEM_FREE},
+        {"VIDIOC_FLUSH_FRAMES", VIDIOC_FLUSH_FRAMES},
+        {"VIDIOC_STREAMSTAT", VIDIOC_STREAMSTAT},
+        {"VIDIOC_RESET_STREAMSTAT", VIDIOC_RESET_STREAMSTAT},
+        {"VIDIOC_STREAMON_EX", VIDIOC_STREAMON_EX},
+        {"VIDIOC_STREAMOFF_EX", VIDIOC_STREAMOFF_EX},
+        {"VIDIOC_G_STATISTICS_CAPABILITIES", VIDIOC_G_STATISTICS_CAPABILITIES},
+        {"VIDIOC_G_MIN_ANNOUNCED_FRAMES", VIDIOC_G_MIN_ANNOUNCED_FRAMES},
+        {"VIDIOC_G_SUPPORTED_LANE_COUNTS", VIDIOC_G_SUPPORTED_LANE_COUNTS},
+        {"VIDIOC_G_CSI_CLOCK_RANGES", VIDIOC_G_CSI_CLOCK_RANGES},
+        {"VIDIOC_G_IPU_RESTRICTIONS", VIDIOC_G_IPU_RESTRICTIONS},
+        {"VIDIOC_G_GENCP_BUFFER_SIZES", VIDIOC_G_GENCP_BUFFER_SIZES},
+        {"VIDIOC_G_DATA_IDENTIFIERS", VIDIOC_G_DATA_IDENTIFIERS},
+        {"VIDIOC_G_I2C_CLOCK_FREQ", VIDIOC_G_I2C_CLOCK_FREQ},
+        {"VIDIOC_G_DRIVER_INFO", VIDIOC_G_DRIVER_INFO},
+        {"VIDIOC_G_CSI_CONFIG", VIDIOC_G_CSI_CONFIG},
+        {"VIDIOC_S_CSI_CONFIG", VIDIOC_S_CSI_CONFIG},
+    };
+    auto request = requests.find(name);
+    if (request == requests.end())
+        throw std::invalid_argument("unknown ioctl '" + name + "'");
+    FailIoctl(camera, request->second, error, count);
 }
 
 void VirtualSystem::ClearFaults(std::size_t camera)

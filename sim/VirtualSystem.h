@@ -47,6 +47,8 @@ public:
     void InjectFault(std::size_t camera, Fault fault, std::uint32_t count, std::uint64_t value = 0);
     // Makes the named ioctl (its request number) fail with `error` the next `count` times.
     void FailIoctl(std::size_t camera, unsigned long request, int error, std::uint32_t count);
+    // The same by the ioctl's name, such as "VIDIOC_DQBUF"; an unknown name throws.
+    void FailIoctl(std::size_t camera, const std::string& name, int error, std::uint32_t count);
     void ClearFaults(std::size_t camera);
     // Frames the camera produced, and those it lost for want of a queued buffer.
     std::uint64_t GetFramesSent(std::size_t camera);

@@ -169,3 +169,57 @@ TEST(Seam, PathsAndDescriptorsOfTheRealSystemPassThrough)
 }
 
 }
+
+namespace {
+
+TEST(Seam, TheVirtualCameraIsChosenOnlyByADescriptionFile)
+{
+    EXPECT_EQ(nullptr, QEL::Os::ChooseBackend(nullptr));
+    EXPECT_EQ(nullptr, QEL::Os::ChooseBackend(""));
+    EXPECT_EQ(nullptr, QEL::Os::ChooseBackend("/nonexistent/cameras.ini")) << "an unusable file is no selection";
+    char path[] = "/tmp/lorun-cameras-XXXXXX";
+    int fd = ::mkstemp(path);
+    ASSERT_GE(fd, 0);
+    const std::string text = "[camera0]\nnode = video5\n";
+    ASSERT_EQ(static_cast<ssize_t>(text.size()), ::write(fd, text.data(), text.size()));
+    ::close(fd);
+    auto backend = QEL::Os::ChooseBackend(path);
+    ::unlink(path);
+    ASSERT_NE(nullptr, backend);
+    EXPECT_EQ(std::vector<std::string>{"video5"}, backend->ListDirectory("/sys/class/video4linux"));
+
+    // Installed, it is what libcsi's calls reach; without it, the real system.
+    QEL::Os::Install(backend);
+    EXPECT_EQ(backend.get(), &QEL::Os::Current());
+    QEL::Os::Install(nullptr);
+    EXPECT_EQ(&QEL::Os::RealBackend(), &QEL::Os::Current());
+}
+
+TEST(Driver, IoctlsFailByName)
+{
+    Harness h;
+    int fd = h.OpenNode();
+    h.system->FailIoctl(0, "VIDIOC_G_DRIVER_INFO", ENOTTY, 2);
+    qel_driver_info info{};
+    EXPECT_EQ(-1, h.system->Ioctl(fd, VIDIOC_G_DRIVER_INFO, &info));
+    EXPECT_EQ(-1, h.system->Ioctl(fd, VIDIOC_G_DRIVER_INFO, &info));
+    EXPECT_EQ(0, h.system->Ioctl(fd, VIDIOC_G_DRIVER_INFO, &info));
+    EXPECT_THROW(h.system->FailIoctl(0, "VIDIOC_NONSENSE", EIO, 1), std::invalid_argument);
+}
+
+TEST(GenCP, IndirectAsicRegisters)
+{
+    Harness h;
+    int fd = h.OpenNode();
+    h.EnterGenCPMode(fd);
+    const std::uint32_t address = 0x60022068;
+    ASSERT_EQ(0, h.WriteMemory(fd, QEL::Sim::CameraMap::AsicAddress, &address, 4));
+    auto value = h.ReadMemory(fd, QEL::Sim::CameraMap::AsicData, 4);
+    ASSERT_EQ(4u, value.size());
+    EXPECT_EQ(36, value[0]) << "nVBP";
+    const std::uint32_t patched = 40;
+    ASSERT_EQ(0, h.WriteMemory(fd, QEL::Sim::CameraMap::AsicData, &patched, 4));
+    EXPECT_EQ(40, h.ReadMemory(fd, QEL::Sim::CameraMap::AsicData, 4).at(0));
+}
+
+}

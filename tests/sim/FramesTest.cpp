@@ -192,19 +192,24 @@ TEST_F(Frames, UserPointerBuffers)
     request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     request.memory = V4L2_MEMORY_USERPTR;
     ASSERT_EQ(0, h.system->Ioctl(fd, VIDIOC_REQBUFS, &request));
-    std::vector<std::vector<std::uint8_t>> memory(2, std::vector<std::uint8_t>(size + 256));
-    EXPECT_EQ(-1, Queue(0, V4L2_MEMORY_USERPTR, memory[0].data(), size - 1)) << "too short for the frame";
-    ASSERT_EQ(0, Queue(0, V4L2_MEMORY_USERPTR, memory[0].data(), size + 256));
-    ASSERT_EQ(0, Queue(1, V4L2_MEMORY_USERPTR, memory[1].data(), size + 256));
-    EXPECT_EQ(-1, Queue(2, V4L2_MEMORY_USERPTR, memory[0].data(), size + 256)) << "only two were declared";
+    std::vector<std::vector<std::uint8_t>> memory(2, std::vector<std::uint8_t>(size + 512));
+    // The driver needs its alignment; vectors give none, so place the buffers by hand.
+    std::vector<std::uint8_t*> aligned;
+    for (auto& block : memory)
+        aligned.push_back(reinterpret_cast<std::uint8_t*>((reinterpret_cast<std::uintptr_t>(block.data()) + 255) / 256 * 256));
+    EXPECT_EQ(-1, Queue(0, V4L2_MEMORY_USERPTR, aligned[0] + 4, size)) << "off the driver's alignment";
+    EXPECT_EQ(-1, Queue(0, V4L2_MEMORY_USERPTR, aligned[0], size - 1)) << "too short for the frame";
+    ASSERT_EQ(0, Queue(0, V4L2_MEMORY_USERPTR, aligned[0], size + 256));
+    ASSERT_EQ(0, Queue(1, V4L2_MEMORY_USERPTR, aligned[1], size + 256));
+    EXPECT_EQ(-1, Queue(2, V4L2_MEMORY_USERPTR, aligned[0], size + 256)) << "only two were declared";
     ASSERT_EQ(0, h.system->Ioctl(fd, VIDIOC_STREAMON_EX, nullptr));
     h.system->GetFirmware(0).StartAcquisition();
     v4l2_buffer buf;
     for (std::uint64_t block = 1; block <= 6; ++block) {
         ASSERT_TRUE(Dequeue(buf, V4L2_MEMORY_USERPTR));
-        EXPECT_EQ(reinterpret_cast<unsigned long>(memory[buf.index].data()), buf.m.userptr);
-        VerifyFrame(memory[buf.index].data(), block);
-        ASSERT_EQ(0, Queue(buf.index, V4L2_MEMORY_USERPTR, memory[buf.index].data(), size + 256));
+        EXPECT_EQ(reinterpret_cast<unsigned long>(aligned[buf.index]), buf.m.userptr);
+        VerifyFrame(aligned[buf.index], block);
+        ASSERT_EQ(0, Queue(buf.index, V4L2_MEMORY_USERPTR, aligned[buf.index], size + 256));
     }
     h.system->GetFirmware(0).StopAcquisition();
     std::uint32_t timeout = 0;
