@@ -78,6 +78,19 @@ GC_ERROR BasicTransportLayer::Fail(const Exception& error)
     return error.GetCode();
 }
 
+GC_ERROR BasicTransportLayer::FailCurrent(const char* fallback)
+{
+    try {
+        throw;
+    } catch (const Exception& e) {
+        return Fail(e);
+    } catch (const QEL::System::Exception& e) {
+        return Fail(Exception(e.GetMessage(), GC_ERR_ERROR));
+    } catch (...) {
+        return Fail(Exception(fallback, GC_ERR_ERROR));
+    }
+}
+
 GC_ERROR BasicTransportLayer::GCInitLib() { return InitLibrary(0); }
 
 GC_ERROR BasicTransportLayer::GCInitLibEx(uint32_t iFlags) { return InitLibrary(iFlags); }
@@ -100,12 +113,8 @@ GC_ERROR BasicTransportLayer::InitLibrary(uint32_t flags)
         errorHandler = handler;
         w->SetInitialized(true);
         return GC_ERR_SUCCESS;
-    } catch (const Exception& e) {
-        return Fail(e);
-    } catch (const QEL::System::Exception& e) {
-        return Fail(Exception(e.GetMessage(), GC_ERR_ERROR));
     } catch (...) {
-        return Fail(Exception("Could not init library.", GC_ERR_ERROR));
+        return FailCurrent("Could not init library.");
     }
 }
 
@@ -113,12 +122,8 @@ GC_ERROR BasicTransportLayer::GCCloseLib()
 {
     try {
         return CloseLibrary();
-    } catch (const Exception& e) {
-        return Fail(e);
-    } catch (const QEL::System::Exception& e) {
-        return Fail(Exception(e.GetMessage(), GC_ERR_ERROR));
     } catch (...) {
-        return Fail(Exception("Could not close library.", GC_ERR_ERROR));
+        return FailCurrent("Could not close library.");
     }
 }
 

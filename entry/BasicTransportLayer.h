@@ -108,6 +108,9 @@ protected:
     GC_ERROR RunBody(const char* fallback, Body&& body);
 
     GC_ERROR Fail(const Exception& error);
+    // Inside a catch clause: records the exception in flight as the thread's
+    // last error and returns its code; `fallback` names a foreign one.
+    GC_ERROR FailCurrent(const char* fallback);
 
     // The common steps of every info function: the argument checks come
     // before any handle is touched; `locate` casts and locks, then the info
@@ -181,12 +184,8 @@ GC_ERROR BasicTransportLayer::RunBody(const char* fallback, Body&& body)
             body();
             return GC_ERR_SUCCESS;
         }
-    } catch (const Exception& e) {
-        return Fail(e);
-    } catch (const QEL::System::Exception& e) {
-        return Fail(Exception(e.GetMessage(), GC_ERR_ERROR));
     } catch (...) {
-        return Fail(Exception(fallback, GC_ERR_ERROR));
+        return FailCurrent(fallback);
     }
 }
 

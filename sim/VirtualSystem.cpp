@@ -5,6 +5,7 @@
 #include "sim/Scheduler.h"
 #include "sim/VirtualSystemState.h"
 
+#include <boost/format.hpp>
 #include <linux/videodev2.h>
 
 #include <stdexcept>
@@ -15,7 +16,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -24,18 +24,6 @@ namespace QEL { namespace Sim {
 namespace {
 
 constexpr std::size_t PageSize = 4096;
-
-std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
-std::string Format(const char* format, ...)
-{
-    char text[256];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    return text;
-}
 
 int Fail(int error)
 {
@@ -130,14 +118,14 @@ void VirtualSystem::BuildTree()
         const CameraDescription& c = camera->description;
         const std::string node = "/sys/class/video4linux/" + camera->node;
         AddAttribute(node + "/if_name", std::string(QEL_CSI2_INTERFACE_NAME) + "\n");
-        AddAttribute(node + "/bus_info", Format("%u:%u:%x\n", c.port, c.bus, c.address));
+        AddAttribute(node + "/bus_info", (boost::format("%1%:%2%:%3$x\n") % c.port % c.bus % c.address).str());
         AddAttribute(node + "/availability", c.available ? "1\n" : "0\n");
         AddAttribute(node + "/streamoff", "0\n");
         AddAttribute(node + "/flush", "0\n");
         camera->availability = attributes[node + "/availability"];
         camera->streamoff = attributes[node + "/streamoff"];
         camera->flush = attributes[node + "/flush"];
-        const std::string client = Format("/sys/class/i2c-dev/i2c-%u/device/%u-00%02x/", c.bus, c.bus, c.address);
+        const std::string client = (boost::format("/sys/class/i2c-dev/i2c-%1%/device/%1%-00%2$02x/") % c.bus % c.address).str();
         AddAttribute(client + "driver_version", description.driverVersion + "\n");
         AddAttribute(client + "cci_register_layout_version", std::to_string(c.cciLayoutVersion) + "\n");
         AddAttribute(client + "device_capabilities", std::to_string(c.deviceCapabilities) + "\n");

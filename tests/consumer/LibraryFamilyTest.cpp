@@ -7,13 +7,6 @@
 
 namespace {
 
-std::string ReadFile(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 TEST(LibraryFamily, EveryCallBeforeInitIsRefusedAndRecordsNothing)
 {

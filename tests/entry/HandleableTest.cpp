@@ -30,15 +30,6 @@ public:
     std::int32_t GetHandleType() const override { return Type; }
 };
 
-std::pair<GC_ERROR, std::string> Failure(const std::function<void()>& f)
-{
-    try {
-        f();
-    } catch (const Exception& e) {
-        return {e.GetCode(), e.GetText()};
-    }
-    return {GC_ERR_SUCCESS, ""};
-}
 
 const std::pair<GC_ERROR, std::string> kInvalid{GC_ERR_INVALID_HANDLE, "Invalid handle passed."};
 

@@ -13,15 +13,6 @@ using namespace QEL::Base;
 
 namespace {
 
-std::pair<GC_ERROR, std::string> Failure(const std::function<void()>& f)
-{
-    try {
-        f();
-    } catch (const Exception& e) {
-        return {e.GetCode(), e.GetText()};
-    }
-    return {GC_ERR_SUCCESS, ""};
-}
 
 std::vector<unsigned char> Bytes(const Info& info)
 {

@@ -9,15 +9,6 @@ using namespace TestStack;
 
 namespace {
 
-Result Failure(const std::function<void()>& f)
-{
-    try {
-        f();
-    } catch (const Exception& e) {
-        return {e.GetCode(), e.GetText()};
-    }
-    return {GC_ERR_SUCCESS, ""};
-}
 
 // A bare module whose creation steps a test runs one by one.
 class Bare : public Stack {

@@ -16,15 +16,6 @@ using namespace QEL::Base;
 
 namespace {
 
-Result Failure(const std::function<void()>& f)
-{
-    try {
-        f();
-    } catch (const Exception& e) {
-        return {e.GetCode(), e.GetText()};
-    }
-    return {GC_ERR_SUCCESS, ""};
-}
 
 TEST(AddressRange, LimitsAndOrder)
 {

@@ -11,15 +11,6 @@ using namespace QEL::Base;
 
 namespace {
 
-Result Failure(const std::function<void()>& f)
-{
-    try {
-        f();
-    } catch (const Base::Exception& e) {
-        return {e.GetCode(), e.GetText()};
-    }
-    return {GC_ERR_SUCCESS, ""};
-}
 
 const Result kInvalidURL = Err(GC_ERR_INVALID_PARAMETER, "Invalid URL passed.");
 

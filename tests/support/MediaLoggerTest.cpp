@@ -1,5 +1,7 @@
 #include "support/MediaLogger.h"
 
+#include "tests/TestSupport.h"
+
 #include <gtest/gtest.h>
 
 #include <boost/filesystem.hpp>
@@ -14,13 +16,6 @@ using namespace QEL;
 
 namespace {
 
-std::string ReadFile(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 TEST(MediaLogFormats, Dumps)
 {
