@@ -81,12 +81,12 @@ protected:
         auto g = h.system->GetFirmware(0).Geometry();
         qel_frame_leader leader;
         std::memcpy(&leader, frame, sizeof leader);
-        EXPECT_EQ(QEL_LEADER_MAGIC, leader.magic_key);
-        EXPECT_EQ(52, leader.leader_size);
-        EXPECT_EQ(blockID, leader.block_id);
-        EXPECT_EQ(g.format->pfnc, leader.pixel_format);
-        EXPECT_EQ(g.width, leader.size_x);
-        EXPECT_EQ(g.height, leader.size_y);
+        EXPECT_EQ(QEL_LEADER_MAGIC, +leader.magic_key);
+        EXPECT_EQ(52, +leader.leader_size);
+        EXPECT_EQ(blockID, +leader.block_id);
+        EXPECT_EQ(g.format->pfnc, +leader.pixel_format);
+        EXPECT_EQ(g.width, +leader.size_x);
+        EXPECT_EQ(g.height, +leader.size_y);
         const std::uint8_t* image = frame + MaxLeaderSize;
         int wrong = 0;
         for (std::uint32_t y = 0; y < g.height; ++y)
@@ -96,10 +96,10 @@ protected:
         EXPECT_EQ(0, wrong) << "pixels that differ from the pattern";
         qel_frame_trailer trailer;
         std::memcpy(&trailer, frame + MaxLeaderSize + g.payloadSize, sizeof trailer);
-        EXPECT_EQ(QEL_TRAILER_MAGIC, trailer.magic_key);
-        EXPECT_EQ(blockID, trailer.block_id);
-        EXPECT_EQ(g.imageBytes, trailer.valid_payload_size);
-        EXPECT_EQ(g.height, trailer.delivered_size_y);
+        EXPECT_EQ(QEL_TRAILER_MAGIC, +trailer.magic_key);
+        EXPECT_EQ(blockID, +trailer.block_id);
+        EXPECT_EQ(g.imageBytes, +trailer.valid_payload_size);
+        EXPECT_EQ(g.height, +trailer.delivered_size_y);
     }
 
     Harness h;
@@ -255,20 +255,20 @@ TEST_F(Frames, InjectedFrameFaults)
     };
     ASSERT_EQ(0, h.system->Ioctl(fd, VIDIOC_STREAMON_EX, nullptr));
     h.system->GetFirmware(0).StartAcquisition();
-    EXPECT_NE(QEL_LEADER_MAGIC, frameWith(Fault::BadLeaderKey).magic_key);
-    EXPECT_EQ(1u + 3 + 1, frameWith(Fault::BlockIDGap, 3).block_id) << "three block IDs were skipped";
+    EXPECT_NE(QEL_LEADER_MAGIC, +frameWith(Fault::BadLeaderKey).magic_key);
+    EXPECT_EQ(1u + 3 + 1, +frameWith(Fault::BlockIDGap, 3).block_id) << "three block IDs were skipped";
     frameWith(Fault::BadTrailerKey);
     qel_frame_trailer trailer;
     std::memcpy(&trailer, memory + MaxLeaderSize + h.system->GetFirmware(0).Geometry().payloadSize, sizeof trailer);
-    EXPECT_NE(QEL_TRAILER_MAGIC, trailer.magic_key);
+    EXPECT_NE(QEL_TRAILER_MAGIC, +trailer.magic_key);
     frameWith(Fault::IncompleteFrame);
     EXPECT_EQ(QEL_BUF_FLAG_INVALID_31, buf.flags & 0xF0000000u);
     frameWith(Fault::IncompleteFrame28);
     EXPECT_EQ(QEL_BUF_FLAG_INVALID_28, buf.flags & 0xF0000000u);
     frameWith(Fault::UnknownFrameState);
     EXPECT_EQ(0u, buf.flags & 0xF0000000u);
-    EXPECT_EQ(0u, frameWith(Fault::ZeroFrame).magic_key);
-    EXPECT_EQ(QEL_LEADER_MAGIC, frameWith(std::nullopt).magic_key) << "the next frame is whole again";
+    EXPECT_EQ(0u, +frameWith(Fault::ZeroFrame).magic_key);
+    EXPECT_EQ(QEL_LEADER_MAGIC, +frameWith(std::nullopt).magic_key) << "the next frame is whole again";
 
     h.system->InjectFault(0, Fault::DQBUFError, 1, EINVAL);
     EXPECT_EQ(0, Queue(0));
