@@ -2,6 +2,7 @@
 
 #include "sim/CameraMap.h"
 #include "sim/CameraXML.h"
+#include "sim/TextEncoding.h"
 #include "libcsi/include/libcsi/qel_csi2_driver.h"
 
 #include <boost/uuid/detail/sha1.hpp>
@@ -58,18 +59,6 @@ double Float(const std::vector<std::uint8_t>& bytes)
     return value;
 }
 
-std::string Encode(const std::string& text, unsigned encoding)
-{
-    if (encoding != 2)
-        return text;
-    std::string wide;
-    for (char c : text) {
-        wide.push_back(c);
-        wide.push_back('\0');
-    }
-    return wide;
-}
-
 std::uint64_t RoundUp(std::uint64_t value, std::uint64_t step) { return step ? (value + step - 1) / step * step : value; }
 
 MemoryMap::Status Refuse(bool bad) { return bad ? MemoryMap::InvalidParameter : MemoryMap::Success; }
@@ -88,13 +77,13 @@ void CameraFirmware::BuildMemory()
     const unsigned encoding = description.stringEncoding;
     // Bootstrap registers.
     memory.AddValue(0x0000, 4, 0x00010002, false);
-    memory.AddString(0x0004, 64, Encode(description.manufacturer, encoding), false);
-    memory.AddString(0x0044, 64, Encode(description.model, encoding), false);
-    memory.AddString(0x0084, 64, Encode(description.family, encoding), false);
-    memory.AddString(0x00C4, 64, Encode(description.deviceVersion, encoding), false);
-    memory.AddString(0x0104, 64, Encode(description.manufacturerInfo, encoding), false);
-    memory.AddString(0x0144, 64, Encode(description.serialNumber, encoding), false);
-    memory.AddString(0x0184, 64, Encode(description.userDefinedName, encoding), true);
+    memory.AddString(0x0004, 64, EncodeCameraString(description.manufacturer, encoding), false);
+    memory.AddString(0x0044, 64, EncodeCameraString(description.model, encoding), false);
+    memory.AddString(0x0084, 64, EncodeCameraString(description.family, encoding), false);
+    memory.AddString(0x00C4, 64, EncodeCameraString(description.deviceVersion, encoding), false);
+    memory.AddString(0x0104, 64, EncodeCameraString(description.manufacturerInfo, encoding), false);
+    memory.AddString(0x0144, 64, EncodeCameraString(description.serialNumber, encoding), false);
+    memory.AddString(0x0184, 64, EncodeCameraString(description.userDefinedName, encoding), true);
     memory.AddValue(0x01C4, 8, 0xF01 | (encoding << 4), false); // user name, family, SBRM, byte order, written length
     memory.AddValue(0x01CC, 4, 200, false);
     memory.AddValue(0x01D0, 8, Manifest, false);

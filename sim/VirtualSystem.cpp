@@ -3,6 +3,7 @@
 #include "libcsi/include/libcsi/qel_csi2_driver.h"
 #include "sim/CameraMap.h"
 #include "sim/Scheduler.h"
+#include "sim/TextEncoding.h"
 #include "sim/VirtualSystemState.h"
 
 #include <boost/format.hpp>
@@ -129,14 +130,7 @@ void VirtualSystem::BuildTree()
         AddAttribute(client + "driver_version", description.driverVersion + "\n");
         AddAttribute(client + "cci_register_layout_version", std::to_string(c.cciLayoutVersion) + "\n");
         AddAttribute(client + "device_capabilities", std::to_string(c.deviceCapabilities) + "\n");
-        auto encoded = [&](const std::string& text) {
-            if (c.stringEncoding != 2)
-                return text + "\n";
-            std::string wide;
-            for (char ch : text)
-                wide += std::string{ch, '\0'};
-            return wide + "\n";
-        };
+        auto encoded = [&](const std::string& text) { return EncodeCameraString(text, c.stringEncoding) + "\n"; };
         AddAttribute(client + "device_guid", encoded(c.guid));
         AddAttribute(client + "manufacturer_name", encoded(c.manufacturer));
         AddAttribute(client + "model_name", encoded(c.model));

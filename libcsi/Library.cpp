@@ -1,0 +1,319 @@
+#include "libcsi/Library.h"
+
+#include "libcsi/Config.h"
+#include "libcsi/Log.h"
+
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace QEL { namespace LibCSIImpl {
+
+namespace {
+
+std::mutex singletonMutex;
+std::shared_ptr<Library> singleton;
+
+void Publish(std::shared_ptr<Library> library)
+{
+    std::lock_guard<std::mutex> lock(singletonMutex);
+    singleton = std::move(library);
+}
+
+void ReportFromLog(const char* text)
+{
+    if (auto library = CurrentLibrary())
+        library->AddReport(text);
+}
+
+const bool sinkInstalled = (SetReportSink(&ReportFromLog), true);
+
+// The shape of the two message threads: wait for a message, hand it to the
+// callback without the lock, and end when the state asks for it.
+template <class Message, class Deliver>
+void MessageLoop(std::shared_ptr<Library> library, std::mutex& mutex, std::condition_variable& condition,
+                 std::deque<std::shared_ptr<Message>>& queue, std::uint32_t& state, const char* name, Deliver deliver)
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    for (;;) {
+        if (state != Running) {
+            state = Stopped;
+            condition.notify_all();
+            lock.unlock();
+            LIBCSI_LOG(TierTrace, "%s() ended.\n", name);
+            return;
+        }
+        if (queue.empty()) {
+            condition.wait(lock);
+            continue;
+        }
+        std::shared_ptr<Message> message = queue.front();
+        queue.pop_front();
+        lock.unlock();
+        deliver(*message);
+        lock.lock();
+    }
+}
+
+void StopThread(std::mutex& mutex, std::condition_variable& condition, std::uint32_t& state, std::thread& thread)
+{
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (state != Stopped) {
+            state = StopRequested;
+            condition.notify_all();
+            condition.wait(lock, [&] { return state == Stopped; });
+        }
+    }
+    if (thread.joinable())
+        thread.join();
+}
+
+void ClosePipe(int (&fds)[2])
+{
+    for (int& fd : fds)
+        if (fd >= 0) {
+            ::close(fd);
+            fd = -1;
+        }
+}
+
+}
+
+std::recursive_mutex& LibraryMutex()
+{
+    static std::recursive_mutex* mutex = new std::recursive_mutex;
+    return *mutex;
+}
+
+std::shared_ptr<Library> CurrentLibrary()
+{
+    std::lock_guard<std::mutex> lock(singletonMutex);
+    return singleton;
+}
+
+void Library::AddReport(const std::string& text)
+{
+    std::shared_ptr<std::string> message;
+    try {
+        message = std::make_shared<std::string>(text.substr(0, 511));
+    } catch (...) {
+        std::fprintf(stderr, "%s: Failed to create message\n", "add_report_message");
+        return;
+    }
+    std::lock_guard<std::mutex> lock(reportMutex);
+    reportMessages.push_back(std::move(message));
+    reportCondition.notify_all();
+}
+
+} }
+
+using namespace QEL::LibCSIImpl;
+
+extern "C" {
+
+int32_t libcsi_get_version(uint32_t* pVersion)
+{
+    if (!pVersion)
+        return LIBCSI_INVALID_PARAMETER;
+    pVersion[0] = 1;
+    pVersion[1] = 1;
+    pVersion[2] = 0;
+    pVersion[3] = 0;
+    return LIBCSI_OK;
+}
+
+int32_t libcsi_init(void)
+{
+    try {
+        std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
+        LIBCSI_LOG(TierTrace, "%s()\n", __func__);
+        LIBCSI_LOG(TierTrace, " libcsi version 1.1.0.0, driver specification 1.0.8, BCRM specification 1.1.10\n");
+        utsname system{};
+        if (::uname(&system) == 0)
+            LIBCSI_LOG(TierTrace, " %s %s %s %s %s\n", system.sysname, system.nodename, system.release, system.version,
+                       system.machine);
+        if (CurrentLibrary()) {
+            LIBCSI_LOG(TierTrace, " %s() Already initialized.\n", __func__);
+            return LIBCSI_OK;
+        }
+        auto library = std::make_shared<Library>();
+        Publish(library);
+        if (::pipe(library->stopDiscoveryPipe) != 0) {
+            LIBCSI_LOG(TierError, " ERROR: Failed to create stop discovery pipe.\n");
+            return LIBCSI_ERROR;
+        }
+        if (::pipe(library->updateDeviceListPipe) != 0) {
+            LIBCSI_LOG(TierError, " ERROR: Failed to create update device list pipe.\n");
+            return LIBCSI_ERROR;
+        }
+        library->discoveryMessageThreadState = Running;
+        library->discoveryMessageThread = std::thread([library] {
+            MessageLoop(library, library->discoveryMessageMutex, library->discoveryMessageCondition,
+                        library->discoveryMessages, library->discoveryMessageThreadState,
+                        "discovery_message_callback_thread_proc", [&](const DiscoveryMessage& message) {
+                            libcsi_discovery_callback_t callback;
+                            void* context;
+                            {
+                                std::lock_guard<std::mutex> lock(library->discoveryMessageMutex);
+                                callback = library->discoveryCallback;
+                                context = library->discoveryContext;
+                            }
+                            if (!callback)
+                                return;
+                            try {
+                                const std::string portID = message.portID;
+                                callback(context, portID.c_str(), message.available);
+                            } catch (...) {
+                                library->AddReport("Exception in discovery callback occured.");
+                            }
+                        });
+        });
+        library->reportThreadState = Running;
+        library->reportThread = std::thread([library] {
+            MessageLoop(library, library->reportMutex, library->reportCondition, library->reportMessages,
+                        library->reportThreadState, "report_message_callback_thread_proc",
+                        [&](const std::string& text) {
+                            libcsi_report_callback_t callback;
+                            void* context;
+                            {
+                                std::lock_guard<std::mutex> lock(library->reportMutex);
+                                callback = library->reportCallback;
+                                context = library->reportContext;
+                            }
+                            if (!callback)
+                                return;
+                            try {
+                                callback(context, text.c_str());
+                            } catch (...) {
+                            }
+                        });
+        });
+        library->discoveryThreadState = Running;
+        library->discoveryThread = std::thread([library] { DiscoveryThread(library); });
+        const Config& config = TheConfig();
+        if (config.dumpFrameTiming)
+            if ((library->timingFile = std::fopen(config.PathOf("libcsi_timing.csv").c_str(), "w+"))) {
+                std::fprintf(library->timingFile,
+                             "FrameInterval[us];BlockID;BufferFlags;LeaderTimestamp;MemcpyDuration[us]\r\n");
+                std::fflush(library->timingFile);
+            }
+        if (config.dumpAcqStatistics)
+            library->statisticsFile = std::fopen(config.PathOf("libcsi_acq_stat.txt").c_str(), "w+");
+        return LIBCSI_OK;
+    } catch (...) {
+        return LIBCSI_ERROR;
+    }
+}
+
+int32_t libcsi_deinit(void)
+{
+    try {
+        std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
+        LIBCSI_LOG(TierTrace, "%s()\n", __func__);
+        auto library = CurrentLibrary();
+        if (!library) {
+            LIBCSI_LOG(TierError, " %s ERROR: Not initialized.\n", __func__);
+            return LIBCSI_NOT_INITIALIZED;
+        }
+        // Devices first: their frame threads end with them.
+        library->devices.clear();
+        {
+            std::unique_lock<std::mutex> lock(library->discoveryMutex);
+            while (library->discoveryThreadState != Stopped) {
+                if (library->discoveryThreadState == StopRequested) {
+                    library->discoveryCondition.wait(lock);
+                    continue;
+                }
+                library->discoveryThreadState = StopRequested;
+                library->discoveryCondition.notify_all();
+                const std::uint32_t one = 1;
+                if (::write(library->stopDiscoveryPipe[1], &one, sizeof one) != sizeof one) {
+                    LIBCSI_LOG(TierError, " %s ERROR: Write m_nStopDiscoveryPipe failed (errno=%d, %s).\n", __func__,
+                               errno, std::strerror(errno));
+                    return LIBCSI_ERROR;
+                }
+            }
+        }
+        if (library->discoveryThread.joinable())
+            library->discoveryThread.join();
+        ClosePipe(library->stopDiscoveryPipe);
+        ClosePipe(library->updateDeviceListPipe);
+        StopThread(library->discoveryMessageMutex, library->discoveryMessageCondition,
+                   library->discoveryMessageThreadState, library->discoveryMessageThread);
+        // The report thread goes last: everything before it still reports.
+        StopThread(library->reportMutex, library->reportCondition, library->reportThreadState, library->reportThread);
+        if (library->timingFile)
+            std::fclose(library->timingFile);
+        if (library->statisticsFile)
+            std::fclose(library->statisticsFile);
+        Publish(nullptr);
+        return LIBCSI_OK;
+    } catch (...) {
+        return LIBCSI_ERROR;
+    }
+}
+
+int32_t libcsi_register_discovery_callback(libcsi_discovery_callback_t pCallback, void* pContext)
+{
+    std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
+    LIBCSI_LOG(TierTrace, "%s(pCallback=%p, pContext=%p)\n", __func__, reinterpret_cast<void*>(pCallback), pContext);
+    if (!pCallback)
+        return LIBCSI_INVALID_PARAMETER;
+    auto library = CurrentLibrary();
+    if (!library)
+        return LIBCSI_NOT_INITIALIZED;
+    std::lock_guard<std::mutex> lock(library->discoveryMessageMutex);
+    if (library->discoveryCallback)
+        return LIBCSI_ALREADY_SET;
+    library->discoveryCallback = pCallback;
+    library->discoveryContext = pContext;
+    return LIBCSI_OK;
+}
+
+int32_t libcsi_deregister_discovery_callback(void)
+{
+    std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
+    LIBCSI_LOG(TierTrace, "%s()\n", __func__);
+    auto library = CurrentLibrary();
+    if (!library)
+        return LIBCSI_NOT_INITIALIZED;
+    std::lock_guard<std::mutex> lock(library->discoveryMessageMutex);
+    library->discoveryCallback = nullptr;
+    library->discoveryContext = nullptr;
+    return LIBCSI_OK;
+}
+
+int32_t libcsi_register_report_callback(libcsi_report_callback_t pCallback, void* pContext)
+{
+    std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
+    LIBCSI_LOG(TierTrace, "%s(pCallback=%p, pContext=%p)\n", __func__, reinterpret_cast<void*>(pCallback), pContext);
+    if (!pCallback)
+        return LIBCSI_INVALID_PARAMETER;
+    auto library = CurrentLibrary();
+    if (!library)
+        return LIBCSI_NOT_INITIALIZED;
+    std::lock_guard<std::mutex> lock(library->reportMutex);
+    if (library->reportCallback)
+        return LIBCSI_ALREADY_SET;
+    library->reportCallback = pCallback;
+    library->reportContext = pContext;
+    return LIBCSI_OK;
+}
+
+int32_t libcsi_deregister_report_callback(void)
+{
+    std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
+    LIBCSI_LOG(TierTrace, "%s()\n", __func__);
+    auto library = CurrentLibrary();
+    if (!library)
+        return LIBCSI_NOT_INITIALIZED;
+    std::lock_guard<std::mutex> lock(library->reportMutex);
+    library->reportCallback = nullptr;
+    library->reportContext = nullptr;
+    return LIBCSI_OK;
+}
+
+}

@@ -1,0 +1,67 @@
+#pragma once
+
+#include "libcsi/include/libcsi/libcsi.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace QEL { namespace LibCSIImpl {
+
+struct Device;
+
+enum ThreadState : std::uint32_t { Stopped = 0, Running = 1, StopRequested = 2 };
+
+struct DiscoveryMessage {
+    std::string portID;
+    bool available;
+};
+
+// The singleton of an initialised library (libcsi_t).
+struct Library {
+    std::vector<std::shared_ptr<Device>> devices;
+    std::deque<std::shared_ptr<DiscoveryMessage>> discoveryMessages;
+    std::deque<std::shared_ptr<std::string>> reportMessages;
+    std::map<std::string, std::string> portMap; // SysNode to PortID
+
+    std::mutex discoveryMessageMutex;
+    std::condition_variable discoveryMessageCondition;
+    std::mutex reportMutex;
+    std::condition_variable reportCondition;
+    std::mutex discoveryMutex;
+    std::condition_variable discoveryCondition;
+    std::uint32_t discoveryMessageThreadState = Stopped;
+    std::uint32_t reportThreadState = Stopped;
+    std::uint32_t discoveryThreadState = Stopped;
+
+    libcsi_discovery_callback_t discoveryCallback = nullptr;
+    void* discoveryContext = nullptr;
+    libcsi_report_callback_t reportCallback = nullptr;
+    void* reportContext = nullptr;
+
+    int stopDiscoveryPipe[2] = {-1, -1};
+    int updateDeviceListPipe[2] = {-1, -1};
+    std::FILE* timingFile = nullptr;
+    std::FILE* statisticsFile = nullptr;
+
+    // The background threads are joined once they have announced their end.
+    std::thread discoveryMessageThread, reportThread, discoveryThread;
+
+    void AddReport(const std::string& text);
+};
+
+// The library mutex: held for the body of nearly every exported function.
+std::recursive_mutex& LibraryMutex();
+// The singleton, or null while the library is closed.
+std::shared_ptr<Library> CurrentLibrary();
+
+void DiscoveryThread(std::shared_ptr<Library> library);
+
+} }

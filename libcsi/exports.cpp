@@ -1,0 +1,1 @@
+// libcsi.so exports the libcsi_* functions of the static library whole.

@@ -1,0 +1,87 @@
+/* libcsi: CSI-2 cameras over the qel_csi2_if V4L2 driver. Every function
+ * returns a signed 32-bit result: 0 for success, negative for failure. No
+ * exception ever leaves this library. */
+#ifndef LIBCSI_H
+#define LIBCSI_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define LIBCSI_API __attribute__((visibility("default")))
+
+enum libcsi_result {
+    LIBCSI_OK = 0,
+    LIBCSI_ERROR = -1,
+    LIBCSI_TIMEOUT = -2,
+    LIBCSI_INVALID_PARAMETER = -3,
+    LIBCSI_READ_FAILED = -4,
+    LIBCSI_BUFFER_TOO_SMALL = -5,
+    LIBCSI_INVALID_DEVICE_INDEX = -6,
+    LIBCSI_ALREADY_SET = -7,
+    LIBCSI_NOT_INITIALIZED = -8,
+    LIBCSI_INVALID_DEVICE_STATE = -10,
+    LIBCSI_OPEN_FAILED = -11,
+    LIBCSI_I2C_CLOCK_UNKNOWN = -12,
+    LIBCSI_I2C_READ_FAILED = -13,
+    LIBCSI_I2C_WRITE_FAILED = -14,
+    LIBCSI_NOT_ENOUGH_FRAMES = -15,
+    LIBCSI_DRIVER_CALL_FAILED = -16,
+    LIBCSI_MAP_FAILED = -17,
+    LIBCSI_UNMAP_FAILED = -18,
+    LIBCSI_FRAME_QUEUED = -19,
+    LIBCSI_CONVERSION_FAILED = -20,
+    LIBCSI_INVALID_LAYOUT_VERSION = -21,
+    LIBCSI_INCOMPATIBLE_DRIVER = -22,
+    LIBCSI_ALIGNMENT_INVALID = -23
+};
+
+/* Info IDs of libcsi_get_info. */
+enum libcsi_info_id {
+    INFO_Availability = 0,
+    INFO_CCIVersionMinor = 1,
+    INFO_CCIVersionMajor = 2,
+    INFO_GenCPModeSupported = 3,
+    INFO_DeviceGUID = 4,
+    INFO_ManufacturerName = 5,
+    INFO_ModelName = 6,
+    INFO_FamilyName = 7,
+    INFO_DeviceVersion = 8,
+    INFO_ManufacturerInfo = 9,
+    INFO_SerialNumber = 10,
+    INFO_UserDefinedName = 11,
+    INFO_PortID = 12
+};
+
+/* Type codes of the info functions. */
+enum libcsi_info_type {
+    LIBCSI_TYPE_BOOL = 0,
+    LIBCSI_TYPE_UINT16 = 2,
+    LIBCSI_TYPE_UINT32 = 3,
+    LIBCSI_TYPE_STRING = 5
+};
+
+typedef void (*libcsi_discovery_callback_t)(void* pContext, const char* sPortID, bool bAvailable);
+typedef void (*libcsi_report_callback_t)(void* pContext, const char* sMessage);
+
+LIBCSI_API int32_t libcsi_get_version(uint32_t* pVersion);
+LIBCSI_API int32_t libcsi_init(void);
+LIBCSI_API int32_t libcsi_deinit(void);
+LIBCSI_API int32_t libcsi_register_discovery_callback(libcsi_discovery_callback_t pCallback, void* pContext);
+LIBCSI_API int32_t libcsi_deregister_discovery_callback(void);
+LIBCSI_API int32_t libcsi_register_report_callback(libcsi_report_callback_t pCallback, void* pContext);
+LIBCSI_API int32_t libcsi_deregister_report_callback(void);
+
+LIBCSI_API int32_t libcsi_update_device_list(void);
+LIBCSI_API int32_t libcsi_get_device_count(uint32_t* pCount);
+LIBCSI_API int32_t libcsi_get_info(uint32_t nDeviceIndex, int32_t eInfoID, int32_t* pType, void* pData,
+                                   uint64_t* pSize);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,119 @@
+#include "libcsi/Config.h"
+#include "libcsi/include/libcsi/libcsi.h"
+#include "tests/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/filesystem.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+using namespace QEL::LibCSIImpl;
+namespace fs = boost::filesystem;
+
+namespace {
+
+class ConfigFolder : public ::testing::Test {
+protected:
+    ConfigFolder() : folder(fs::temp_directory_path() / fs::unique_path("libcsi-%%%%-%%%%")) { fs::create_directories(folder); }
+    ~ConfigFolder() override { fs::remove_all(folder); }
+    void Write(const std::string& name, const std::string& text) { std::ofstream((folder / name).string()) << text; }
+    Config Load()
+    {
+        Config config;
+        config.Load(folder.string(), "libcsi.so");
+        return config;
+    }
+    fs::path folder;
+};
+
+TEST_F(ConfigFolder, NoFileRunsOnDefaults)
+{
+    Config config = Load();
+    EXPECT_EQ(3, config.logLevel);
+    EXPECT_EQ(192u, config.ipuXInc);
+    EXPECT_TRUE(config.enableFdtpPrioIncrease);
+    EXPECT_FALSE(fs::exists(folder / "libcsi.cfg")) << "nothing is written without a file or a marker";
+}
+
+TEST_F(ConfigFolder, EmptyFileOrMarkerGiveAFullFileOfDefaults)
+{
+    Write("libcsi.cfg", "");
+    EXPECT_EQ(3, Load().logLevel);
+    std::string text = ReadFile((folder / "libcsi.cfg").string());
+    EXPECT_EQ(0u, text.find("log_level=3\n"));
+    EXPECT_NE(std::string::npos, text.find("enable_fdtp_prio_increase=1\n"));
+    EXPECT_NE(std::string::npos, text.find("num_frame_copy_threads=1\n"));
+
+    fs::remove(folder / "libcsi.cfg");
+    Write("libcsi_log_enable", "anything");
+    Load();
+    EXPECT_TRUE(fs::exists(folder / "libcsi.cfg"));
+}
+
+TEST_F(ConfigFolder, MissingKeysTakeTheirFileDefaultsAndTheFileIsNormalised)
+{
+    Write("libcsi.cfg", "num_dump_frames=2\nipu_x_inc=64\nenable_userptr=true\ndump_start_frame_number=x\n");
+    Config config = Load();
+    EXPECT_EQ(0, config.logLevel) << "a file without the key means no logging";
+    EXPECT_EQ(2u, config.numDumpFrames);
+    EXPECT_EQ(64u, config.ipuXInc);
+    EXPECT_TRUE(config.enableUserptr);
+    EXPECT_EQ(0u, config.dumpStartFrameNumber) << "a value that does not parse";
+    config.WriteBack();
+    std::string text = ReadFile((folder / "libcsi.cfg").string());
+    EXPECT_EQ(17, std::count(text.begin(), text.end(), '\n'));
+    EXPECT_NE(std::string::npos, text.find("enable_userptr=1\n"));
+    EXPECT_LT(text.find("log_level"), text.find("num_frame_copy_threads")) << "keys in their order";
+}
+
+TEST_F(ConfigFolder, LogLevelIsClamped)
+{
+    Write("libcsi.cfg", "log_level=9\n");
+    EXPECT_EQ(5, Load().logLevel);
+    Write("libcsi.cfg", "log_level=-1\n");
+    EXPECT_EQ(0, Load().logLevel);
+}
+
+TEST(Lifecycle, InitDeinitAndCallbacks)
+{
+    std::uint32_t version[4] = {9, 9, 9, 9};
+    EXPECT_EQ(LIBCSI_OK, libcsi_get_version(version));
+    EXPECT_EQ((std::vector<std::uint32_t>{1, 1, 0, 0}), std::vector<std::uint32_t>(version, version + 4));
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_get_version(nullptr));
+
+    EXPECT_EQ(LIBCSI_NOT_INITIALIZED, libcsi_deinit());
+    EXPECT_EQ(LIBCSI_NOT_INITIALIZED, libcsi_register_report_callback([](void*, const char*) {}, nullptr));
+    ASSERT_EQ(LIBCSI_OK, libcsi_init());
+    EXPECT_EQ(LIBCSI_OK, libcsi_init()) << "a second init is no error";
+
+    struct Reports {
+        std::mutex mutex;
+        std::vector<std::string> lines;
+    } reports;
+    auto collect = [](void* context, const char* text) {
+        auto* r = static_cast<Reports*>(context);
+        std::lock_guard<std::mutex> lock(r->mutex);
+        r->lines.push_back(text);
+    };
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_register_report_callback(nullptr, nullptr));
+    ASSERT_EQ(LIBCSI_OK, libcsi_register_report_callback(collect, &reports));
+    EXPECT_EQ(LIBCSI_ALREADY_SET, libcsi_register_report_callback(collect, nullptr));
+    EXPECT_EQ(LIBCSI_OK, libcsi_deregister_report_callback());
+    ASSERT_EQ(LIBCSI_OK, libcsi_register_report_callback(collect, &reports)) << "free again after deregistering";
+
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_register_discovery_callback(nullptr, nullptr));
+    ASSERT_EQ(LIBCSI_OK, libcsi_register_discovery_callback([](void*, const char*, bool) {}, nullptr));
+    EXPECT_EQ(LIBCSI_ALREADY_SET, libcsi_register_discovery_callback([](void*, const char*, bool) {}, nullptr));
+    EXPECT_EQ(LIBCSI_OK, libcsi_deregister_discovery_callback());
+    EXPECT_EQ(LIBCSI_OK, libcsi_deregister_report_callback());
+    EXPECT_EQ(LIBCSI_OK, libcsi_deinit());
+    EXPECT_EQ(LIBCSI_NOT_INITIALIZED, libcsi_deregister_report_callback());
+}
+
+}
