@@ -1,28 +1,65 @@
 #pragma once
 
+#include "libcsi/include/libcsi/libcsi.h"
+#include "libcsi/include/libcsi/qel_csi2_driver.h"
+
 #include <condition_variable>
 #include <cstdint>
+#include <map>
 #include <mutex>
+#include <set>
 #include <string>
+
+// One camera of the device list (device_handle_t).
+struct libcsi_device_handle {
+    std::uint32_t state = 0;
+    int m_nFileHandle = -1;
+    std::mutex mutex;                       // the device mutex
+    std::condition_variable stateCondition; // notified at each state change
+    std::mutex frameMutex;                  // serialises all frame management
+
+    std::uint32_t deviceMode = 0;           // 1 when the camera reported GenCP mode at the last check
+    int m_nStopDequeueEvent[2] = {-1, -1};
+    std::uint8_t i2cPort = 255, i2cBus = 255, i2cAddress = 255;
+    std::uint16_t m_nCCI_GCPRM_Address = 0;
+    std::uint16_t m_nCCI_BCRM_Address = 0;
+    std::uint32_t m_nGCPRM_Layout_Version = 0;
+    std::uint16_t m_nGCPRM_GenCP_Outbuf_Address = 0;
+    std::uint16_t m_nGCPRM_GenCP_Inbuf_Address = 0;
+    std::string devNode, sysNode, portID, interfaceName;
+    std::int32_t driverVersion[4] = {0, 0, 0, 0};
+    qel_ipu_restrictions ipuRestrictions{};
+    std::uint64_t dataIdentifiers[4] = {0, 0, 0, 0};
+    qel_driver_info driverInfo{};
+    std::uint32_t m_nMinAnnouncedFrames = 1;
+    std::uint32_t m_nGenCPInBufferSize = 0, m_nGenCPOutBufferSize = 0;
+    std::set<std::uint8_t> laneCounts;
+    std::set<std::uint64_t> statisticsCapabilities;
+    std::map<std::uint8_t, std::pair<std::uint32_t, std::uint32_t>> clockRanges;
+    bool formatDirty = true;
+    std::uint32_t streamRunCounter = 0;
+};
 
 namespace QEL { namespace LibCSIImpl {
 
+using Device = ::libcsi_device_handle;
+
 enum DeviceState : std::uint32_t { Closed = 0, Open = 1, Streaming = 2, Stopping = 3, Closing = 4, ResetRequested = 5 };
-
-// One camera of the device list (device_handle_t).
-struct Device {
-    std::uint32_t state = Closed;
-    int fileHandle = -1;
-    std::mutex mutex;
-    std::condition_variable stateCondition;
-
-    std::uint8_t i2cPort = 255, i2cBus = 255, i2cAddress = 255;
-    std::string devNode, sysNode, portID, interfaceName;
-    std::int32_t driverVersion[4] = {0, 0, 0, 0};
-};
 
 // Reads an attribute of the camera's I2C client; the text up to the first
 // line feed or 0xFF byte. False when it cannot be read.
 bool ReadSysfs(std::uint8_t bus, std::uint8_t address, const char* name, std::string& text);
+
+// Camera registers on the control bus, 2-byte addresses, values big endian.
+// A read repeats its ioctl while that is interrupted.
+bool ReadRegister(const Device& device, std::uint16_t address, void* data, std::uint32_t size);
+// Returns the bytes that went over the bus, or a negative value.
+int WriteRegister(const Device& device, std::uint16_t address, const void* data, std::uint32_t size);
+bool ReadValue(const Device& device, std::uint16_t address, std::uint32_t size, std::uint64_t& value);
+int WriteValue(const Device& device, std::uint16_t address, std::uint64_t value, std::uint32_t size);
+
+// Polls a one-byte register until it holds `expected`: no pause for the first
+// 10 ms, every 10 ms up to 110 ms, every 100 ms after that. False at the timeout.
+bool WaitForRegister(const Device& device, std::uint16_t address, std::uint8_t expected, std::uint32_t timeoutMs);
 
 } }

@@ -1,6 +1,7 @@
 #include "libcsi/Library.h"
 
 #include "libcsi/Config.h"
+#include "libcsi/Device.h"
 #include "libcsi/Log.h"
 
 #include <sys/utsname.h>
@@ -219,6 +220,8 @@ int32_t libcsi_deinit(void)
             return LIBCSI_NOT_INITIALIZED;
         }
         // Devices first: their frame threads end with them.
+        for (const auto& device : library->devices)
+            libcsi_close_device(device.get());
         library->devices.clear();
         {
             std::unique_lock<std::mutex> lock(library->discoveryMutex);

@@ -13,9 +13,11 @@
 #include <thread>
 #include <vector>
 
+struct libcsi_device_handle;
+
 namespace QEL { namespace LibCSIImpl {
 
-struct Device;
+using Device = ::libcsi_device_handle;
 
 enum ThreadState : std::uint32_t { Stopped = 0, Running = 1, StopRequested = 2 };
 

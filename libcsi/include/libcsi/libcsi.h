@@ -64,6 +64,17 @@ enum libcsi_info_type {
     LIBCSI_TYPE_STRING = 5
 };
 
+typedef struct libcsi_device_handle device_handle_t;
+
+/* The IPU restrictions of libcsi_get_ipu_restrictions. */
+typedef struct {
+    uint8_t m_bXValid;
+    uint32_t m_nXMin, m_nXMax, m_nXInc;
+    uint8_t m_bYValid;
+    uint32_t m_nYMin, m_nYMax, m_nYInc;
+    uint32_t mem_alignment;
+} libcsi_ipu_restrictions_t;
+
 typedef void (*libcsi_discovery_callback_t)(void* pContext, const char* sPortID, bool bAvailable);
 typedef void (*libcsi_report_callback_t)(void* pContext, const char* sMessage);
 
@@ -79,6 +90,31 @@ LIBCSI_API int32_t libcsi_update_device_list(void);
 LIBCSI_API int32_t libcsi_get_device_count(uint32_t* pCount);
 LIBCSI_API int32_t libcsi_get_info(uint32_t nDeviceIndex, int32_t eInfoID, int32_t* pType, void* pData,
                                    uint64_t* pSize);
+
+LIBCSI_API int32_t libcsi_get_ext_info(device_handle_t* pDeviceHandle, int32_t eInfoID, int32_t* pType, void* pData,
+                                       uint64_t* pSize);
+
+LIBCSI_API int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHandle);
+LIBCSI_API int32_t libcsi_close_device(device_handle_t* pDeviceHandle);
+LIBCSI_API int32_t libcsi_reset_device(device_handle_t* pDeviceHandle);
+LIBCSI_API int32_t libcsi_get_ipu_restrictions(device_handle_t* pDeviceHandle, libcsi_ipu_restrictions_t* pRestrictions);
+LIBCSI_API int32_t libcsi_get_gencp_buffer_sizes(device_handle_t* pDeviceHandle, uint32_t* pGencpInBufferSize,
+                                                 uint32_t* pGencpOutBufferSize);
+LIBCSI_API int32_t libcsi_get_min_announced_frames(device_handle_t* pDeviceHandle, uint32_t* pMinAnnouncedFrames);
+LIBCSI_API int32_t libcsi_get_statistics_capability(device_handle_t* pDeviceHandle, uint64_t* pStatisticsCapabilities);
+LIBCSI_API int32_t libcsi_get_supported_lane_counts(device_handle_t* pDeviceHandle, uint8_t* pSupportedLaneCounts);
+LIBCSI_API int32_t libcsi_get_supported_csi_data_identifiers(device_handle_t* pDeviceHandle, uint64_t* pDataIdentifiers);
+LIBCSI_API int32_t libcsi_get_supported_csi_host_clock_range(device_handle_t* pDeviceHandle, uint8_t nLaneCount,
+                                                             uint32_t* pMinFrequency, uint32_t* pMaxFrequency);
+LIBCSI_API int32_t libcsi_get_cci_link_speed(device_handle_t* pDeviceHandle, uint32_t* pCCILinkSpeed);
+LIBCSI_API int32_t libcsi_get_csi_config(device_handle_t* pDeviceHandle, uint8_t* pLaneCount,
+                                         uint32_t* pLaneClockFrequency);
+LIBCSI_API int32_t libcsi_set_csi_config(device_handle_t* pDeviceHandle, uint8_t* pLaneCount,
+                                         uint32_t* pLaneClockFrequency);
+
+LIBCSI_API int32_t libcsi_write_gencp(device_handle_t* pDeviceHandle, const void* pData, uint64_t nSize,
+                                      uint32_t nTimeout);
+LIBCSI_API int32_t libcsi_read_gencp(device_handle_t* pDeviceHandle, void* pData, uint64_t* pSize, uint32_t nTimeout);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,276 @@
+#include "libcsi/Config.h"
+#include "libcsi/OsSeam.h"
+#include "libcsi/include/libcsi/libcsi.h"
+#include "sim/CameraMap.h"
+#include "sim/VirtualSystem.h"
+#include "tests/sim/SimHarness.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+
+using namespace QEL;
+
+namespace {
+
+// libcsi initialised over a virtual system made from `description`.
+class VirtualBoard {
+public:
+    explicit VirtualBoard(const std::string& description)
+        : system(std::make_shared<Sim::VirtualSystem>(Sim::SystemDescription::FromText(description)))
+    {
+        Os::Install(system);
+        EXPECT_EQ(LIBCSI_OK, libcsi_init());
+        EXPECT_EQ(LIBCSI_OK, libcsi_update_device_list());
+    }
+    ~VirtualBoard()
+    {
+        EXPECT_EQ(LIBCSI_OK, libcsi_deinit());
+        Os::Install(nullptr);
+    }
+    std::int32_t Open(device_handle_t** handle, std::uint32_t index = 0) { return libcsi_open_device(index, handle); }
+
+    std::shared_ptr<Sim::VirtualSystem> system;
+};
+
+const char* kOneCamera = "[camera0]\nbus_timing = 0\nmode_switch_delay_ms = 5\n";
+
+TEST(DeviceOpen, OpenCloseAndState)
+{
+    VirtualBoard board(kOneCamera);
+    device_handle_t* device = nullptr;
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_open_device(0, nullptr));
+    EXPECT_EQ(LIBCSI_INVALID_DEVICE_INDEX, board.Open(&device, 1));
+    ASSERT_EQ(LIBCSI_OK, board.Open(&device));
+    ASSERT_NE(nullptr, device);
+    EXPECT_EQ(1, board.system->GetFirmware(0).GetDeviceMode()) << "the camera is in GenCP mode";
+    device_handle_t* again = nullptr;
+    EXPECT_EQ(LIBCSI_INVALID_DEVICE_STATE, board.Open(&again)) << "already open";
+
+    std::uint32_t value = 0;
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_min_announced_frames(device, &value));
+    EXPECT_EQ(3u, value);
+    std::uint32_t in = 0, out = 0;
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_gencp_buffer_sizes(device, &in, &out));
+    EXPECT_EQ(1024u, in);
+    libcsi_ipu_restrictions_t ipu{};
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_ipu_restrictions(device, &ipu));
+    EXPECT_EQ(192u, ipu.m_nXInc);
+    EXPECT_EQ(256u, ipu.mem_alignment);
+    std::uint64_t identifiers[4] = {};
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_supported_csi_data_identifiers(device, identifiers));
+    EXPECT_TRUE(identifiers[0] & (std::uint64_t{1} << 49));
+    std::uint32_t speed = 9;
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_cci_link_speed(device, &speed));
+    EXPECT_EQ(1u, speed);
+
+    std::int32_t type = 0;
+    std::uint64_t size = 0;
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_ext_info(device, 3, &type, nullptr, &size));
+    std::vector<char> board_text(size, 0);
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_ext_info(device, 3, &type, board_text.data(), &size));
+    EXPECT_STREQ("NXP i.MX8M", board_text.data());
+    std::uint32_t word = 0;
+    size = sizeof word;
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_ext_info(device, 1, &type, &word, &size));
+    EXPECT_EQ(0x010008u, word);
+
+    std::uint8_t lanes = 4;
+    std::uint32_t clock = 600000000;
+    ASSERT_EQ(LIBCSI_OK, libcsi_set_csi_config(device, &lanes, &clock));
+    EXPECT_EQ(4, lanes);
+    lanes = 0;
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_csi_config(device, &lanes, &clock));
+    EXPECT_EQ(4, lanes);
+    EXPECT_EQ(600000000u, clock);
+
+    EXPECT_EQ(LIBCSI_OK, libcsi_close_device(device));
+    EXPECT_EQ(0, board.system->GetFirmware(0).GetDeviceMode()) << "closing gives the camera its first mode back";
+    EXPECT_EQ(LIBCSI_OK, libcsi_close_device(device)) << "closing is idempotent";
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_close_device(nullptr));
+    EXPECT_EQ(LIBCSI_INVALID_DEVICE_STATE, libcsi_get_min_announced_frames(device, &value));
+    ASSERT_EQ(LIBCSI_OK, board.Open(&device)) << "a closed device opens again";
+}
+
+TEST(DeviceOpen, VersionChecks)
+{
+    {
+        VirtualBoard board("[camera0]\nbus_timing = 0\nlayout_version = 0x20000\n");
+        device_handle_t* device = nullptr;
+        EXPECT_EQ(LIBCSI_INVALID_LAYOUT_VERSION, board.Open(&device));
+        EXPECT_EQ(0, board.system->GetFirmware(0).GetDeviceMode()) << "a failed open leaves the camera as it was";
+        EXPECT_EQ(LIBCSI_INVALID_LAYOUT_VERSION, board.Open(&device)) << "and the device closed";
+    }
+    {
+        VirtualBoard board("[system]\ninterface_version = 1.0.5\n[camera0]\nbus_timing = 0\n");
+        device_handle_t* device = nullptr;
+        EXPECT_EQ(LIBCSI_INCOMPATIBLE_DRIVER, board.Open(&device));
+    }
+    {
+        VirtualBoard board("[system]\ninterface_version = 1.0.6\n[camera0]\nbus_timing = 0\n");
+        device_handle_t* device = nullptr;
+        EXPECT_EQ(LIBCSI_OK, board.Open(&device));
+    }
+    {
+        VirtualBoard board("[system]\ndriver_info = 0\n[camera0]\nbus_timing = 0\n");
+        device_handle_t* device = nullptr;
+        EXPECT_EQ(LIBCSI_INCOMPATIBLE_DRIVER, board.Open(&device)) << "a driver without its info is too old";
+    }
+}
+
+TEST(DeviceOpen, LinkSpeedLanesAndStatistics)
+{
+    VirtualBoard board("[system]\nstatistics_capabilities = 0x13\n"
+                       "[camera0]\nbus_timing = 0\nbus_speed = 100000\nlane_mask = 0xA\n"
+                       "[camera1]\nnode = video1\nbus = 3\nbus_timing = 0\nbus_speed = 200000\n");
+    device_handle_t* slow = nullptr;
+    device_handle_t* odd = nullptr;
+    ASSERT_EQ(LIBCSI_OK, board.Open(&slow, 0));
+    ASSERT_EQ(LIBCSI_OK, board.Open(&odd, 1));
+    std::uint32_t speed = 9;
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_cci_link_speed(slow, &speed));
+    EXPECT_EQ(0u, speed);
+    EXPECT_EQ(LIBCSI_I2C_CLOCK_UNKNOWN, libcsi_get_cci_link_speed(odd, &speed));
+    board.system->FailIoctl(0, "VIDIOC_G_I2C_CLOCK_FREQ", EIO, 1);
+    EXPECT_EQ(LIBCSI_DRIVER_CALL_FAILED, libcsi_get_cci_link_speed(slow, &speed));
+
+    std::uint8_t lanes = 0;
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_supported_lane_counts(slow, &lanes));
+    EXPECT_EQ(0xA, lanes);
+    std::uint32_t min = 0, max = 0;
+    EXPECT_EQ(LIBCSI_OK, libcsi_get_supported_csi_host_clock_range(slow, 2, &min, &max));
+    EXPECT_GT(max, min);
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_get_supported_csi_host_clock_range(slow, 3, &min, &max));
+
+    std::uint64_t capabilities = 0;
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_statistics_capability(slow, &capabilities));
+    EXPECT_EQ(0x3u, capabilities) << "bit 4 without bit 5 adds no frame rate pair";
+}
+
+TEST(DeviceOpen, IpuOverrideAndImx6Boards)
+{
+    auto& config = LibCSIImpl::TheConfig();
+    const auto saved = config;
+    config.ipuOverride = true;
+    config.ipuXInc = 64;
+    {
+        VirtualBoard board("[system]\nboard = wandboard\n[camera0]\nbus_timing = 0\n");
+        device_handle_t* device = nullptr;
+        ASSERT_EQ(LIBCSI_OK, board.Open(&device));
+        libcsi_ipu_restrictions_t ipu{};
+        ASSERT_EQ(LIBCSI_OK, libcsi_get_ipu_restrictions(device, &ipu));
+        EXPECT_EQ(64u, ipu.m_nXInc) << "the configured values win over the driver's";
+        std::int32_t type;
+        std::uint64_t size = 64;
+        char text[64] = {};
+        ASSERT_EQ(LIBCSI_OK, libcsi_get_ext_info(device, 3, &type, text, &size));
+        EXPECT_STREQ("NXP i.MX6 Wandboard", text);
+    }
+    config = saved;
+}
+
+TEST(DeviceOpen, ResetLeavesOnlyClosing)
+{
+    VirtualBoard board(kOneCamera);
+    device_handle_t* device = nullptr;
+    ASSERT_EQ(LIBCSI_OK, board.Open(&device));
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_reset_device(nullptr));
+    ASSERT_EQ(LIBCSI_OK, libcsi_reset_device(device));
+    EXPECT_EQ(0, board.system->GetFirmware(0).GetDeviceMode()) << "the camera restarted";
+    EXPECT_EQ(LIBCSI_INVALID_DEVICE_STATE, libcsi_reset_device(device));
+    std::uint8_t lanes;
+    std::uint32_t clock;
+    EXPECT_EQ(LIBCSI_INVALID_DEVICE_STATE, libcsi_get_csi_config(device, &lanes, &clock));
+    EXPECT_EQ(LIBCSI_OK, libcsi_close_device(device));
+}
+
+class GenCPOverCCI : public ::testing::Test {
+protected:
+    GenCPOverCCI() : board(kOneCamera) { EXPECT_EQ(LIBCSI_OK, board.Open(&device)); }
+
+    std::vector<std::uint8_t> Read(std::int32_t* result = nullptr, std::uint32_t timeout = 200)
+    {
+        std::vector<std::uint8_t> packet(1024);
+        std::uint64_t size = packet.size();
+        std::int32_t rc = libcsi_read_gencp(device, packet.data(), &size, timeout);
+        if (result)
+            *result = rc;
+        packet.resize(rc == LIBCSI_OK ? size : 0);
+        return packet;
+    }
+
+    VirtualBoard board;
+    device_handle_t* device = nullptr;
+};
+
+TEST_F(GenCPOverCCI, RoundTrip)
+{
+    auto command = SimTest::Harness::ReadCommand(0x44, 64, 11);
+    ASSERT_EQ(LIBCSI_OK, libcsi_write_gencp(device, command.data(), command.size(), 200));
+    auto ack = Read();
+    ASSERT_EQ(80u, ack.size());
+    EXPECT_TRUE(SimTest::Harness::CrcValid(ack));
+    EXPECT_EQ(11, SimTest::Harness::Field16(ack, 14));
+    EXPECT_STREQ("Virtual CSI-2 Camera", reinterpret_cast<const char*>(&ack[16]));
+
+    // A GenCP write changes the camera.
+    const std::uint32_t width = 320;
+    auto write = SimTest::Harness::WriteCommand(Sim::CameraMap::Width, &width, 4, 12);
+    ASSERT_EQ(LIBCSI_OK, libcsi_write_gencp(device, write.data(), write.size(), 200));
+    ASSERT_EQ(20u, Read().size());
+    EXPECT_EQ(320u, board.system->GetFirmware(0).ReadValue(Sim::CameraMap::Width));
+}
+
+TEST_F(GenCPOverCCI, ArgumentsAndBuffers)
+{
+    auto command = SimTest::Harness::ReadCommand(0x44, 64, 1);
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_write_gencp(device, command.data(), 0, 200));
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_write_gencp(nullptr, command.data(), command.size(), 200));
+    std::uint64_t size = 8;
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_read_gencp(device, nullptr, &size, 200));
+    std::int32_t result = 0;
+    Read(&result, 0);
+    EXPECT_EQ(LIBCSI_TIMEOUT, result) << "no packet waiting";
+
+    ASSERT_EQ(LIBCSI_OK, libcsi_write_gencp(device, command.data(), command.size(), 200));
+    std::uint8_t small[16];
+    size = sizeof small;
+    EXPECT_EQ(LIBCSI_BUFFER_TOO_SMALL, libcsi_read_gencp(device, small, &size, 200));
+    EXPECT_EQ(80u, size) << "the packet's size comes back";
+    EXPECT_EQ(80u, Read().size()) << "and the packet waits for a larger buffer";
+}
+
+TEST_F(GenCPOverCCI, CameraFaultsReachTheCaller)
+{
+    auto command = SimTest::Harness::ReadCommand(0x44, 4, 1);
+    board.system->InjectFault(0, Sim::Fault::ShortSizeWrite, 1);
+    EXPECT_EQ(LIBCSI_I2C_WRITE_FAILED, libcsi_write_gencp(device, command.data(), command.size(), 200));
+
+    board.system->InjectFault(0, Sim::Fault::HandshakeStuck, 1, 0);
+    EXPECT_EQ(LIBCSI_I2C_WRITE_FAILED, libcsi_write_gencp(device, command.data(), command.size(), 50))
+        << "the camera never took the packet";
+    EXPECT_EQ(LIBCSI_TIMEOUT, libcsi_write_gencp(device, command.data(), command.size(), 50))
+        << "the handshake stays busy, and nothing is written";
+}
+
+TEST_F(GenCPOverCCI, BusyHandshakeAndFailingBus)
+{
+    auto command = SimTest::Harness::ReadCommand(0x44, 4, 2);
+    board.system->InjectFault(0, Sim::Fault::HandshakeStuck, 1, 30);
+    EXPECT_EQ(LIBCSI_OK, libcsi_write_gencp(device, command.data(), command.size(), 500)) << "a slow camera is waited for";
+    ASSERT_EQ(20u, Read().size());
+
+    board.system->InjectFault(0, Sim::Fault::I2CInterrupted, 3);
+    ASSERT_EQ(LIBCSI_OK, libcsi_write_gencp(device, command.data(), command.size(), 200));
+    ASSERT_EQ(20u, Read().size()) << "interrupted register reads are repeated";
+
+    ASSERT_EQ(LIBCSI_OK, libcsi_write_gencp(device, command.data(), command.size(), 200));
+    board.system->InjectFault(0, Sim::Fault::I2CReadFailure, 1000000);
+    std::int32_t result = 0;
+    Read(&result, 50);
+    EXPECT_EQ(LIBCSI_TIMEOUT, result) << "a handshake that cannot be read is never seen";
+    board.system->ClearFaults(0);
+}
+
+}
