@@ -5,10 +5,35 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
+
+struct libcsi_device_handle;
+
+// A frame known to a device (frame_handle_t).
+struct libcsi_frame_handle {
+    libcsi_device_handle* m_pDeviceHandle = nullptr;
+    std::weak_ptr<libcsi_device_handle> device;
+    libcsi_frame_callback_t callback = nullptr;
+    void* context = nullptr;
+    lib_frame_transfer* transfer = nullptr;
+    // The driver's mapped memory of a frame that must be copied; all zero otherwise.
+    std::uint8_t* driverLeader = nullptr;
+    std::uint8_t* driverPayload = nullptr;
+    std::uint8_t* driverTrailer = nullptr;
+    std::uint64_t driverLeaderSize = 0, driverPayloadSize = 0, driverTrailerSize = 0;
+    std::uint64_t userValue = 0;
+    std::uint32_t status = 1;
+    bool queued = false;
+    std::uint32_t origin = 0; // 0 announced, 1 allocated here
+    std::uint32_t m_nBufferIndex = 0;
+    std::uint64_t totalSize = 0;
+};
 
 // One camera of the device list (device_handle_t).
 struct libcsi_device_handle {
@@ -38,11 +63,51 @@ struct libcsi_device_handle {
     std::map<std::uint8_t, std::pair<std::uint32_t, std::uint32_t>> clockRanges;
     bool formatDirty = true;
     std::uint32_t streamRunCounter = 0;
+
+    // Frames.
+    std::set<std::shared_ptr<libcsi_frame_handle>> announcedFrames;
+    std::set<std::uint32_t> freeBufferIndices;
+    std::deque<std::shared_ptr<libcsi_frame_handle>> m_InputFrameQueue;
+    std::deque<std::shared_ptr<libcsi_frame_handle>> m_OutputFrameQueue;
+    std::uint32_t memoryMode = 0; // 0 MMAP, 1 USERPTR_INT, 2 USERPTR_EXT
+    bool buffersFit = true;
+
+    // The frame threads.
+    std::mutex outputMutex;
+    std::condition_variable outputCondition;
+    std::uint32_t callbackThreadState = 0;
+    std::thread callbackThread;
+    std::mutex dequeueMutex;
+    std::condition_variable dequeueCondition;
+    std::uint32_t dequeueThreadState = 0;
+    std::thread dequeueThread;
+    std::mutex statisticsMutex;
+
+    std::uint64_t m_nNumReceivedFrames = 0, dumpedFrames = 0, m_nNumDroppedFrames = 0;
+    std::uint32_t leaderKeyErrors = 0, trailerKeyErrors = 0, blockIDErrors = 0;
+    std::uint64_t streamStartTime = 0; // milliseconds
 };
 
 namespace QEL { namespace LibCSIImpl {
 
 using Device = ::libcsi_device_handle;
+using Frame = ::libcsi_frame_handle;
+
+enum MemoryMode : std::uint32_t { MemoryMMAP = 0, MemoryUserptrInternal = 1, MemoryUserptrExternal = 2 };
+
+// The frame threads of a device.
+void FrameCallbackThread(Device& device);
+void FrameDequeueThread(Device& device);
+// Gives every buffer back from the driver and empties the input queue.
+int32_t FlushFrames(Device& device);
+// Stops a running stream: the driver first, then the dequeue thread.
+int32_t StopStream(Device& device, std::uint32_t timeout);
+// Stops the callback thread and waits for its end.
+void StopCallbackThread(Device& device);
+// Hands a frame's buffer to the driver; false with errno set when it refuses.
+bool QueueBuffer(Device& device, const Frame& frame);
+// Microseconds of CLOCK_MONOTONIC.
+std::uint64_t MonotonicMicroseconds();
 
 enum DeviceState : std::uint32_t { Closed = 0, Open = 1, Streaming = 2, Stopping = 3, Closing = 4, ResetRequested = 5 };
 

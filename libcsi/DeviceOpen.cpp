@@ -320,6 +320,11 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
             ClearCameraState(device);
             return result;
         }
+        {
+            std::lock_guard<std::mutex> output(device.outputMutex);
+            device.callbackThreadState = Running;
+        }
+        device.callbackThread = std::thread([&device] { FrameCallbackThread(device); });
         SetState(device, Open);
         *ppDeviceHandle = &device;
         return LIBCSI_OK;
@@ -335,14 +340,20 @@ int32_t libcsi_close_device(device_handle_t* pDeviceHandle)
     if (!pDeviceHandle)
         return LIBCSI_INVALID_PARAMETER;
     Device& device = *pDeviceHandle;
+    std::uint32_t previous;
     {
         std::unique_lock<std::mutex> lock(device.mutex);
         device.stateCondition.wait(lock, [&] { return device.state != Stopping && device.state != Closing; });
         if (device.state == Closed)
             return LIBCSI_OK;
         std::lock_guard<std::mutex> frames(device.frameMutex);
+        previous = device.state;
         SetState(device, Closing);
     }
+    if (previous == Streaming)
+        StopStream(device, 0);
+    FlushFrames(device);
+    StopCallbackThread(device);
     if (SetDeviceMode(device, 0) != LIBCSI_OK)
         LIBCSI_LOG(TierWarning, " WARNING: Failed to reset device mode.\n");
     Os::Current().Close(device.m_nFileHandle);

@@ -66,4 +66,7 @@ std::shared_ptr<Library> CurrentLibrary();
 
 void DiscoveryThread(std::shared_ptr<Library> library);
 
+// The device of a handle in the device list, or null for a handle that is none of them.
+std::shared_ptr<Device> FindDevice(const Library& library, const Device* handle);
+
 } }

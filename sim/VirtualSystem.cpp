@@ -485,6 +485,18 @@ std::uint64_t VirtualSystem::GetFramesLost(std::size_t camera)
     return cameras.at(camera)->framesLost;
 }
 
+bool VirtualSystem::IsWatched(const std::string& path)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    auto attribute = attributes.find(path);
+    if (attribute == attributes.end())
+        return false;
+    for (const auto& entry : files)
+        if (entry.second->attribute == attribute->second && entry.second->read)
+            return true;
+    return false;
+}
+
 bool VirtualSystem::IsStreaming(std::size_t camera)
 {
     std::lock_guard<std::mutex> lock(mutex);

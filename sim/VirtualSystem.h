@@ -54,6 +54,9 @@ public:
     std::uint64_t GetFramesSent(std::size_t camera);
     std::uint64_t GetFramesLost(std::size_t camera);
     bool IsStreaming(std::size_t camera);
+    // True while a descriptor of the attribute at `path` is open and has been read,
+    // so that a change of it would be signalled.
+    bool IsWatched(const std::string& path);
 
 private:
     struct Attribute;

@@ -157,8 +157,10 @@ TEST_F(Discovery, DeviceStringsAreConvertedToLatin1)
 
 TEST_F(Discovery, UnplugAndReplugReachTheCallback)
 {
-    // Let the discovery thread take up the new list before the change.
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    // A change is seen only once the discovery thread watches the attribute, as on a real board.
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!system->IsWatched("/sys/class/video4linux/video1/availability") && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     system->SetAvailable(1, false);
     ASSERT_TRUE(AwaitEvents(1));
     system->SetAvailable(1, true);

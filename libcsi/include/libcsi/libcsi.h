@@ -75,6 +75,39 @@ typedef struct {
     uint32_t mem_alignment;
 } libcsi_ipu_restrictions_t;
 
+typedef struct libcsi_frame_handle frame_handle_t;
+
+/* The caller's description of a frame: leader, payload and trailer laid end
+ * to end. A part of size 0 has a null pointer and does not exist. */
+typedef struct {
+    uint64_t m_pLeader;
+    uint64_t m_pPayload;
+    uint64_t m_pTrailer;
+    uint64_t m_nLeaderSize;
+    uint64_t m_nPayloadSize;
+    uint64_t m_nTrailerSize;
+} lib_frame_transfer;
+
+/* Frame status passed to the frame callback. */
+enum libcsi_frame_status {
+    LIBCSI_FRAME_VALID = 0,
+    LIBCSI_FRAME_ERROR = 1,
+    LIBCSI_FRAME_INVALID = 3,
+    LIBCSI_FRAME_UNUSED = 4
+};
+
+typedef void (*libcsi_frame_callback_t)(void* pContext, frame_handle_t* pFrameHandle, lib_frame_transfer* pFrame,
+                                        uint64_t nUserValue, uint32_t nStatus);
+
+/* The record of libcsi_get_stream_statistics. */
+typedef struct {
+    uint64_t m_nFramesCount;
+    uint64_t m_nPacketCRCError;
+    uint64_t m_nFramesUnderrun;
+    uint64_t m_nFramesIncomplete;
+    double m_dFrameRate;
+} libcsi_stream_statistics_t;
+
 typedef void (*libcsi_discovery_callback_t)(void* pContext, const char* sPortID, bool bAvailable);
 typedef void (*libcsi_report_callback_t)(void* pContext, const char* sMessage);
 
@@ -111,6 +144,19 @@ LIBCSI_API int32_t libcsi_get_csi_config(device_handle_t* pDeviceHandle, uint8_t
                                          uint32_t* pLaneClockFrequency);
 LIBCSI_API int32_t libcsi_set_csi_config(device_handle_t* pDeviceHandle, uint8_t* pLaneCount,
                                          uint32_t* pLaneClockFrequency);
+
+LIBCSI_API int32_t libcsi_announce_frame(device_handle_t* pDeviceHandle, uint32_t nIPU_X, uint32_t nIPU_Y,
+                                         lib_frame_transfer* pFrame, frame_handle_t** ppFrameHandle);
+LIBCSI_API int32_t libcsi_alloc_and_announce_frame(device_handle_t* pDeviceHandle, uint32_t nIPU_X, uint32_t nIPU_Y,
+                                                   lib_frame_transfer* pFrame, frame_handle_t** ppFrameHandle);
+LIBCSI_API int32_t libcsi_queue_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFrameHandle,
+                                      libcsi_frame_callback_t pFrameCallback, void* pContext);
+LIBCSI_API int32_t libcsi_flush_frames(device_handle_t* pDeviceHandle);
+LIBCSI_API int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFrameHandle);
+LIBCSI_API int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentifier);
+LIBCSI_API int32_t libcsi_stop_stream(device_handle_t* pDeviceHandle, uint32_t nTimeout);
+LIBCSI_API int32_t libcsi_get_stream_statistics(device_handle_t* pDeviceHandle, libcsi_stream_statistics_t* pStatistics);
+LIBCSI_API int32_t libcsi_reset_stream_statistics(device_handle_t* pDeviceHandle);
 
 LIBCSI_API int32_t libcsi_write_gencp(device_handle_t* pDeviceHandle, const void* pData, uint64_t nSize,
                                       uint32_t nTimeout);

@@ -1,0 +1,466 @@
+// Frames: announcing, allocating, queueing and revoking the buffers frames land in.
+#include "libcsi/Config.h"
+#include "libcsi/Device.h"
+#include "libcsi/Library.h"
+#include "libcsi/Log.h"
+#include "libcsi/OsSeam.h"
+
+#include <linux/videodev2.h>
+
+#include <sys/mman.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+
+namespace QEL { namespace LibCSIImpl {
+
+namespace {
+
+// The geometry last told to the driver, process-wide.
+struct {
+    std::mutex mutex;
+    std::uint64_t totalSize = 0;
+    std::uint32_t ipuX = 0, ipuY = 0;
+} lastFormat;
+
+int32_t SetFormat(Device& device, std::uint64_t totalSize, std::uint32_t ipuX, std::uint32_t ipuY)
+{
+    std::lock_guard<std::mutex> lock(lastFormat.mutex);
+    if (!device.formatDirty && lastFormat.totalSize == totalSize && lastFormat.ipuX == ipuX && lastFormat.ipuY == ipuY)
+        return LIBCSI_OK;
+    device.formatDirty = false;
+    v4l2_format format{};
+    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    format.fmt.pix.width = ipuX;
+    format.fmt.pix.height = ipuY;
+    format.fmt.pix.pixelformat = QEL_PIX_FMT_TP31;
+    format.fmt.pix.bytesperline = 0;
+    format.fmt.pix.sizeimage = static_cast<std::uint32_t>(totalSize);
+    if (Os::Current().Ioctl(device.m_nFileHandle, VIDIOC_S_FMT, &format) < 0) {
+        device.formatDirty = true;
+        LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_S_FMT failed (errno=%d, %s).\n", "set_format", errno,
+                   std::strerror(errno));
+        return LIBCSI_DRIVER_CALL_FAILED;
+    }
+    LIBCSI_LOG(TierTrace, " VIDIOC_S_FMT succcess. SizeImage=%d Width=%d, Height=%d\n",
+               static_cast<int>(format.fmt.pix.sizeimage), static_cast<int>(ipuX), static_cast<int>(ipuY));
+    lastFormat.totalSize = totalSize;
+    lastFormat.ipuX = ipuX;
+    lastFormat.ipuY = ipuY;
+    return LIBCSI_OK;
+}
+
+bool CheckAxis(const char* axis, std::uint32_t value, std::uint32_t min, std::uint32_t max, std::uint32_t inc)
+{
+    if (inc == 0 || value % inc != 0 || value < min || value > max) {
+        LIBCSI_LOG(TierError, " ERROR: %s value did not pass sanity check. (Min=%d, Max=%d, Inc=%d)\n", axis,
+                   static_cast<int>(min), static_cast<int>(max), static_cast<int>(inc));
+        return false;
+    }
+    return true;
+}
+
+int BufferRequest(Device& device, unsigned long request, std::uint32_t index, std::uint32_t memory)
+{
+    qel_buffer_request record{index, V4L2_BUF_TYPE_VIDEO_CAPTURE, memory};
+    return Os::Current().Ioctl(device.m_nFileHandle, request, &record);
+}
+
+// Allocates the driver's buffer of `frame` and maps it; the pointer to the mapping.
+int32_t MapDriverBuffer(Device& device, Frame& frame, std::uint8_t*& mapping)
+{
+    if (BufferRequest(device, VIDIOC_MEM_ALLOC, frame.m_nBufferIndex, V4L2_MEMORY_MMAP) < 0) {
+        LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_MEM_ALLOC failed (errno=%d, %s).\n", "map_frame", errno,
+                   std::strerror(errno));
+        return LIBCSI_DRIVER_CALL_FAILED;
+    }
+    v4l2_buffer buf{};
+    buf.index = frame.m_nBufferIndex;
+    buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    buf.memory = V4L2_MEMORY_MMAP;
+    if (Os::Current().Ioctl(device.m_nFileHandle, VIDIOC_QUERYBUF, &buf) < 0) {
+        LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_QUERYBUF failed (errno=%d, %s).\n", "map_frame", errno,
+                   std::strerror(errno));
+        BufferRequest(device, VIDIOC_MEM_FREE, frame.m_nBufferIndex, V4L2_MEMORY_MMAP);
+        return LIBCSI_DRIVER_CALL_FAILED;
+    }
+    std::uint64_t offset;
+    std::memcpy(&offset, &buf.m, sizeof offset);
+    void* memory = Os::Current().Mmap(nullptr, frame.totalSize, PROT_READ | PROT_WRITE, MAP_SHARED,
+                                      device.m_nFileHandle, static_cast<off_t>(offset));
+    if (memory == MAP_FAILED) {
+        LIBCSI_LOG(TierError, " %s ERROR: Failed to map user memory (errno=%d, %s).\n", "map_frame", errno,
+                   std::strerror(errno));
+        BufferRequest(device, VIDIOC_MEM_FREE, frame.m_nBufferIndex, V4L2_MEMORY_MMAP);
+        return LIBCSI_MAP_FAILED;
+    }
+    mapping = static_cast<std::uint8_t*>(memory);
+    return LIBCSI_OK;
+}
+
+// Leader, payload and trailer pointers into one block of memory.
+void PointInto(std::uint8_t* start, const lib_frame_transfer& sizes, std::uint8_t*& leader, std::uint8_t*& payload,
+               std::uint8_t*& trailer)
+{
+    leader = sizes.m_nLeaderSize ? start : nullptr;
+    payload = start + sizes.m_nLeaderSize;
+    trailer = sizes.m_nTrailerSize ? payload + sizes.m_nPayloadSize : nullptr;
+}
+
+std::uintptr_t FirstPointer(const lib_frame_transfer& transfer)
+{
+    return static_cast<std::uintptr_t>(transfer.m_nLeaderSize ? transfer.m_pLeader : transfer.m_pPayload);
+}
+
+// The checks and steps announce and allocate share; `allocate` picks the variant.
+int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ipuX, std::uint32_t ipuY,
+                 lib_frame_transfer* pFrame, frame_handle_t** ppFrameHandle, bool allocate)
+{
+    LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p, nIPU_X=%u, nIPU_Y=%u)\n", function, static_cast<void*>(handle), ipuX,
+               ipuY);
+    if (!handle) {
+        LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter pDeviceHandle.\n", function);
+        return LIBCSI_INVALID_PARAMETER;
+    }
+    if (!pFrame) {
+        LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter pFrame.\n", function);
+        return LIBCSI_INVALID_PARAMETER;
+    }
+    lib_frame_transfer& t = *pFrame;
+    if (allocate) {
+        if (t.m_nPayloadSize == 0) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter for payload.\n", function);
+            return LIBCSI_INVALID_PARAMETER;
+        }
+    } else {
+        if (t.m_nPayloadSize == 0 || t.m_pPayload == 0) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter for payload.\n", function);
+            return LIBCSI_INVALID_PARAMETER;
+        }
+        if ((t.m_nLeaderSize == 0) != (t.m_pLeader == 0)) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter for leader.\n", function);
+            return LIBCSI_INVALID_PARAMETER;
+        }
+        if ((t.m_nTrailerSize == 0) != (t.m_pTrailer == 0)) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter for trailer.\n", function);
+            return LIBCSI_INVALID_PARAMETER;
+        }
+    }
+    if (ipuX == 0 || ipuY == 0) {
+        LIBCSI_LOG(TierError, " %s ERROR: Invalid IPU_X (%u) or IPU_Y (%u)\n", function, ipuX, ipuY);
+        return LIBCSI_INVALID_PARAMETER;
+    }
+    const std::uint64_t total = t.m_nLeaderSize + t.m_nPayloadSize + t.m_nTrailerSize;
+    Device& device = *handle;
+    if (static_cast<std::uint32_t>(ipuX * ipuY) != total) {
+        LIBCSI_LOG(TierWarning, " %s WARNING: Invalid parameter: Buffer size is not equal to nIPU_X*nIPU_Y.\n",
+                   function);
+        std::lock_guard<std::mutex> lock(device.mutex);
+        device.buffersFit = false;
+    }
+    std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
+    auto library = CurrentLibrary();
+    if (!library)
+        return LIBCSI_NOT_INITIALIZED;
+    std::lock_guard<std::mutex> lock(device.mutex);
+    const qel_ipu_restrictions& ipu = device.ipuRestrictions;
+    if (!CheckAxis("IPU_X", ipuX, ipu.x_min, ipu.x_max, ipu.x_inc) ||
+        !CheckAxis("IPU_Y", ipuY, ipu.y_min, ipu.y_max, ipu.y_inc))
+        return LIBCSI_INVALID_PARAMETER;
+    if (!ppFrameHandle) {
+        LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter ppFrameHandle\n", function);
+        return LIBCSI_INVALID_PARAMETER;
+    }
+    std::lock_guard<std::mutex> frames(device.frameMutex);
+    if (device.state != Open && device.state != ResetRequested) {
+        LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", function);
+        return LIBCSI_INVALID_DEVICE_STATE;
+    }
+    std::shared_ptr<Frame> frame;
+    try {
+        frame = std::make_shared<Frame>();
+    } catch (...) {
+        LIBCSI_LOG(TierError, " %s ERROR: Failed to create frame handle.\n", function);
+        return LIBCSI_READ_FAILED;
+    }
+    LIBCSI_LOG(TierTrace, " nTotalFrameSize=%lu (L+P+T=%lu+%lu+%lu)\n", static_cast<unsigned long>(total),
+               static_cast<unsigned long>(t.m_nLeaderSize), static_cast<unsigned long>(t.m_nPayloadSize),
+               static_cast<unsigned long>(t.m_nTrailerSize));
+    if (int32_t result = SetFormat(device, total, ipuX, ipuY))
+        return result;
+    std::uint32_t index;
+    if (!device.freeBufferIndices.empty()) {
+        index = *device.freeBufferIndices.begin();
+        device.freeBufferIndices.erase(device.freeBufferIndices.begin());
+    } else {
+        index = static_cast<std::uint32_t>(device.announcedFrames.size());
+    }
+    LIBCSI_LOG(TierTrace, " nNextFreeIndex=%d\n", static_cast<int>(index));
+    frame->m_nBufferIndex = index;
+    frame->totalSize = total;
+    auto giveBack = [&] { device.freeBufferIndices.insert(index); };
+    const Config& config = TheConfig();
+    const std::uint32_t alignment = std::max<std::uint32_t>(1, device.driverInfo.usrptr_alignment);
+    if (!allocate && config.enableUserptr) {
+        if (FirstPointer(t) % alignment != 0) {
+            LIBCSI_LOG(TierError, " %s ERROR: USRPTR memory alignment invalid. BufferStart=%p, ReqAlignment=%u\n",
+                       function, reinterpret_cast<void*>(FirstPointer(t)), alignment);
+            giveBack();
+            return LIBCSI_ALIGNMENT_INVALID;
+        }
+        device.memoryMode = MemoryUserptrExternal;
+    } else if (!config.enableUserptr) {
+        device.memoryMode = MemoryMMAP;
+        std::uint8_t* mapping = nullptr;
+        if (int32_t result = MapDriverBuffer(device, *frame, mapping)) {
+            giveBack();
+            return result;
+        }
+        std::uint8_t *leader, *payload, *trailer;
+        PointInto(mapping, t, leader, payload, trailer);
+        if (allocate) {
+            t.m_pLeader = reinterpret_cast<std::uintptr_t>(leader);
+            t.m_pPayload = reinterpret_cast<std::uintptr_t>(payload);
+            t.m_pTrailer = reinterpret_cast<std::uintptr_t>(trailer);
+        } else {
+            frame->driverLeader = leader;
+            frame->driverPayload = payload;
+            frame->driverTrailer = trailer;
+            frame->driverLeaderSize = t.m_nLeaderSize;
+            frame->driverPayloadSize = t.m_nPayloadSize;
+            frame->driverTrailerSize = t.m_nTrailerSize;
+        }
+    } else {
+        device.memoryMode = MemoryUserptrInternal;
+        if (BufferRequest(device, VIDIOC_MEM_ALLOC, index, V4L2_MEMORY_USERPTR) < 0) {
+            LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_MEM_ALLOC failed (errno=%d, %s).\n", function, errno,
+                       std::strerror(errno));
+            giveBack();
+            return LIBCSI_DRIVER_CALL_FAILED;
+        }
+        const std::uint64_t rounded = (total + alignment - 1) / alignment * alignment;
+        auto* memory = static_cast<std::uint8_t*>(std::aligned_alloc(alignment, rounded));
+        if (!memory) {
+            LIBCSI_LOG(TierError, " %s ERROR: Failed to allocate memory (errno=%d, %s).\n", function, errno,
+                       std::strerror(errno));
+            giveBack();
+            return LIBCSI_ERROR;
+        }
+        std::uint8_t *leader, *payload, *trailer;
+        PointInto(memory, t, leader, payload, trailer);
+        t.m_pLeader = reinterpret_cast<std::uintptr_t>(leader);
+        t.m_pPayload = reinterpret_cast<std::uintptr_t>(payload);
+        t.m_pTrailer = reinterpret_cast<std::uintptr_t>(trailer);
+    }
+    frame->transfer = pFrame;
+    frame->queued = false;
+    frame->origin = allocate ? 1 : 0;
+    frame->m_pDeviceHandle = &device;
+    auto owner = FindDevice(*library, &device);
+    if (!owner) {
+        LIBCSI_LOG(TierError, " %s ERROR: Invalid device handle.\n", function);
+        giveBack();
+        return LIBCSI_INVALID_PARAMETER;
+    }
+    frame->device = owner;
+    device.announcedFrames.insert(frame);
+    *ppFrameHandle = frame.get();
+    LIBCSI_LOG(TierTrace, allocate ? " Frame allocated and announced. Index=%d\n" : " Frame announced. Index=%d\n",
+               static_cast<int>(index));
+    return LIBCSI_OK;
+}
+
+std::shared_ptr<Frame> FindFrame(Device& device, const Frame* handle)
+{
+    for (const auto& frame : device.announcedFrames)
+        if (frame.get() == handle)
+            return frame;
+    return nullptr;
+}
+
+}
+
+bool QueueBuffer(Device& device, const Frame& frame)
+{
+    v4l2_buffer buf{};
+    buf.index = frame.m_nBufferIndex;
+    buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    if (device.memoryMode == MemoryMMAP) {
+        buf.memory = V4L2_MEMORY_MMAP;
+    } else {
+        const std::uint32_t alignment = std::max<std::uint32_t>(1, device.driverInfo.usrptr_alignment);
+        buf.memory = V4L2_MEMORY_USERPTR;
+        buf.m.userptr = static_cast<unsigned long>(FirstPointer(*frame.transfer));
+        buf.length = static_cast<std::uint32_t>(alignment + (frame.totalSize / alignment) * alignment);
+    }
+    return Os::Current().Ioctl(device.m_nFileHandle, VIDIOC_QBUF, &buf) >= 0;
+}
+
+std::uint64_t MonotonicMicroseconds()
+{
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
+            .count());
+}
+
+} }
+
+using namespace QEL;
+using namespace QEL::LibCSIImpl;
+
+extern "C" {
+
+int32_t libcsi_announce_frame(device_handle_t* pDeviceHandle, uint32_t nIPU_X, uint32_t nIPU_Y,
+                              lib_frame_transfer* pFrame, frame_handle_t** ppFrameHandle)
+{
+    try {
+        return Announce(__func__, pDeviceHandle, nIPU_X, nIPU_Y, pFrame, ppFrameHandle, false);
+    } catch (...) {
+        return LIBCSI_ERROR;
+    }
+}
+
+int32_t libcsi_alloc_and_announce_frame(device_handle_t* pDeviceHandle, uint32_t nIPU_X, uint32_t nIPU_Y,
+                                        lib_frame_transfer* pFrame, frame_handle_t** ppFrameHandle)
+{
+    try {
+        return Announce(__func__, pDeviceHandle, nIPU_X, nIPU_Y, pFrame, ppFrameHandle, true);
+    } catch (...) {
+        return LIBCSI_ERROR;
+    }
+}
+
+int32_t libcsi_queue_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFrameHandle,
+                           libcsi_frame_callback_t pFrameCallback, void* pContext)
+{
+    try {
+        const std::uint64_t start = MonotonicMicroseconds();
+        if (!pDeviceHandle || !pFrameHandle || !pFrameCallback)
+            return LIBCSI_INVALID_PARAMETER;
+        Device& device = *pDeviceHandle;
+        std::lock_guard<std::mutex> frames(device.frameMutex);
+        if (device.state == Closed || device.state == Closing) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", __func__);
+            return LIBCSI_INVALID_DEVICE_STATE;
+        }
+        if (pFrameHandle->m_pDeviceHandle != &device) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter: pDeviceHandle\n", __func__);
+            return LIBCSI_INVALID_PARAMETER;
+        }
+        std::lock_guard<std::mutex> dequeue(device.dequeueMutex);
+        auto frame = FindFrame(device, pFrameHandle);
+        if (!frame) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid Parameter: pFrameHandle.\n", __func__);
+            return LIBCSI_INVALID_PARAMETER;
+        }
+        if (frame->queued) {
+            LIBCSI_LOG(TierError, " ERROR: Frame already queued.\n");
+            return LIBCSI_FRAME_QUEUED;
+        }
+        if (device.state == Streaming) {
+            if (!QueueBuffer(device, *frame)) {
+                LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_QBUF failed (errno=%d, %s).\n", __func__, errno,
+                           std::strerror(errno));
+                return LIBCSI_DRIVER_CALL_FAILED;
+            }
+            frame->queued = true;
+        }
+        frame->callback = pFrameCallback;
+        frame->context = pContext;
+        device.m_InputFrameQueue.push_back(frame);
+        LIBCSI_LOG(TierVerbose, " libcsi_queue_frame took %luus\n",
+                   static_cast<unsigned long>(MonotonicMicroseconds() - start));
+        return LIBCSI_OK;
+    } catch (...) {
+        return LIBCSI_ERROR;
+    }
+}
+
+int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFrameHandle)
+{
+    try {
+        if (!pDeviceHandle)
+            return LIBCSI_INVALID_PARAMETER;
+        Device& device = *pDeviceHandle;
+        if (device.m_nFileHandle == -1) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter: m_nFileHandle\n", __func__);
+            return LIBCSI_INVALID_PARAMETER;
+        }
+        if (!pFrameHandle)
+            return LIBCSI_INVALID_PARAMETER;
+        std::lock_guard<std::mutex> frames(device.frameMutex);
+        if (device.state == Closed)
+            return LIBCSI_INVALID_DEVICE_STATE;
+        if (pFrameHandle->m_pDeviceHandle != &device) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter: pDeviceHandle != pFrameHandle->m_pDeviceHandle\n",
+                       __func__);
+            return LIBCSI_INVALID_PARAMETER;
+        }
+        auto frame = FindFrame(device, pFrameHandle);
+        if (!frame) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid Parameter: pFrameHandle.\n", __func__);
+            return LIBCSI_INVALID_PARAMETER;
+        }
+        std::lock_guard<std::mutex> dequeue(device.dequeueMutex);
+        if (frame->queued) {
+            LIBCSI_LOG(TierError, " %s ERROR: Frame is still queued!\n", __func__);
+            return LIBCSI_FRAME_QUEUED;
+        }
+        if (device.memoryMode == MemoryMMAP) {
+            void* start = frame->origin == 0 ? static_cast<void*>(frame->driverLeader ? frame->driverLeader
+                                                                                      : frame->driverPayload)
+                                             : reinterpret_cast<void*>(FirstPointer(*frame->transfer));
+            if (Os::Current().Munmap(start, frame->totalSize) < 0) {
+                LIBCSI_LOG(TierError, " %s ERROR: Failed to unmap user memory (errno=%d, %s).\n", __func__, errno,
+                           std::strerror(errno));
+                return LIBCSI_UNMAP_FAILED;
+            }
+            if (BufferRequest(device, VIDIOC_MEM_FREE, frame->m_nBufferIndex, V4L2_MEMORY_MMAP) < 0) {
+                LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_MEM_FREE failed (errno=%d, %s).\n", __func__, errno,
+                           std::strerror(errno));
+                return LIBCSI_DRIVER_CALL_FAILED;
+            }
+        } else if (device.memoryMode == MemoryUserptrInternal) {
+            std::free(reinterpret_cast<void*>(FirstPointer(*frame->transfer)));
+        }
+        device.freeBufferIndices.insert(frame->m_nBufferIndex);
+        device.announcedFrames.erase(frame);
+        if (device.announcedFrames.empty()) {
+            device.buffersFit = true;
+            if (device.memoryMode != MemoryMMAP) {
+                v4l2_requestbuffers request{};
+                request.count = 0;
+                request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+                request.memory = V4L2_MEMORY_USERPTR;
+                if (Os::Current().Ioctl(device.m_nFileHandle, VIDIOC_REQBUFS, &request) < 0) {
+                    LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_REQBUFS failed (errno=%d, %s).\n", __func__, errno,
+                               std::strerror(errno));
+                    return LIBCSI_DRIVER_CALL_FAILED;
+                }
+            }
+        }
+        return LIBCSI_OK;
+    } catch (...) {
+        return LIBCSI_ERROR;
+    }
+}
+
+int32_t libcsi_flush_frames(device_handle_t* pDeviceHandle)
+{
+    try {
+        if (!pDeviceHandle)
+            return LIBCSI_INVALID_PARAMETER;
+        std::lock_guard<std::mutex> frames(pDeviceHandle->frameMutex);
+        if (pDeviceHandle->state == Closed) {
+            LIBCSI_LOG(TierError, " ERROR: Invalid device state\n");
+            return LIBCSI_INVALID_DEVICE_STATE;
+        }
+        return FlushFrames(*pDeviceHandle);
+    } catch (...) {
+        return LIBCSI_ERROR;
+    }
+}
+
+}

@@ -1,0 +1,596 @@
+// Streaming: start and stop, the frame dequeue thread (FDTP) and the frame
+// callback thread (FCTP), flushing, and the stream statistics.
+#include "libcsi/Config.h"
+#include "libcsi/Device.h"
+#include "libcsi/Library.h"
+#include "libcsi/Log.h"
+#include "libcsi/OsSeam.h"
+
+#include <linux/videodev2.h>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+namespace QEL { namespace LibCSIImpl {
+
+namespace {
+
+std::atomic<bool> priorityFailed{false};
+
+void SetState(Device& device, std::uint32_t state)
+{
+    device.state = state;
+    device.stateCondition.notify_all();
+}
+
+// Waits until a progress attribute of the node reads "2"; true when it did.
+// The driver is given its own timeout plus a margin: a driver that never
+// confirms costs the caller that long, not forever.
+bool WaitForAttribute(const Device& device, const char* name, std::uint32_t timeoutMs)
+{
+    const std::uint64_t deadline = MonotonicMicroseconds() + (std::uint64_t{timeoutMs} + 2000) * 1000;
+    Os::Backend& os = Os::Current();
+    const std::string path = device.sysNode + "/" + name;
+    int fd = os.Open(path.c_str(), O_RDONLY);
+    if (fd < 0)
+        return false;
+    char value = 0;
+    os.Read(fd, &value, 1);
+    while (value != '2') {
+        fd_set exceptSet;
+        FD_ZERO(&exceptSet);
+        FD_SET(fd, &exceptSet);
+        const std::uint64_t now = MonotonicMicroseconds();
+        if (now >= deadline) {
+            LIBCSI_LOG(TierWarning, " %s: WARNING: Select timeout (errno=%d, %s).\n", "wait_for_attribute", 0,
+                       "no change of the attribute");
+            break;
+        }
+        timeval limit{static_cast<time_t>((deadline - now) / 1000000), static_cast<suseconds_t>((deadline - now) % 1000000)};
+        const int result = os.Select(fd + 1, nullptr, nullptr, &exceptSet, &limit);
+        if (result < 0 && errno == EINTR)
+            continue;
+        if (result < 0) {
+            LIBCSI_LOG(TierError, " %s: ERROR: Select failed (errno=%d, %s).\n", "wait_for_attribute", errno,
+                       std::strerror(errno));
+            break;
+        }
+        if (result == 0)
+            continue;
+        os.Lseek(fd, 0, SEEK_SET);
+        os.Read(fd, &value, 1);
+    }
+    os.Close(fd);
+    return value == '2';
+}
+
+void SetThreadPriority(std::thread& thread)
+{
+    if (priorityFailed)
+        return;
+    sched_param parameter{};
+    parameter.sched_priority = 99;
+    if (int error = pthread_setschedparam(thread.native_handle(), SCHED_FIFO, &parameter)) {
+        priorityFailed = true;
+        LIBCSI_LOG(TierWarning, " %s WARNING: Failed to set thread priority (errno=%d, %s).\n", "set_thread_priority",
+                   error, std::strerror(error));
+        return;
+    }
+    int policy = 0;
+    if (pthread_getschedparam(thread.native_handle(), &policy, &parameter) == 0)
+        LIBCSI_LOG(TierVerbose, " %s: thread policy=%s, priority=%d\n", "set_thread_priority",
+                   policy == SCHED_FIFO ? "SCHED_FIFO" : policy == SCHED_RR ? "SCHED_RR" : "SCHED_OTHER",
+                   parameter.sched_priority);
+}
+
+std::uint64_t Milliseconds() { return MonotonicMicroseconds() / 1000; }
+
+// Stops the dequeue thread: it drains the driver and ends.
+int32_t StopDequeueThread(Device& device)
+{
+    {
+        std::unique_lock<std::mutex> lock(device.dequeueMutex);
+        while (device.dequeueThreadState != Stopped) {
+            if (device.dequeueThreadState == StopRequested) {
+                device.dequeueCondition.wait(lock);
+                continue;
+            }
+            device.dequeueThreadState = StopRequested;
+            device.dequeueCondition.notify_all();
+            const std::uint32_t one = 1;
+            if (::write(device.m_nStopDequeueEvent[1], &one, sizeof one) != sizeof one) {
+                LIBCSI_LOG(TierError, " %s ERROR: Write m_nStopDequeueEvent failed (errno=%d, %s).\n",
+                           "libcsi_stop_stream", errno, std::strerror(errno));
+                return LIBCSI_ERROR;
+            }
+        }
+    }
+    if (device.dequeueThread.joinable())
+        device.dequeueThread.join();
+    return LIBCSI_OK;
+}
+
+int32_t Stop(Device& device, std::uint32_t timeout)
+{
+    int32_t result = LIBCSI_OK;
+    if (Os::Current().Ioctl(device.m_nFileHandle, VIDIOC_STREAMOFF_EX, &timeout) < 0) {
+        LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_STREAMOFF_EX failed (errno=%d, %s).\n", "libcsi_stop_stream", errno,
+                   std::strerror(errno));
+        result = LIBCSI_DRIVER_CALL_FAILED;
+    } else if (!WaitForAttribute(device, "streamoff", timeout)) {
+        LIBCSI_LOG(TierError, " %s ERROR: Wait for stream off timeout\n", "libcsi_stop_stream");
+        result = LIBCSI_TIMEOUT;
+    }
+    // The dequeue thread must end before the descriptor and the pipe can go, whatever happened above.
+    if (int32_t stopped = StopDequeueThread(device))
+        result = result ? result : stopped;
+    return result;
+}
+
+void WriteStatisticsLine(Device& device)
+{
+    auto library = CurrentLibrary();
+    if (!library || !library->statisticsFile || !TheConfig().dumpAcqStatistics)
+        return;
+    const std::uint64_t duration = Milliseconds() - device.streamStartTime;
+    std::FILE* file = library->statisticsFile;
+    std::fprintf(file, "#%04u; ", device.streamRunCounter);
+    std::fprintf(file, "Duration=%02luh:%02lum:%02lus:%03lums; ", static_cast<unsigned long>(duration / 3600000),
+                 static_cast<unsigned long>(duration / 60000 % 60), static_cast<unsigned long>(duration / 1000 % 60),
+                 static_cast<unsigned long>(duration % 1000));
+    std::fprintf(file, "FramesReceived=%06lu; ", static_cast<unsigned long>(device.m_nNumReceivedFrames));
+    std::fprintf(file, "MeanFrameRate=%6.2f; ",
+                 duration ? static_cast<double>(device.m_nNumReceivedFrames) * 1000.0 / static_cast<double>(duration) : 0.0);
+    std::fprintf(file, "LeaderMagicKeyErrors=%04u; TrailerMagicKeyErrors=%04u; BlockIdErrors=%04u",
+                 device.leaderKeyErrors, device.trailerKeyErrors, device.blockIDErrors);
+    qel_stream_statistics stat{};
+    if (Os::Current().Ioctl(device.m_nFileHandle, VIDIOC_STREAMSTAT, &stat) >= 0) {
+        std::fprintf(file, "; DrvFramesCount=%04llu", static_cast<unsigned long long>(stat.frames_count));
+        std::fprintf(file, "; DrvPacketCrcError=%04llu", static_cast<unsigned long long>(stat.packet_crc_errors));
+        std::fprintf(file, "; DrvFramesUnterrun=%04llu", static_cast<unsigned long long>(stat.frames_underrun));
+        std::fprintf(file, "; DrvFramesIncomplete=%04llu", static_cast<unsigned long long>(stat.frames_incomplete));
+        std::fprintf(file, "; DrvFrameRate=%6.2f",
+                     stat.current_frames_interval
+                         ? static_cast<double>(stat.current_frames_count) * 1e6 / static_cast<double>(stat.current_frames_interval)
+                         : 0.0);
+    }
+    std::fprintf(file, "\r\n");
+    std::fflush(file);
+}
+
+}
+
+int32_t StopStream(Device& device, std::uint32_t timeout) { return Stop(device, timeout); }
+
+int32_t FlushFrames(Device& device)
+{
+    if (Os::Current().Ioctl(device.m_nFileHandle, VIDIOC_FLUSH_FRAMES, nullptr) < 0) {
+        LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_STREAMOFF_EX failed (errno=%d, %s).\n", "flush_frames", errno,
+                   std::strerror(errno));
+        return LIBCSI_DRIVER_CALL_FAILED;
+    }
+    if (!WaitForAttribute(device, "flush", 1000))
+        LIBCSI_LOG(TierError, " ERROR while waiting for flush frames confirmation.\n");
+    std::lock_guard<std::mutex> dequeue(device.dequeueMutex);
+    for (const auto& frame : device.announcedFrames)
+        frame->queued = false;
+    device.m_InputFrameQueue.clear();
+    return LIBCSI_OK;
+}
+
+void StopCallbackThread(Device& device)
+{
+    {
+        std::unique_lock<std::mutex> lock(device.outputMutex);
+        if (device.callbackThreadState == Running) {
+            device.callbackThreadState = StopRequested;
+            device.outputCondition.notify_all();
+        }
+        device.outputCondition.wait(lock, [&] { return device.callbackThreadState == Stopped; });
+    }
+    if (device.callbackThread.joinable())
+        device.callbackThread.join();
+}
+
+void FrameCallbackThread(Device& device)
+{
+    std::unique_lock<std::mutex> lock(device.outputMutex);
+    // Frames still in the output queue are delivered before a stop takes effect.
+    for (;;) {
+        if (device.m_OutputFrameQueue.empty()) {
+            if (device.callbackThreadState != Running)
+                break;
+            device.outputCondition.wait(lock);
+            continue;
+        }
+        std::shared_ptr<Frame> frame = device.m_OutputFrameQueue.front();
+        device.m_OutputFrameQueue.pop_front();
+        const libcsi_frame_callback_t callback = frame->callback;
+        void* context = frame->context;
+        const std::uint64_t userValue = frame->userValue;
+        const std::uint32_t status = frame->status;
+        frame->queued = false;
+        frame->status = LIBCSI_FRAME_ERROR;
+        frame->callback = nullptr;
+        frame->context = nullptr;
+        frame->userValue = 0;
+        lock.unlock();
+        if (callback) {
+            const std::uint64_t start = MonotonicMicroseconds();
+            try {
+                callback(context, frame.get(), frame->transfer, userValue, status);
+            } catch (...) {
+                LIBCSI_LOG(TierError, "EXCEPTION in frame callback occurred.\n");
+            }
+            LIBCSI_LOG(TierVerbose, " FCTP: Callback took %luus\n",
+                       static_cast<unsigned long>(MonotonicMicroseconds() - start));
+        }
+        lock.lock();
+    }
+    device.callbackThreadState = Stopped;
+    device.outputCondition.notify_all();
+    LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p) THREAD ENDED.\n", "frame_callback_thread_proc",
+               static_cast<void*>(&device));
+}
+
+void FrameDequeueThread(Device& device)
+{
+    const Config& config = TheConfig();
+    LIBCSI_LOG(TierTrace, " FDTP: %ld processors, 1 dequeue thread\n", ::sysconf(_SC_NPROCESSORS_ONLN));
+    Os::Backend& os = Os::Current();
+    std::unique_lock<std::mutex> lock(device.dequeueMutex);
+    bool exitFlag = false, firstFrame = true;
+    std::uint64_t currentBlockID = 0, lastBlockID = 0, zeroFrames = 0;
+    std::uint64_t previousTime = 0, copyDuration = 0;
+    const int stopPipe = device.m_nStopDequeueEvent[0], fd = device.m_nFileHandle;
+    while (device.dequeueThreadState == Running || device.dequeueThreadState == StopRequested) {
+        fd_set readSet;
+        FD_ZERO(&readSet);
+        FD_SET(stopPipe, &readSet);
+        FD_SET(fd, &readSet);
+        if (!exitFlag) {
+            lock.unlock();
+            const int result = os.Select(std::max(stopPipe, fd) + 1, &readSet, nullptr, nullptr, nullptr);
+            const int error = errno;
+            lock.lock();
+            if (result < 0) {
+                if (error == EINTR)
+                    continue;
+                LIBCSI_LOG(TierError, " FDTP: ERROR: Select failed (errno=%d, %s).\n", error, std::strerror(error));
+                break;
+            }
+            if (result == 0) {
+                LIBCSI_LOG(TierError, " FDTP: ERROR: Select timeout (errno=%d, %s).\n", error, std::strerror(error));
+                break;
+            }
+            if (FD_ISSET(stopPipe, &readSet)) {
+                LIBCSI_LOG(TierTrace, "  FDTP: STOP dequeue event detected\n");
+                LIBCSI_LOG(TierTrace, " FDTP: Start dequeueing frames from driver...\n");
+                exitFlag = true;
+            }
+            if (!FD_ISSET(fd, &readSet) && !exitFlag) {
+                lock.unlock();
+                sched_yield();
+                lock.lock();
+                continue;
+            }
+        }
+        std::unique_lock<std::mutex> output(device.outputMutex);
+        v4l2_buffer buf{};
+        buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        buf.memory = device.memoryMode == MemoryMMAP ? V4L2_MEMORY_MMAP : V4L2_MEMORY_USERPTR;
+        if (os.Ioctl(fd, VIDIOC_DQBUF, &buf) < 0) {
+            const int error = errno;
+            if (exitFlag) {
+                LIBCSI_LOG(TierTrace, " FDTP: Stop triggered. No more frames to dequeue. (errno=%d, %s).\n", error,
+                           std::strerror(error));
+                break;
+            }
+            if (error == EAGAIN) {
+                LIBCSI_LOG(TierVerbose, " FDTP: No frame to dequeue. (errno=%d, %s).\n", error, std::strerror(error));
+                continue;
+            }
+            if (error == EINVAL)
+                LIBCSI_LOG(TierError, " FDTP: Invalid/Incomplete frame detected (errno=%d, %s).\n", error,
+                           std::strerror(error));
+            else
+                LIBCSI_LOG(TierError, " FDTP: ERROR while dequeing buffer from driver (errno=%d, %s).\n", error,
+                           std::strerror(error));
+            break;
+        }
+        if (!device.m_InputFrameQueue.empty()) {
+            std::shared_ptr<Frame> frame = device.m_InputFrameQueue.front();
+            device.m_InputFrameQueue.pop_front();
+            ++device.m_nNumReceivedFrames;
+            std::uint32_t status;
+            if (buf.flags & (QEL_BUF_FLAG_INVALID_31 | QEL_BUF_FLAG_INVALID_28)) {
+                LIBCSI_LOG(TierError, " FDTP: Invalid/Incomplete frame detected\n");
+                status = LIBCSI_FRAME_INVALID;
+            } else if (buf.flags & QEL_BUF_FLAG_VALID) {
+                status = LIBCSI_FRAME_VALID;
+            } else if (buf.flags & QEL_BUF_FLAG_UNUSED) {
+                LIBCSI_LOG(TierTrace, " FDTP: buffer.flag: Unused frame detected\n");
+                status = LIBCSI_FRAME_UNUSED;
+            } else {
+                LIBCSI_LOG(TierWarning, " FDTP: buffer.flag: Unknown buffer state\n");
+                status = LIBCSI_FRAME_ERROR;
+            }
+            if (buf.index != frame->m_nBufferIndex) {
+                LIBCSI_LOG(TierError, " FDTP: ERROR: Dequeue wrong buffer index\n");
+                status = LIBCSI_FRAME_ERROR;
+            }
+            lib_frame_transfer& t = *frame->transfer;
+            if (frame->origin == 0 && device.memoryMode == MemoryMMAP) {
+                const std::uint64_t start = MonotonicMicroseconds();
+                if (frame->driverLeaderSize)
+                    std::memcpy(reinterpret_cast<void*>(t.m_pLeader), frame->driverLeader, t.m_nLeaderSize);
+                if (frame->driverPayloadSize)
+                    std::memcpy(reinterpret_cast<void*>(t.m_pPayload), frame->driverPayload, t.m_nPayloadSize);
+                if (frame->driverTrailerSize)
+                    std::memcpy(reinterpret_cast<void*>(t.m_pTrailer), frame->driverTrailer, t.m_nTrailerSize);
+                copyDuration = MonotonicMicroseconds() - start;
+                LIBCSI_LOG(TierVerbose, " FDTP: memcpy took %luus (%lu MiB/s)\n", static_cast<unsigned long>(copyDuration),
+                           static_cast<unsigned long>(copyDuration ? frame->totalSize / copyDuration : 0));
+            }
+            const bool hasLeader = t.m_nLeaderSize >= sizeof(qel_frame_leader);
+            const bool hasTrailer = t.m_nTrailerSize >= sizeof(qel_frame_trailer);
+            qel_frame_leader leader{};
+            qel_frame_trailer trailer{};
+            bool zero = false;
+            if (hasLeader) {
+                std::memcpy(&leader, reinterpret_cast<const void*>(t.m_pLeader), sizeof leader);
+                zero = zero || leader.magic_key == 0;
+                if (!exitFlag && status == LIBCSI_FRAME_VALID && leader.magic_key != QEL_LEADER_MAGIC) {
+                    ++device.leaderKeyErrors;
+                    if (!config.disableMagicKeysCheck) {
+                        LIBCSI_LOG(TierError, "  FDTP: Invalid magic key within leader (0x%08X)\n", leader.magic_key);
+                        status = LIBCSI_FRAME_ERROR;
+                    } else {
+                        LIBCSI_LOG(TierWarning, "  FDTP: Invalid magic key within leader (0x%08X)\n", leader.magic_key);
+                    }
+                }
+            }
+            if (hasTrailer) {
+                std::memcpy(&trailer, reinterpret_cast<const void*>(t.m_pTrailer), sizeof trailer);
+                zero = zero || trailer.magic_key == 0;
+                if (!exitFlag && status == LIBCSI_FRAME_VALID && trailer.magic_key != QEL_TRAILER_MAGIC) {
+                    ++device.trailerKeyErrors;
+                    if (!config.disableMagicKeysCheck) {
+                        LIBCSI_LOG(TierError, "  FDTP: Invalid magic key within trailer (0x%08X)\n", trailer.magic_key);
+                        status = LIBCSI_FRAME_ERROR;
+                    } else {
+                        LIBCSI_LOG(TierWarning, "  FDTP: Invalid magic key within trailer (0x%08X)\n",
+                                   trailer.magic_key);
+                    }
+                }
+            }
+            if (zero)
+                ++zeroFrames;
+            if (hasLeader && hasTrailer) {
+                const std::uint64_t leaderID = leader.block_id, trailerID = trailer.block_id;
+                if (leaderID == trailerID) {
+                    currentBlockID = leaderID;
+                } else if (!exitFlag && status == LIBCSI_FRAME_VALID) {
+                    ++device.blockIDErrors;
+                    if (!config.disableBlockIdCheck) {
+                        LIBCSI_LOG(TierError, "  FDTP: Inconsistent block IDs (0x%016lX,0x%016lX)\n",
+                                   static_cast<unsigned long>(leaderID), static_cast<unsigned long>(trailerID));
+                        status = LIBCSI_FRAME_ERROR;
+                    } else {
+                        LIBCSI_LOG(TierWarning, "  FDTP: Inconsistent block IDs (0x%016lX,0x%016lX)\n",
+                                   static_cast<unsigned long>(leaderID), static_cast<unsigned long>(trailerID));
+                    }
+                }
+            }
+            if (firstFrame) {
+                lastBlockID = currentBlockID;
+            } else if (!exitFlag && status == LIBCSI_FRAME_VALID) {
+                if (lastBlockID < currentBlockID) {
+                    std::lock_guard<std::mutex> statistics(device.statisticsMutex);
+                    device.m_nNumDroppedFrames += currentBlockID - lastBlockID - 1;
+                    lastBlockID = currentBlockID;
+                } else {
+                    LIBCSI_LOG(TierWarning, " FDTP: currentBlockID=%lu lastBlockID=%lu: Invalid BlockID order\n",
+                               static_cast<unsigned long>(currentBlockID), static_cast<unsigned long>(lastBlockID));
+                }
+            }
+            if (auto library = CurrentLibrary(); library && library->timingFile && config.dumpFrameTiming && hasLeader) {
+                const std::uint64_t now = MonotonicMicroseconds();
+                if (previousTime != 0) {
+                    std::fprintf(library->timingFile, "%lu;%lu;%x;%lu;%lu\r\n",
+                                 static_cast<unsigned long>(now - previousTime), static_cast<unsigned long>(leader.block_id),
+                                 buf.flags, static_cast<unsigned long>(leader.timestamp),
+                                 static_cast<unsigned long>(copyDuration));
+                    std::fflush(library->timingFile);
+                }
+                previousTime = now;
+            }
+            frame->status = status;
+            device.m_OutputFrameQueue.push_back(frame);
+            device.outputCondition.notify_all();
+            firstFrame = false;
+        }
+        output.unlock();
+        lock.unlock();
+        sched_yield();
+        lock.lock();
+    }
+    LIBCSI_LOG(TierTrace, " FDTP: nNumZeroFrames=%lu\n", static_cast<unsigned long>(zeroFrames));
+    if (device.dequeueThreadState == StopRequested) {
+        char sink[10];
+        (void)!::read(stopPipe, sink, sizeof sink);
+    }
+    device.dequeueThreadState = Stopped;
+    device.dequeueCondition.notify_all();
+    LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p) THREAD ENDED.\n", "frame_dequeue_thread_proc",
+               static_cast<void*>(&device));
+}
+
+} }
+
+using namespace QEL;
+using namespace QEL::LibCSIImpl;
+
+extern "C" {
+
+int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentifier)
+{
+    try {
+        LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p, nDataIdentifier=%u)\n", __func__, static_cast<void*>(pDeviceHandle),
+                   nDataIdentifier);
+        if (!pDeviceHandle || pDeviceHandle->m_nFileHandle == -1)
+            return LIBCSI_INVALID_PARAMETER;
+        Device& device = *pDeviceHandle;
+        std::lock_guard<std::mutex> lock(device.mutex);
+        std::lock_guard<std::mutex> frames(device.frameMutex);
+        if (device.state != Open) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", __func__);
+            return LIBCSI_INVALID_DEVICE_STATE;
+        }
+        if (device.announcedFrames.size() < device.m_nMinAnnouncedFrames) {
+            LIBCSI_LOG(TierError, " %s ERROR: Number of announced frames insufficient. Required: %d. Announced: %lu\n",
+                       __func__, static_cast<int>(device.m_nMinAnnouncedFrames),
+                       static_cast<unsigned long>(device.announcedFrames.size()));
+            return LIBCSI_NOT_ENOUGH_FRAMES;
+        }
+        if (!device.buffersFit) {
+            LIBCSI_LOG(TierError, " %s ERROR: Annouced buffers are too small.\n", __func__);
+            return LIBCSI_BUFFER_TOO_SMALL;
+        }
+        Os::Backend& os = Os::Current();
+        if (device.memoryMode != MemoryMMAP) {
+            v4l2_requestbuffers request{};
+            request.count = static_cast<std::uint32_t>(device.announcedFrames.size());
+            request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+            request.memory = V4L2_MEMORY_USERPTR;
+            if (os.Ioctl(device.m_nFileHandle, VIDIOC_REQBUFS, &request) < 0) {
+                LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_REQBUFS failed (errno=%d, %s).\n", __func__, errno,
+                           std::strerror(errno));
+                return LIBCSI_DRIVER_CALL_FAILED;
+            }
+        }
+        {
+            std::lock_guard<std::mutex> dequeue(device.dequeueMutex);
+            for (const auto& frame : device.m_InputFrameQueue) {
+                if (frame->queued)
+                    continue;
+                if (!QueueBuffer(device, *frame)) {
+                    LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_QBUF failed for BufferIndex=%d (errno=%d, %s).\n",
+                               __func__, static_cast<int>(frame->m_nBufferIndex), errno, std::strerror(errno));
+                    return LIBCSI_DRIVER_CALL_FAILED;
+                }
+                frame->queued = true;
+            }
+        }
+        device.m_nNumReceivedFrames = 0;
+        device.dumpedFrames = 0;
+        {
+            std::lock_guard<std::mutex> statistics(device.statisticsMutex);
+            device.m_nNumDroppedFrames = 0;
+        }
+        ++device.streamRunCounter;
+        device.streamStartTime = Milliseconds();
+        if (os.Ioctl(device.m_nFileHandle, VIDIOC_STREAMON_EX, nullptr) < 0) {
+            LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_STREAMON_EX failed (errno=%d, %s).\n", __func__, errno,
+                       std::strerror(errno));
+            return LIBCSI_DRIVER_CALL_FAILED;
+        }
+        {
+            std::lock_guard<std::mutex> dequeue(device.dequeueMutex);
+            device.dequeueThreadState = Running;
+        }
+        device.dequeueThread = std::thread([&device] { FrameDequeueThread(device); });
+        const Config& config = TheConfig();
+        if (config.enableFdtpPrioIncrease && config.numFrameCopyThreads == 1)
+            SetThreadPriority(device.dequeueThread);
+        SetState(device, Streaming);
+        return LIBCSI_OK;
+    } catch (...) {
+        return LIBCSI_ERROR;
+    }
+}
+
+int32_t libcsi_stop_stream(device_handle_t* pDeviceHandle, uint32_t nTimeout)
+{
+    try {
+        LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p, nTimeout=%u)\n", __func__, static_cast<void*>(pDeviceHandle),
+                   nTimeout);
+        if (!pDeviceHandle) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter.\n", __func__);
+            return LIBCSI_INVALID_PARAMETER;
+        }
+        Device& device = *pDeviceHandle;
+        {
+            std::unique_lock<std::mutex> lock(device.mutex);
+            device.stateCondition.wait(lock, [&] { return device.state != Stopping && device.state != Closing; });
+            if (device.state != Streaming) {
+                LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", __func__);
+                return LIBCSI_INVALID_DEVICE_STATE;
+            }
+            std::lock_guard<std::mutex> frames(device.frameMutex);
+            SetState(device, Stopping);
+        }
+        const int32_t result = Stop(device, nTimeout);
+        {
+            std::lock_guard<std::mutex> lock(device.mutex);
+            std::lock_guard<std::mutex> frames(device.frameMutex);
+            SetState(device, Open);
+        }
+        WriteStatisticsLine(device);
+        device.leaderKeyErrors = device.trailerKeyErrors = device.blockIDErrors = 0;
+        device.streamStartTime = 0;
+        return result;
+    } catch (...) {
+        return LIBCSI_ERROR;
+    }
+}
+
+int32_t libcsi_get_stream_statistics(device_handle_t* pDeviceHandle, libcsi_stream_statistics_t* pStatistics)
+{
+    if (!pDeviceHandle || !pStatistics)
+        return LIBCSI_INVALID_PARAMETER;
+    std::lock_guard<std::mutex> frames(pDeviceHandle->frameMutex);
+    if (pDeviceHandle->state == Closed || pDeviceHandle->state == Closing) {
+        LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", __func__);
+        return LIBCSI_INVALID_DEVICE_STATE;
+    }
+    qel_stream_statistics stat{};
+    if (Os::Current().Ioctl(pDeviceHandle->m_nFileHandle, VIDIOC_STREAMSTAT, &stat) < 0) {
+        LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_STREAMSTAT failed (errno=%d, %s).\n", __func__, errno,
+                   std::strerror(errno));
+        return LIBCSI_DRIVER_CALL_FAILED;
+    }
+    *pStatistics = libcsi_stream_statistics_t{
+        stat.frames_count, stat.packet_crc_errors, stat.frames_underrun, stat.frames_incomplete,
+        stat.current_frames_interval ? static_cast<double>(stat.current_frames_count) * 1e6 /
+                                           static_cast<double>(stat.current_frames_interval)
+                                     : 0.0};
+    return LIBCSI_OK;
+}
+
+int32_t libcsi_reset_stream_statistics(device_handle_t* pDeviceHandle)
+{
+    if (!pDeviceHandle)
+        return LIBCSI_INVALID_PARAMETER;
+    std::lock_guard<std::mutex> frames(pDeviceHandle->frameMutex);
+    if (pDeviceHandle->state == Closed || pDeviceHandle->state == Closing) {
+        LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", __func__);
+        return LIBCSI_INVALID_DEVICE_STATE;
+    }
+    if (Os::Current().Ioctl(pDeviceHandle->m_nFileHandle, VIDIOC_RESET_STREAMSTAT, nullptr) < 0) {
+        LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_RESET_STREAMSTAT failed (errno=%d, %s).\n", __func__, errno,
+                   std::strerror(errno));
+        return LIBCSI_DRIVER_CALL_FAILED;
+    }
+    std::lock_guard<std::mutex> statistics(pDeviceHandle->statisticsMutex);
+    pDeviceHandle->m_nNumDroppedFrames = 0;
+    return LIBCSI_OK;
+}
+
+}

@@ -1,0 +1,405 @@
+#include "libcsi/Config.h"
+#include "libcsi/Device.h"
+#include "libcsi/OsSeam.h"
+#include "libcsi/include/libcsi/libcsi.h"
+#include "sim/CameraMap.h"
+#include "sim/PixelFormats.h"
+#include "sim/VirtualSystem.h"
+#include "tests/sim/SimHarness.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+using namespace QEL;
+
+namespace {
+
+const char* kCamera = "[camera0]\nbus_timing = 0\nwidth = 64\nheight = 16\nframe_rate = 0\nmode_switch_delay_ms = 2\n";
+
+// A consumer of libcsi: frames of its own memory, announced, queued and
+// requeued from the callback, every pixel of every valid frame checked.
+class Stream : public ::testing::Test {
+protected:
+    struct Buffer {
+        lib_frame_transfer transfer{};
+        frame_handle_t* handle = nullptr;
+        std::uint8_t* memory = nullptr;
+    };
+
+    void Open(const char* description = kCamera)
+    {
+        system = std::make_shared<Sim::VirtualSystem>(Sim::SystemDescription::FromText(description));
+        Os::Install(system);
+        ASSERT_EQ(LIBCSI_OK, libcsi_init());
+        ASSERT_EQ(LIBCSI_OK, libcsi_update_device_list());
+        ASSERT_EQ(LIBCSI_OK, libcsi_open_device(0, &device));
+        geometry = system->GetFirmware(0).Geometry();
+    }
+
+    void TearDown() override
+    {
+        if (device)
+            EXPECT_EQ(LIBCSI_OK, libcsi_close_device(device));
+        for (Buffer& b : buffers)
+            if (b.memory && !allocated)
+                std::free(b.memory);
+        if (system) {
+            EXPECT_EQ(LIBCSI_OK, libcsi_deinit());
+            Os::Install(nullptr);
+        }
+        LibCSIImpl::TheConfig() = savedConfig;
+    }
+
+    lib_frame_transfer Sizes() const
+    {
+        lib_frame_transfer t{};
+        t.m_nLeaderSize = Sim::CameraMap::MaxLeaderSize;
+        t.m_nPayloadSize = geometry.payloadSize;
+        t.m_nTrailerSize = Sim::CameraMap::MaxTrailerSize;
+        return t;
+    }
+
+    std::int32_t Announce(std::size_t count, bool allocate = false, std::size_t misalign = 0)
+    {
+        allocated = allocate;
+        buffers.resize(count);
+        for (Buffer& b : buffers) {
+            b.transfer = Sizes();
+            std::int32_t result;
+            if (allocate) {
+                result = libcsi_alloc_and_announce_frame(device, geometry.ipuX, geometry.ipuY, &b.transfer, &b.handle);
+                b.memory = reinterpret_cast<std::uint8_t*>(b.transfer.m_pLeader);
+            } else {
+                b.memory = static_cast<std::uint8_t*>(std::aligned_alloc(256, 1 << 20));
+                std::uint8_t* start = b.memory + misalign;
+                b.transfer.m_pLeader = reinterpret_cast<std::uintptr_t>(start);
+                b.transfer.m_pPayload = b.transfer.m_pLeader + b.transfer.m_nLeaderSize;
+                b.transfer.m_pTrailer = b.transfer.m_pPayload + b.transfer.m_nPayloadSize;
+                result = libcsi_announce_frame(device, geometry.ipuX, geometry.ipuY, &b.transfer, &b.handle);
+            }
+            if (result != LIBCSI_OK)
+                return result;
+        }
+        return LIBCSI_OK;
+    }
+
+    void QueueAll()
+    {
+        for (Buffer& b : buffers)
+            ASSERT_EQ(LIBCSI_OK, libcsi_queue_frame(device, b.handle, &Stream::OnFrame, this));
+    }
+
+    static void OnFrame(void* context, frame_handle_t* frame, lib_frame_transfer* transfer, std::uint64_t,
+                        std::uint32_t status)
+    {
+        auto* self = static_cast<Stream*>(context);
+        self->Check(transfer, status);
+        if (self->requeue)
+            libcsi_queue_frame(self->device, frame, &Stream::OnFrame, self);
+    }
+
+    void Check(const lib_frame_transfer* transfer, std::uint32_t status)
+    {
+        std::uint64_t blockID = 0;
+        int wrong = 0;
+        if (status == LIBCSI_FRAME_VALID) {
+            const auto* leader = reinterpret_cast<const qel_frame_leader*>(transfer->m_pLeader);
+            blockID = leader->block_id;
+            const auto* image = reinterpret_cast<const std::uint8_t*>(transfer->m_pPayload);
+            for (std::uint32_t y = 0; y < geometry.height; ++y)
+                for (std::uint32_t x = 0; x < geometry.width; ++x)
+                    if (Sim::ReadSample(image, geometry.width, x, y, 0, *geometry.format) !=
+                        Sim::PatternSample(x, y, 0, blockID, *geometry.format, 0))
+                        ++wrong;
+        }
+        std::lock_guard<std::mutex> lock(mutex);
+        ++statuses[status];
+        wrongPixels += wrong;
+        if (blockID)
+            blockIDs.push_back(blockID);
+        changed.notify_all();
+    }
+
+    bool AwaitFrames(std::size_t count, int seconds = 10)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(seconds), [&] {
+            std::size_t total = 0;
+            for (auto& entry : statuses)
+                total += entry.second;
+            return total >= count;
+        });
+    }
+
+    std::size_t Count(std::uint32_t status)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return statuses[status];
+    }
+
+    void StartCamera() { system->GetFirmware(0).StartAcquisition(); }
+
+    void RevokeAll()
+    {
+        for (Buffer& b : buffers)
+            EXPECT_EQ(LIBCSI_OK, libcsi_revoke_frame(device, b.handle));
+    }
+
+    std::shared_ptr<Sim::VirtualSystem> system;
+    device_handle_t* device = nullptr;
+    Sim::CameraFirmware::FrameGeometry geometry{};
+    std::vector<Buffer> buffers;
+    bool allocated = false;
+    std::atomic<bool> requeue{true};
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::map<std::uint32_t, std::size_t> statuses;
+    std::vector<std::uint64_t> blockIDs;
+    int wrongPixels = 0;
+    LibCSIImpl::Config savedConfig = LibCSIImpl::TheConfig();
+};
+
+TEST_F(Stream, AnnouncedFramesAreCopiedAndEveryPixelIsRight)
+{
+    Open();
+    ASSERT_EQ(LIBCSI_OK, Announce(4));
+    QueueAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    EXPECT_EQ(LIBCSI_FRAME_QUEUED, libcsi_queue_frame(device, buffers[0].handle, &Stream::OnFrame, this))
+        << "a frame in the driver cannot be queued again";
+    StartCamera();
+    ASSERT_TRUE(AwaitFrames(300));
+    requeue = false;
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+    EXPECT_EQ(0, wrongPixels);
+    EXPECT_GE(Count(LIBCSI_FRAME_VALID), 300u);
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        for (std::size_t i = 1; i < blockIDs.size(); ++i)
+            ASSERT_EQ(blockIDs[i - 1] + 1, blockIDs[i]) << "block IDs rise one by one";
+    }
+    EXPECT_EQ(0u, device->m_nNumDroppedFrames);
+    EXPECT_EQ(LIBCSI_OK, libcsi_flush_frames(device));
+    RevokeAll();
+}
+
+TEST_F(Stream, AllocatedMappedFramesNeedNoCopy)
+{
+    Open();
+    ASSERT_EQ(LIBCSI_OK, Announce(3, true));
+    EXPECT_NE(0u, buffers[0].transfer.m_pPayload) << "the library fills the pointers";
+    QueueAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    StartCamera();
+    ASSERT_TRUE(AwaitFrames(100));
+    requeue = false;
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+    EXPECT_EQ(0, wrongPixels);
+    libcsi_flush_frames(device);
+    RevokeAll();
+}
+
+TEST_F(Stream, UserPointerModes)
+{
+    LibCSIImpl::TheConfig().enableUserptr = true;
+    Open();
+    EXPECT_EQ(LIBCSI_ALIGNMENT_INVALID, Announce(1, false, 4)) << "4 bytes off the driver's alignment";
+    for (Buffer& b : buffers)
+        std::free(b.memory);
+    buffers.clear();
+    ASSERT_EQ(LIBCSI_OK, Announce(3));
+    QueueAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    StartCamera();
+    ASSERT_TRUE(AwaitFrames(60));
+    requeue = false;
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+    EXPECT_EQ(0, wrongPixels);
+    libcsi_flush_frames(device);
+    RevokeAll();
+}
+
+TEST_F(Stream, InternalUserPointerFrames)
+{
+    LibCSIImpl::TheConfig().enableUserptr = true;
+    Open();
+    ASSERT_EQ(LIBCSI_OK, Announce(3, true));
+    EXPECT_EQ(0u, buffers[0].transfer.m_pLeader % 256) << "aligned for the driver";
+    QueueAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    StartCamera();
+    ASSERT_TRUE(AwaitFrames(60));
+    requeue = false;
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+    EXPECT_EQ(0, wrongPixels);
+    libcsi_flush_frames(device);
+    RevokeAll();
+}
+
+TEST_F(Stream, StartRefusals)
+{
+    Open();
+    ASSERT_EQ(LIBCSI_OK, Announce(2));
+    EXPECT_EQ(LIBCSI_NOT_ENOUGH_FRAMES, libcsi_start_stream(device, 42)) << "three are needed";
+    EXPECT_EQ(LIBCSI_INVALID_DEVICE_STATE, libcsi_stop_stream(device, 0)) << "not streaming";
+    lib_frame_transfer odd = Sizes();
+    odd.m_nPayloadSize -= 1;
+    std::vector<std::uint8_t> memory(1 << 20);
+    odd.m_pLeader = reinterpret_cast<std::uintptr_t>(memory.data());
+    odd.m_pPayload = odd.m_pLeader + odd.m_nLeaderSize;
+    odd.m_pTrailer = odd.m_pPayload + odd.m_nPayloadSize;
+    frame_handle_t* handle = nullptr;
+    ASSERT_EQ(LIBCSI_OK, libcsi_announce_frame(device, geometry.ipuX, geometry.ipuY, &odd, &handle))
+        << "a frame of the wrong size is taken with a warning";
+    EXPECT_EQ(LIBCSI_BUFFER_TOO_SMALL, libcsi_start_stream(device, 42));
+    EXPECT_EQ(LIBCSI_OK, libcsi_revoke_frame(device, handle));
+    lib_frame_transfer leaderless = Sizes();
+    leaderless.m_pLeader = 0;
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_announce_frame(device, geometry.ipuX, geometry.ipuY, &leaderless, &handle));
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_announce_frame(device, 192, geometry.ipuY, &odd, &handle))
+        << "below the IPU minimum";
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_announce_frame(device, 320, geometry.ipuY, &odd, &handle))
+        << "not a multiple of the increment";
+    RevokeAll();
+}
+
+const char* kOneBuffer = "[system]\nmin_announced_frames = 1\n[camera0]\nbus_timing = 0\nwidth = 64\nheight = 16\n"
+                         "frame_rate = 0\nmode_switch_delay_ms = 2\n";
+
+TEST_F(Stream, FrameFaultsAreCountedWhereTheyBelong)
+{
+    Open(kOneBuffer);
+    ASSERT_EQ(LIBCSI_OK, Announce(1));
+    requeue = false;
+    // One buffer, queued by hand: each fault armed before the queueing hits exactly that frame.
+    std::size_t frames = 0;
+    auto frameWith = [&](std::optional<Sim::Fault> fault, std::uint64_t value = 0) {
+        if (fault)
+            system->InjectFault(0, *fault, 1, value);
+        ASSERT_EQ(LIBCSI_OK, libcsi_queue_frame(device, buffers[0].handle, &Stream::OnFrame, this));
+        ASSERT_TRUE(AwaitFrames(++frames));
+    };
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    StartCamera();
+    frameWith(std::nullopt);
+    frameWith(Sim::Fault::BadLeaderKey);
+    EXPECT_EQ(1u, Count(LIBCSI_FRAME_ERROR)) << "a wrong leader key";
+    EXPECT_EQ(1u, device->leaderKeyErrors);
+    frameWith(Sim::Fault::BlockIDGap, 2);
+    // Block 2 failed its check and does not count as received: 1, then 5, is three missing.
+    EXPECT_EQ(3u, device->m_nNumDroppedFrames) << "two block IDs skipped, one frame failed";
+    frameWith(Sim::Fault::IncompleteFrame);
+    EXPECT_EQ(1u, Count(LIBCSI_FRAME_INVALID));
+    frameWith(Sim::Fault::ZeroFrame);
+    EXPECT_EQ(2u, Count(LIBCSI_FRAME_ERROR)) << "an unfilled buffer fails its key check";
+    frameWith(std::nullopt);
+    EXPECT_EQ(3u, Count(LIBCSI_FRAME_VALID));
+    EXPECT_EQ(5u, device->m_nNumDroppedFrames) << "blocks 6 and 7 did not arrive as valid frames";
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+    EXPECT_EQ(0u, device->leaderKeyErrors) << "error counts end with the stream";
+    EXPECT_EQ(0, wrongPixels);
+    libcsi_flush_frames(device);
+    RevokeAll();
+}
+
+TEST_F(Stream, DisabledKeyCheckCountsButKeepsTheFrame)
+{
+    LibCSIImpl::TheConfig().disableMagicKeysCheck = true;
+    Open(kOneBuffer);
+    ASSERT_EQ(LIBCSI_OK, Announce(1));
+    system->InjectFault(0, Sim::Fault::BadTrailerKey, 1);
+    QueueAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    StartCamera();
+    ASSERT_TRUE(AwaitFrames(3));
+    EXPECT_EQ(0u, Count(LIBCSI_FRAME_ERROR));
+    EXPECT_EQ(1u, device->trailerKeyErrors);
+    requeue = false;
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+    libcsi_flush_frames(device);
+    RevokeAll();
+}
+
+TEST_F(Stream, UnfilledFramesComeBackUnusedAtStop)
+{
+    Open();
+    ASSERT_EQ(LIBCSI_OK, Announce(3));
+    QueueAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    // The camera never starts: the stop drains three unused frames.
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+    ASSERT_TRUE(AwaitFrames(3));
+    EXPECT_EQ(3u, Count(LIBCSI_FRAME_UNUSED));
+    RevokeAll();
+}
+
+TEST_F(Stream, DriverFailuresEndTheStreamCleanly)
+{
+    Open();
+    ASSERT_EQ(LIBCSI_OK, Announce(3));
+    QueueAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    system->InjectFault(0, Sim::Fault::DQBUFError, 1, EINVAL);
+    StartCamera();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const std::size_t delivered = Count(LIBCSI_FRAME_VALID);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(delivered, Count(LIBCSI_FRAME_VALID)) << "the dequeue thread ended on the error";
+    EXPECT_EQ(LIBCSI_OK, libcsi_close_device(device)) << "closing while streaming stops the stream";
+    device = nullptr;
+}
+
+TEST_F(Stream, AStreamOffThatNeverCompletesTimesOut)
+{
+    Open();
+    ASSERT_EQ(LIBCSI_OK, Announce(3));
+    QueueAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    system->InjectFault(0, Sim::Fault::StreamOffHangs, 1);
+    EXPECT_EQ(LIBCSI_TIMEOUT, libcsi_stop_stream(device, 10));
+    EXPECT_FALSE(system->IsStreaming(0));
+    EXPECT_EQ(LIBCSI_INVALID_DEVICE_STATE, libcsi_stop_stream(device, 10)) << "the device is open again, not streaming";
+    libcsi_flush_frames(device);
+    RevokeAll();
+}
+
+TEST_F(Stream, RegisterTrafficDoesNotStallFrames)
+{
+    Open("[camera0]\nwidth = 64\nheight = 16\nframe_rate = 200\nbus_speed = 100000\nmode_switch_delay_ms = 2\n");
+    ASSERT_EQ(LIBCSI_OK, Announce(4));
+    QueueAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    StartCamera();
+    std::atomic<bool> stop{false};
+    std::atomic<int> reads{0};
+    std::thread traffic([&] {
+        auto command = SimTest::Harness::ReadCommand(0x44, 64, 1);
+        std::vector<std::uint8_t> ack(1024);
+        while (!stop) {
+            std::uint64_t size = ack.size();
+            if (libcsi_write_gencp(device, command.data(), command.size(), 500) == LIBCSI_OK &&
+                libcsi_read_gencp(device, ack.data(), &size, 500) == LIBCSI_OK)
+                ++reads;
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    stop = true;
+    traffic.join();
+    requeue = false;
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+    EXPECT_GT(reads.load(), 0);
+    // 200 frames a second for half a second: slow register traffic on a 100 kHz bus must not hold them up.
+    EXPECT_GE(Count(LIBCSI_FRAME_VALID), 60u);
+    EXPECT_EQ(0, wrongPixels);
+    libcsi_flush_frames(device);
+    RevokeAll();
+}
+
+}
