@@ -273,8 +273,9 @@ void CameraFirmware::SetCciValue(std::uint16_t address, std::size_t size, std::u
         cci[address + i] = static_cast<std::uint8_t>(value >> (8 * (size - 1 - i)));
 }
 
-void CameraFirmware::BusDelay(std::size_t bytes) const
+void CameraFirmware::BusDelay(std::size_t bytes)
 {
+    busBytes += bytes;
     if (!description.busTiming || description.busSpeed == 0)
         return;
     // Nine clocks a byte (eight bits and the acknowledge), plus start and stop.

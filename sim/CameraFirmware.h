@@ -5,6 +5,7 @@
 #include "sim/MemoryMap.h"
 #include "sim/PixelFormats.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -56,6 +57,8 @@ public:
     void StopAcquisition();
     // Counts of GenCP commands served, for tests.
     std::uint64_t GetCommandCount();
+    // Bytes that went over the control bus, addresses and data.
+    std::uint64_t GetBusBytes() const { return busBytes.load(); }
 
 private:
     struct PendingAnswer {
@@ -72,7 +75,7 @@ private:
     std::vector<std::uint8_t> Serve(const std::vector<std::uint8_t>& command, std::uint16_t& requestId);
     std::vector<std::uint8_t> Answer(std::uint16_t status, std::uint16_t commandId, std::uint16_t requestId,
                                      const std::vector<std::uint8_t>& payload);
-    void BusDelay(std::size_t bytes) const;
+    void BusDelay(std::size_t bytes);
     std::uint32_t CciValue(std::uint16_t address, std::size_t size);
     void SetCciValue(std::uint16_t address, std::size_t size, std::uint32_t value);
 
@@ -93,6 +96,7 @@ private:
     bool acquiring = false;
     std::uint64_t commands = 0;
     std::map<std::uint32_t, std::uint32_t> asic;
+    std::atomic<std::uint64_t> busBytes{0};
 };
 
 std::uint32_t GenCPCrc32(const std::uint8_t* data, std::size_t size);
