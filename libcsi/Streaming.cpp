@@ -91,6 +91,42 @@ void SetThreadPriority(std::thread& thread)
 
 std::uint64_t Milliseconds() { return MonotonicMicroseconds() / 1000; }
 
+void WriteDump(const std::string& path, std::initializer_list<std::pair<const void*, std::uint64_t>> parts)
+{
+    std::FILE* file = std::fopen(path.c_str(), "wb");
+    if (!file)
+        return;
+    for (const auto& [data, size] : parts)
+        if (data && size)
+            std::fwrite(data, 1, size, file);
+    std::fclose(file);
+}
+
+// Raw frames for diagnosis: leader, payload, trailer and all three, numbered
+// from dump_start_frame_number on.
+void DumpFrame(Device& device, const lib_frame_transfer& t)
+{
+    const Config& config = TheConfig();
+    if (config.logLevel <= 0 || config.numDumpFrames == 0 || device.m_nNumReceivedFrames < config.dumpStartFrameNumber ||
+        device.dumpedFrames >= config.numDumpFrames)
+        return;
+    LIBCSI_LOG(TierTrace, "  Dump frame %lu\n", static_cast<unsigned long>(device.m_nNumReceivedFrames));
+    const unsigned long n = config.dumpStartFrameNumber + device.dumpedFrames;
+    const void* leader = reinterpret_cast<const void*>(t.m_pLeader);
+    const void* payload = reinterpret_cast<const void*>(t.m_pPayload);
+    const void* trailer = reinterpret_cast<const void*>(t.m_pTrailer);
+    char name[64];
+    std::snprintf(name, sizeof name, "%03luleader.dat", n);
+    WriteDump(config.PathOf(name), {{leader, t.m_nLeaderSize}});
+    std::snprintf(name, sizeof name, "%03lupayload.dat", n);
+    WriteDump(config.PathOf(name), {{payload, t.m_nPayloadSize}});
+    std::snprintf(name, sizeof name, "%03lutrailer.dat", n);
+    WriteDump(config.PathOf(name), {{trailer, t.m_nTrailerSize}});
+    std::snprintf(name, sizeof name, "%03lu.dat", n);
+    WriteDump(config.PathOf(name), {{leader, t.m_nLeaderSize}, {payload, t.m_nPayloadSize}, {trailer, t.m_nTrailerSize}});
+    ++device.dumpedFrames;
+}
+
 // Stops the dequeue thread: it drains the driver and ends.
 int32_t StopDequeueThread(Device& device)
 {
@@ -400,6 +436,7 @@ void FrameDequeueThread(Device& device)
                                static_cast<unsigned long>(currentBlockID), static_cast<unsigned long>(lastBlockID));
                 }
             }
+            DumpFrame(device, t);
             if (auto library = CurrentLibrary(); library && library->timingFile && config.dumpFrameTiming && hasLeader) {
                 const std::uint64_t now = MonotonicMicroseconds();
                 if (previousTime != 0) {

@@ -5,6 +5,7 @@
 #include "sim/CameraMap.h"
 #include "sim/PixelFormats.h"
 #include "sim/VirtualSystem.h"
+#include "tests/TestSupport.h"
 #include "tests/sim/SimHarness.h"
 
 #include <gtest/gtest.h>
@@ -366,6 +367,39 @@ TEST_F(Stream, AStreamOffThatNeverCompletesTimesOut)
     EXPECT_EQ(LIBCSI_TIMEOUT, libcsi_stop_stream(device, 10));
     EXPECT_FALSE(system->IsStreaming(0));
     EXPECT_EQ(LIBCSI_INVALID_DEVICE_STATE, libcsi_stop_stream(device, 10)) << "the device is open again, not streaming";
+    libcsi_flush_frames(device);
+    RevokeAll();
+}
+
+TEST_F(Stream, FrameDumpsAndTheStatisticsLine)
+{
+    auto& config = LibCSIImpl::TheConfig();
+    config.numDumpFrames = 2;
+    config.dumpStartFrameNumber = 5;
+    Open();
+    ASSERT_EQ(LIBCSI_OK, Announce(3));
+    QueueAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    StartCamera();
+    ASSERT_TRUE(AwaitFrames(20));
+    requeue = false;
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+    const std::string whole = ReadFile(config.PathOf("005.dat"));
+    ASSERT_EQ(geometry.ipuX * geometry.ipuY, whole.size()) << "leader, payload and trailer";
+    EXPECT_EQ(whole.substr(0, 52), ReadFile(config.PathOf("005leader.dat")));
+    EXPECT_EQ(geometry.payloadSize, ReadFile(config.PathOf("005payload.dat")).size());
+    EXPECT_EQ(32u, ReadFile(config.PathOf("006trailer.dat")).size());
+    EXPECT_EQ("", ReadFile(config.PathOf("007.dat"))) << "two dumps only";
+    qel_frame_leader leader;
+    std::memcpy(&leader, whole.data(), sizeof leader);
+    EXPECT_EQ(5u, +leader.block_id) << "the fifth frame received";
+
+    libcsi_stream_statistics_t statistics{};
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_stream_statistics(device, &statistics));
+    EXPECT_GE(statistics.m_nFramesCount, 20u);
+    ASSERT_EQ(LIBCSI_OK, libcsi_reset_stream_statistics(device));
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_stream_statistics(device, &statistics));
+    EXPECT_EQ(0u, statistics.m_nFramesCount);
     libcsi_flush_frames(device);
     RevokeAll();
 }
