@@ -1,5 +1,6 @@
 #include "sim/CameraFirmware.h"
 
+#include "gencp/Crc32.h"
 #include "sim/CameraMap.h"
 #include "sim/CameraXML.h"
 #include "sim/TextEncoding.h"
@@ -15,16 +16,7 @@ namespace QEL { namespace Sim {
 
 using namespace CameraMap;
 
-std::uint32_t GenCPCrc32(const std::uint8_t* data, std::size_t size)
-{
-    std::uint32_t crc = 0xFFFFFFFFu;
-    for (std::size_t i = 0; i < size; ++i) {
-        crc ^= data[i];
-        for (int bit = 0; bit < 8; ++bit)
-            crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-    }
-    return crc; // no final inversion
-}
+std::uint32_t GenCPCrc32(const std::uint8_t* data, std::size_t size) { return Base::GenCP::Crc32(data, size); }
 
 namespace {
 

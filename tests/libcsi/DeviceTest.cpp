@@ -1,3 +1,6 @@
+#include "gencp/AckException.h"
+#include "gencp/CCIPacket.h"
+#include "gencp/Commands.h"
 #include "libcsi/Config.h"
 #include "libcsi/OsSeam.h"
 #include "libcsi/include/libcsi/libcsi.h"
@@ -220,6 +223,36 @@ TEST_F(GenCPOverCCI, RoundTrip)
     ASSERT_EQ(LIBCSI_OK, libcsi_write_gencp(device, write.data(), write.size(), 200));
     ASSERT_EQ(20u, Read().size());
     EXPECT_EQ(320u, board.system->GetFirmware(0).ReadValue(Sim::CameraMap::Width));
+}
+
+// Packets built and checked by the GenCP classes, carried by libcsi.
+TEST_F(GenCPOverCCI, PacketsWithTheirChecksumsAndRequestIDs)
+{
+    auto exchange = [&](std::uint16_t requestId) {
+        auto packet = std::make_shared<Base::GenCP::CCIPacket>(12);
+        Base::GenCP::ReadMemoryCommand command(packet);
+        command.SetAddress(0x0144);
+        command.SetSize(64);
+        packet->SetFlags(Base::GenCP::Flags::RequestAck);
+        packet->SetRequestId(requestId);
+        packet->Seal();
+        EXPECT_EQ(LIBCSI_OK, libcsi_write_gencp(device, packet->GetBytes().data(), packet->GetBytes().size(), 200));
+        auto bytes = Read();
+        return std::make_shared<Base::GenCP::CCIPacket>(bytes.data(), bytes.size());
+    };
+    auto ack = exchange(21);
+    EXPECT_TRUE(ack->HasValidCrc());
+    EXPECT_EQ(21, ack->GetRequestId());
+    Base::GenCP::ReadMemoryAcknowledge data(ack);
+    EXPECT_STREQ("VC0000001", reinterpret_cast<const char*>(data.GetData()));
+
+    board.system->InjectFault(0, Sim::Fault::BadAckCRC, 1);
+    EXPECT_FALSE(exchange(22)->HasValidCrc());
+    board.system->InjectFault(0, Sim::Fault::StaleRequestID, 1);
+    EXPECT_EQ(22, exchange(23)->GetRequestId()) << "an answer to the request before";
+    board.system->InjectFault(0, Sim::Fault::GenCPStatus, 1, 0x8006);
+    auto refused = exchange(24);
+    EXPECT_EQ(GC_ERR_ACCESS_DENIED, Base::GenCP::AckException("refused", refused->GetStatus()).GetCode());
 }
 
 TEST_F(GenCPOverCCI, ArgumentsAndBuffers)
