@@ -256,12 +256,11 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
         if (!ppDeviceHandle)
             return LIBCSI_INVALID_PARAMETER;
         std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
-        auto library = CurrentLibrary();
-        if (!library)
-            return LIBCSI_NOT_INITIALIZED;
-        if (nDeviceIndex >= library->devices.size())
-            return LIBCSI_INVALID_DEVICE_INDEX;
-        Device& device = *library->devices[nDeviceIndex];
+        std::shared_ptr<Library> library;
+        Device* found = nullptr;
+        if (int32_t refused = DeviceAt(nDeviceIndex, library, found))
+            return refused;
+        Device& device = *found;
         std::lock_guard<std::mutex> lock(device.mutex);
         if (device.state != Closed) {
             LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", __func__);
@@ -296,11 +295,11 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
                        reinterpret_cast<const char*>(capability.bus_info), capability.capabilities);
             QueryDriverInfo(device, capability);
         }
-        const std::uint32_t found = device.driverInfo.driver_interface_version;
-        if (found < RequiredInterfaceVersion) {
+        const std::uint32_t interfaceVersion = device.driverInfo.driver_interface_version;
+        if (interfaceVersion < RequiredInterfaceVersion) {
             LIBCSI_LOG(TierError,
                        " %s ERROR: Incompatible driver interface version. Found:%d.%d.%d Required:%d.%d.%d\n",
-                       __func__, found >> 16, (found >> 8) & 0xFF, found & 0xFF, 1, 0, 6);
+                       __func__, interfaceVersion >> 16, (interfaceVersion >> 8) & 0xFF, interfaceVersion & 0xFF, 1, 0, 6);
             result = LIBCSI_INCOMPATIBLE_DRIVER;
         }
         if (!SetVideoInput(device)) {

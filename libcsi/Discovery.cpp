@@ -317,12 +317,11 @@ int32_t libcsi_get_info(uint32_t nDeviceIndex, int32_t eInfoID, int32_t* pType, 
         LIBCSI_LOG(TierTrace, "%s(nDeviceIndex=%u, eInfoID=%s)\n", __func__, nDeviceIndex, InfoName(eInfoID));
         if (!pType || !pSize)
             return LIBCSI_INVALID_PARAMETER;
-        auto library = CurrentLibrary();
-        if (!library)
-            return LIBCSI_NOT_INITIALIZED;
-        if (nDeviceIndex >= library->devices.size())
-            return LIBCSI_INVALID_DEVICE_INDEX;
-        Device& device = *library->devices[nDeviceIndex];
+        std::shared_ptr<Library> library;
+        Device* found = nullptr;
+        if (int32_t refused = DeviceAt(nDeviceIndex, library, found))
+            return refused;
+        Device& device = *found;
         std::lock_guard<std::mutex> lock(device.mutex);
         switch (eInfoID) {
         case INFO_Availability: {

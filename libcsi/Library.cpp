@@ -95,6 +95,17 @@ std::shared_ptr<Library> CurrentLibrary()
     return singleton;
 }
 
+int32_t DeviceAt(std::uint32_t index, std::shared_ptr<Library>& library, Device*& device)
+{
+    library = CurrentLibrary();
+    if (!library)
+        return LIBCSI_NOT_INITIALIZED;
+    if (index >= library->devices.size())
+        return LIBCSI_INVALID_DEVICE_INDEX;
+    device = library->devices[index].get();
+    return LIBCSI_OK;
+}
+
 void Library::AddReport(const std::string& text)
 {
     std::shared_ptr<std::string> message;
@@ -259,64 +270,56 @@ int32_t libcsi_deinit(void)
     }
 }
 
-int32_t libcsi_register_discovery_callback(libcsi_discovery_callback_t pCallback, void* pContext)
+}
+
+namespace {
+
+// Sets (or, with a null callback and `clear`, removes) one of the two callbacks under its mutex.
+template <class Callback>
+int32_t SetCallback(const char* function, Callback callback, void* context, bool clear,
+                    std::mutex Library::*mutex, Callback Library::*slot, void* Library::*contextSlot)
 {
     std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
-    LIBCSI_LOG(TierTrace, "%s(pCallback=%p, pContext=%p)\n", __func__, reinterpret_cast<void*>(pCallback), pContext);
-    if (!pCallback)
+    LIBCSI_LOG(TierTrace, "%s(pCallback=%p, pContext=%p)\n", function, reinterpret_cast<void*>(callback), context);
+    if (!clear && !callback)
         return LIBCSI_INVALID_PARAMETER;
     auto library = CurrentLibrary();
     if (!library)
         return LIBCSI_NOT_INITIALIZED;
-    std::lock_guard<std::mutex> lock(library->discoveryMessageMutex);
-    if (library->discoveryCallback)
+    std::lock_guard<std::mutex> lock((*library).*mutex);
+    if (!clear && (*library).*slot)
         return LIBCSI_ALREADY_SET;
-    library->discoveryCallback = pCallback;
-    library->discoveryContext = pContext;
+    (*library).*slot = callback;
+    (*library).*contextSlot = context;
     return LIBCSI_OK;
+}
+
+}
+
+extern "C" {
+
+int32_t libcsi_register_discovery_callback(libcsi_discovery_callback_t pCallback, void* pContext)
+{
+    return SetCallback(__func__, pCallback, pContext, false, &Library::discoveryMessageMutex,
+                       &Library::discoveryCallback, &Library::discoveryContext);
 }
 
 int32_t libcsi_deregister_discovery_callback(void)
 {
-    std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
-    LIBCSI_LOG(TierTrace, "%s()\n", __func__);
-    auto library = CurrentLibrary();
-    if (!library)
-        return LIBCSI_NOT_INITIALIZED;
-    std::lock_guard<std::mutex> lock(library->discoveryMessageMutex);
-    library->discoveryCallback = nullptr;
-    library->discoveryContext = nullptr;
-    return LIBCSI_OK;
+    return SetCallback<libcsi_discovery_callback_t>(__func__, nullptr, nullptr, true, &Library::discoveryMessageMutex,
+                                                    &Library::discoveryCallback, &Library::discoveryContext);
 }
 
 int32_t libcsi_register_report_callback(libcsi_report_callback_t pCallback, void* pContext)
 {
-    std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
-    LIBCSI_LOG(TierTrace, "%s(pCallback=%p, pContext=%p)\n", __func__, reinterpret_cast<void*>(pCallback), pContext);
-    if (!pCallback)
-        return LIBCSI_INVALID_PARAMETER;
-    auto library = CurrentLibrary();
-    if (!library)
-        return LIBCSI_NOT_INITIALIZED;
-    std::lock_guard<std::mutex> lock(library->reportMutex);
-    if (library->reportCallback)
-        return LIBCSI_ALREADY_SET;
-    library->reportCallback = pCallback;
-    library->reportContext = pContext;
-    return LIBCSI_OK;
+    return SetCallback(__func__, pCallback, pContext, false, &Library::reportMutex, &Library::reportCallback,
+                       &Library::reportContext);
 }
 
 int32_t libcsi_deregister_report_callback(void)
 {
-    std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
-    LIBCSI_LOG(TierTrace, "%s()\n", __func__);
-    auto library = CurrentLibrary();
-    if (!library)
-        return LIBCSI_NOT_INITIALIZED;
-    std::lock_guard<std::mutex> lock(library->reportMutex);
-    library->reportCallback = nullptr;
-    library->reportContext = nullptr;
-    return LIBCSI_OK;
+    return SetCallback<libcsi_report_callback_t>(__func__, nullptr, nullptr, true, &Library::reportMutex,
+                                                 &Library::reportCallback, &Library::reportContext);
 }
 
 }

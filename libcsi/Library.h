@@ -66,6 +66,9 @@ std::shared_ptr<Library> CurrentLibrary();
 
 void DiscoveryThread(std::shared_ptr<Library> library);
 
+// The library and the device at `index` of its list: LIBCSI_OK, or the refusal.
+int32_t DeviceAt(std::uint32_t index, std::shared_ptr<Library>& library, Device*& device);
+
 // The device of a handle in the device list, or null for a handle that is none of them.
 std::shared_ptr<Device> FindDevice(const Library& library, const Device* handle);
 

@@ -20,12 +20,6 @@ namespace {
 
 constexpr std::size_t PageSize = 4096;
 
-int Fail(int error)
-{
-    errno = error;
-    return -1;
-}
-
 template <class T>
 T& As(void* argument)
 {

@@ -26,12 +26,6 @@ namespace {
 
 constexpr std::size_t PageSize = 4096;
 
-int Fail(int error)
-{
-    errno = error;
-    return -1;
-}
-
 // The pipe on which the calling thread sleeps in Select.
 struct ThreadWaiter {
     int fds[2] = {-1, -1};

@@ -6,7 +6,16 @@
 
 #include <sys/time.h>
 
+#include <cerrno>
+
 namespace QEL { namespace Sim {
+
+// Fails a system call the way the kernel does: errno and -1.
+inline int Fail(int error)
+{
+    errno = error;
+    return -1;
+}
 
 struct VirtualSystem::Attribute {
     std::string value;

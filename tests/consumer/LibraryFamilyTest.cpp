@@ -1,6 +1,7 @@
 #include "ProducerLoader.h"
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -212,9 +213,13 @@ TEST(LibraryFamily, ConcurrentInfoCallsDuringInitCloseCycles)
                     ++unexpected;
             }
         });
-    for (int cycle = 0; cycle < 300; ++cycle) {
+    // At least 300 cycles, and on until some readers got in between them.
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (int cycle = 0; (cycle < 300 || succeeded == 0) && std::chrono::steady_clock::now() < limit; ++cycle) {
         ASSERT_EQ(GC_ERR_SUCCESS, producer.GCCloseLib());
         ASSERT_EQ(GC_ERR_SUCCESS, producer.GCInitLib());
+        if (cycle % 50 == 0)
+            std::this_thread::yield();
     }
     stop = true;
     for (auto& t : readers)
