@@ -11,7 +11,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <mutex>
 #include <set>
+#include <string>
 
 using namespace QEL;
 
@@ -253,6 +255,37 @@ TEST_F(GenCPOverCCI, PacketsWithTheirChecksumsAndRequestIDs)
     board.system->InjectFault(0, Sim::Fault::GenCPStatus, 1, 0x8006);
     auto refused = exchange(24);
     EXPECT_EQ(GC_ERR_ACCESS_DENIED, Base::GenCP::AckException("refused", refused->GetStatus()).GetCode());
+}
+
+TEST_F(GenCPOverCCI, PacketsAreDecodedIntoTheVerboseLog)
+{
+    struct Reports {
+        std::mutex mutex;
+        std::string text;
+    } reports;
+    ASSERT_EQ(LIBCSI_OK, libcsi_register_report_callback(
+                             [](void* context, const char* line) {
+                                 auto* r = static_cast<Reports*>(context);
+                                 std::lock_guard<std::mutex> lock(r->mutex);
+                                 r->text += line;
+                             },
+                             &reports));
+    auto& config = LibCSIImpl::TheConfig();
+    const auto saved = config.logLevel;
+    config.logLevel = 5;
+    const std::uint32_t start = 1;
+    auto write = SimTest::Harness::WriteCommand(0x10220000, &start, 4, 30);
+    ASSERT_EQ(LIBCSI_OK, libcsi_write_gencp(device, write.data(), write.size(), 200));
+    ASSERT_EQ(20u, Read().size());
+    config.logLevel = saved;
+    ASSERT_EQ(LIBCSI_OK, libcsi_deinit()); // delivers what the report queue holds
+    ASSERT_EQ(LIBCSI_OK, libcsi_init());
+    for (const char* wanted : {"GenCP packet decode (SEND):", "(REQUEST_ACK)", "WRITEMEM_CMD",
+                               "(STREAMDBG RegAcquisitionStart)", "GenCP packet decode (RECEIVE):",
+                               "GENCP_SUCCESS", "WRITEMEM_ACK", "LengthWritten: 4"})
+        EXPECT_NE(std::string::npos, reports.text.find(wanted)) << wanted;
+    EXPECT_EQ(LIBCSI_OK, libcsi_update_device_list());
+    device = nullptr;
 }
 
 TEST_F(GenCPOverCCI, ArgumentsAndBuffers)

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
@@ -402,6 +403,36 @@ TEST_F(Stream, FrameDumpsAndTheStatisticsLine)
     EXPECT_EQ(0u, statistics.m_nFramesCount);
     libcsi_flush_frames(device);
     RevokeAll();
+}
+
+TEST_F(Stream, TimingTableAndAcquisitionStatistics)
+{
+    auto& config = LibCSIImpl::TheConfig();
+    config.dumpFrameTiming = true;
+    config.dumpAcqStatistics = true;
+    Open();
+    ASSERT_EQ(LIBCSI_OK, Announce(3));
+    QueueAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    StartCamera();
+    ASSERT_TRUE(AwaitFrames(10));
+    requeue = false;
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+    libcsi_flush_frames(device);
+    RevokeAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_close_device(device));
+    device = nullptr;
+    ASSERT_EQ(LIBCSI_OK, libcsi_deinit()); // closes the files
+    const std::string timing = ReadFile(config.PathOf("libcsi_timing.csv"));
+    EXPECT_EQ(0u, timing.find("FrameInterval[us];BlockID;BufferFlags;LeaderTimestamp;MemcpyDuration[us]\r\n"));
+    const auto lines = std::count(timing.begin(), timing.end(), '\n');
+    EXPECT_GE(lines, 10) << "a line for every frame but the first";
+    EXPECT_NE(std::string::npos, timing.find(";2;40000004;")) << "block 2 with its valid and done flags";
+    const std::string statistics = ReadFile(config.PathOf("libcsi_acq_stat.txt"));
+    EXPECT_EQ(0u, statistics.find("#0001; Duration=")) << statistics;
+    EXPECT_NE(std::string::npos, statistics.find("LeaderMagicKeyErrors=0000; TrailerMagicKeyErrors=0000; BlockIdErrors=0000; DrvFramesCount="));
+    EXPECT_EQ(statistics.size() - 2, statistics.find("\r\n"));
+    ASSERT_EQ(LIBCSI_OK, libcsi_init());
 }
 
 TEST_F(Stream, RegisterTrafficDoesNotStallFrames)
