@@ -131,8 +131,9 @@ TEST_F(ArgumentChecks, NullPointersAndInvalidHandles)
     ASSERT_EQ(GC_ERR_SUCCESS, loader->GCInitLib());
     for (const Row& row : Rows()) {
         EXPECT_EQ(row.code, row.call()) << row.label;
-        if (row.text)
+        if (row.text) {
             EXPECT_EQ(Err(row.code, row.text), loader->LastError()) << row.label;
+        }
     }
     entryCount = 4;
     EXPECT_EQ(GC_ERR_INVALID_PARAMETER, CALL(GCReadPortStacked, bad, nullptr, &entryCount)());

@@ -47,8 +47,9 @@ protected:
 
     void TearDown() override
     {
-        if (device)
+        if (device) {
             EXPECT_EQ(LIBCSI_OK, libcsi_close_device(device));
+        }
         for (Buffer& b : buffers)
             if (b.memory && !allocated)
                 std::free(b.memory);
