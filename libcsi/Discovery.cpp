@@ -139,6 +139,7 @@ void DiscoveryThread(std::shared_ptr<Library> library)
 {
     Os::Backend& os = Os::Current();
     std::map<int, std::string> availability;
+    std::map<int, char> lastSeen;
     int highest = -1;
     fd_set savedRead, savedExcept;
     FD_ZERO(&savedRead);
@@ -151,14 +152,35 @@ void DiscoveryThread(std::shared_ptr<Library> library)
         for (auto& entry : availability)
             os.Close(entry.first);
         availability.clear();
+        lastSeen.clear();
         FD_ZERO(&savedExcept);
         highest = -1;
+    };
+    // The last value seen of each attribute: a change that comes between the
+    // report of one change and the re-arming read below is reported too,
+    // instead of being swallowed by that read.
+    auto report = [&](const std::string& portID, char byte) {
+        LIBCSI_LOG(TierTrace, " %s: Availability changed for %s. New value: %c\n", "discovery_thread_proc",
+                   portID.c_str(), byte);
+        auto message = std::make_shared<DiscoveryMessage>(DiscoveryMessage{portID, byte != '0'});
+        lock.unlock();
+        {
+            std::lock_guard<std::mutex> queueLock(library->discoveryMessageMutex);
+            library->discoveryMessages.push_back(message);
+            library->discoveryMessageCondition.notify_all();
+        }
+        lock.lock();
     };
     while (library->discoveryThreadState == Running) {
         for (auto& entry : availability) {
             char byte;
             os.Lseek(entry.first, 0, SEEK_SET);
-            os.Read(entry.first, &byte, 1);
+            if (os.Read(entry.first, &byte, 1) != 1)
+                continue;
+            auto seen = lastSeen.find(entry.first);
+            if (seen != lastSeen.end() && (seen->second == '0') != (byte == '0'))
+                report(entry.second, byte);
+            lastSeen[entry.first] = byte;
         }
         fd_set readSet = savedRead, exceptSet = savedExcept;
         const int nfds = std::max({stopPipe, updatePipe, highest}) + 1;
@@ -205,16 +227,8 @@ void DiscoveryThread(std::shared_ptr<Library> library)
             os.Lseek(fd, 0, SEEK_SET);
             if (os.Read(fd, &byte, 1) != 1)
                 continue;
-            LIBCSI_LOG(TierTrace, " %s: Availability changed for %s. New value: %c\n", "discovery_thread_proc",
-                       portID.c_str(), byte);
-            auto message = std::make_shared<DiscoveryMessage>(DiscoveryMessage{portID, byte != '0'});
-            lock.unlock();
-            {
-                std::lock_guard<std::mutex> queueLock(library->discoveryMessageMutex);
-                library->discoveryMessages.push_back(message);
-                library->discoveryMessageCondition.notify_all();
-            }
-            lock.lock();
+            report(portID, byte);
+            lastSeen[fd] = byte;
         }
     }
     closeAll();
