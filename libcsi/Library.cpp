@@ -142,7 +142,7 @@ int32_t libcsi_init(void)
     try {
         std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
         LIBCSI_LOG(TierTrace, "%s()\n", __func__);
-        LIBCSI_LOG(TierTrace, " libcsi version 1.1.0.0, driver specification 1.0.8, BCRM specification 1.1.10\n");
+        LIBCSI_LOG(TierTrace, " libcsi version 1.1.0.0, for driver release 1.0.8 and BCRM release 1.1.10\n");
         utsname system{};
         if (::uname(&system) == 0)
             LIBCSI_LOG(TierTrace, " %s %s %s %s %s\n", system.sysname, system.nodename, system.release, system.version,
