@@ -9,6 +9,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -355,7 +356,10 @@ int32_t libcsi_queue_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFram
             LIBCSI_LOG(TierError, " %s ERROR: Invalid Parameter: pFrameHandle.\n", __func__);
             return LIBCSI_INVALID_PARAMETER;
         }
-        if (frame->queued) {
+        // Before the stream starts the queued flag is not yet set; a frame waiting
+        // in the input queue twice would shift every later buffer index.
+        if (frame->queued || std::find(device.m_InputFrameQueue.begin(), device.m_InputFrameQueue.end(), frame) !=
+                                 device.m_InputFrameQueue.end()) {
             LIBCSI_LOG(TierError, " ERROR: Frame already queued.\n");
             return LIBCSI_FRAME_QUEUED;
         }

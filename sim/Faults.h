@@ -28,6 +28,7 @@ enum class Fault {
     DQBUFError,          // VIDIOC_DQBUF fails with errno `value`
     StreamOffHangs,      // the stream-off attribute never reaches "2"
     FlushHangs,          // the flush attribute never reaches "2"
+    NodeOpenFailure,     // opening the V4L2 node fails with errno `value` (0: EBUSY)
 };
 
 class FaultPlan {

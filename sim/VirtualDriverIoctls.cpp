@@ -42,7 +42,7 @@ int VirtualSystem::Ioctl(int fd, unsigned long request, void* argument)
         lock.unlock();
         return ::ioctl(fd, request, argument);
     }
-    if (file->kind != OpenFile::Node || !argument && _IOC_SIZE(request) != 0)
+    if (file->kind != OpenFile::Node || (!argument && _IOC_SIZE(request) != 0))
         return Fail(file->kind != OpenFile::Node ? ENOTTY : EFAULT);
     Camera& camera = *file->camera;
     auto failing = camera.failingIoctls.find(request);

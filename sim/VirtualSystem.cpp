@@ -169,6 +169,9 @@ int VirtualSystem::Open(const char* path, int flags)
     } else {
         for (auto& camera : cameras)
             if (std::string(path) == "/dev/" + camera->node) {
+                std::uint64_t error = 0;
+                if (camera->faults.Take(Fault::NodeOpenFailure, &error))
+                    return Fail(error ? static_cast<int>(error) : EBUSY);
                 file->kind = OpenFile::Node;
                 file->camera = camera.get();
             }

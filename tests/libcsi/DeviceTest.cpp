@@ -4,13 +4,20 @@
 #include "libcsi/Config.h"
 #include "libcsi/OsSeam.h"
 #include "libcsi/include/libcsi/libcsi.h"
+#include "libcsi/include/libcsi/qel_csi2_driver.h"
 #include "sim/CameraMap.h"
 #include "sim/VirtualSystem.h"
 #include "tests/sim/SimHarness.h"
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <cstring>
+#include <functional>
+#include <thread>
 #include <mutex>
 #include <set>
 #include <string>
@@ -173,6 +180,156 @@ TEST(DeviceOpen, IpuOverrideAndImx6Boards)
         EXPECT_STREQ("NXP i.MX6 Wandboard", text);
     }
     config = saved;
+}
+
+// Passes everything to the virtual camera and keeps the register addresses libcsi writes.
+class WriteRecorder : public Os::Backend {
+public:
+    explicit WriteRecorder(std::shared_ptr<Sim::VirtualSystem> system) : system(std::move(system)) {}
+    int Open(const char* path, int flags) override { return system->Open(path, flags); }
+    int Close(int fd) override { return system->Close(fd); }
+    int Ioctl(int fd, unsigned long request, void* argument) override
+    {
+        if (request == VIDIOC_W_I2C) {
+            std::lock_guard<std::mutex> lock(mutex);
+            written.insert(static_cast<qel_i2c_access*>(argument)->register_address);
+        }
+        return system->Ioctl(fd, request, argument);
+    }
+    ssize_t Read(int fd, void* buffer, std::size_t size) override { return system->Read(fd, buffer, size); }
+    off_t Lseek(int fd, off_t offset, int whence) override { return system->Lseek(fd, offset, whence); }
+    int Select(int nfds, fd_set* r, fd_set* w, fd_set* e, timeval* timeout) override
+    {
+        return system->Select(nfds, r, w, e, timeout);
+    }
+    void* Mmap(void* address, std::size_t length, int protection, int flags, int fd, off_t offset) override
+    {
+        return system->Mmap(address, length, protection, flags, fd, offset);
+    }
+    int Munmap(void* address, std::size_t length) override { return system->Munmap(address, length); }
+    std::vector<std::string> ListDirectory(const char* path) override { return system->ListDirectory(path); }
+
+    bool Wrote(std::uint64_t address)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return written.count(address) != 0;
+    }
+    void Forget()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        written.clear();
+    }
+
+private:
+    std::shared_ptr<Sim::VirtualSystem> system;
+    std::mutex mutex;
+    std::set<std::uint64_t> written;
+};
+
+TEST(DeviceOpen, ACameraAlreadyInGenCPModeIsNotSwitched)
+{
+    VirtualBoard board(kOneCamera);
+    auto recorder = std::make_shared<WriteRecorder>(board.system);
+    Os::Install(recorder);
+    device_handle_t* device = nullptr;
+    ASSERT_EQ(LIBCSI_OK, board.Open(&device));
+    EXPECT_TRUE(recorder->Wrote(0x021C)) << "a camera in mode 0 is switched";
+    ASSERT_EQ(LIBCSI_OK, libcsi_close_device(device));
+    ASSERT_EQ(0, board.system->GetFirmware(0).GetDeviceMode());
+
+    // A camera left in GenCP mode, as by a process that died with it open.
+    const std::uint8_t genCPMode = 1;
+    ASSERT_EQ(0, board.system->GetFirmware(0).WriteCCI(0x021C, &genCPMode, 1));
+    for (int i = 0; i < 200 && board.system->GetFirmware(0).GetDeviceMode() != 1; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ASSERT_EQ(1, board.system->GetFirmware(0).GetDeviceMode());
+    recorder->Forget();
+    ASSERT_EQ(LIBCSI_OK, board.Open(&device));
+    EXPECT_FALSE(recorder->Wrote(0x021C));
+    EXPECT_EQ(LIBCSI_OK, libcsi_close_device(device));
+    EXPECT_TRUE(recorder->Wrote(0x021C)) << "closing switches it back";
+    Os::Install(board.system);
+}
+
+// Each failure the driver or the camera can cause during an open, with the
+// code it must give; after each the device is closed, the camera back in
+// mode 0, and the next open succeeds.
+TEST(DeviceOpen, EveryInjectedOpenFailureGivesItsCodeAndAClosedDevice)
+{
+    struct Case {
+        const char* name;
+        std::function<void(Sim::VirtualSystem&)> inject;
+        std::int32_t expected;
+    };
+    const std::vector<Case> cases = {
+        {"node refuses to open", [](Sim::VirtualSystem& s) { s.InjectFault(0, Sim::Fault::NodeOpenFailure, 1, EINVAL); },
+         LIBCSI_OPEN_FAILED},
+        {"mode register unreadable", [](Sim::VirtualSystem& s) { s.InjectFault(0, Sim::Fault::I2CReadFailure, 1); },
+         LIBCSI_READ_FAILED},
+        {"mode switch not written", [](Sim::VirtualSystem& s) { s.InjectFault(0, Sim::Fault::I2CWriteFailure, 1); },
+         LIBCSI_READ_FAILED},
+        {"VIDIOC_QUERYCAP", [](Sim::VirtualSystem& s) { s.FailIoctl(0, "VIDIOC_QUERYCAP", EIO, 1); },
+         LIBCSI_READ_FAILED},
+        {"VIDIOC_G_DRIVER_INFO", [](Sim::VirtualSystem& s) { s.FailIoctl(0, "VIDIOC_G_DRIVER_INFO", ENOTTY, 1); },
+         LIBCSI_INCOMPATIBLE_DRIVER},
+        {"VIDIOC_G_GENCP_BUFFER_SIZES",
+         [](Sim::VirtualSystem& s) { s.FailIoctl(0, "VIDIOC_G_GENCP_BUFFER_SIZES", EIO, 1); }, LIBCSI_READ_FAILED},
+        {"VIDIOC_G_SUPPORTED_LANE_COUNTS",
+         [](Sim::VirtualSystem& s) { s.FailIoctl(0, "VIDIOC_G_SUPPORTED_LANE_COUNTS", EIO, 1); }, LIBCSI_READ_FAILED},
+        {"VIDIOC_G_CSI_CLOCK_RANGES",
+         [](Sim::VirtualSystem& s) { s.FailIoctl(0, "VIDIOC_G_CSI_CLOCK_RANGES", EIO, 1); }, LIBCSI_READ_FAILED},
+        {"VIDIOC_G_DATA_IDENTIFIERS",
+         [](Sim::VirtualSystem& s) { s.FailIoctl(0, "VIDIOC_G_DATA_IDENTIFIERS", EIO, 1); }, LIBCSI_READ_FAILED},
+        {"VIDIOC_G_IPU_RESTRICTIONS",
+         [](Sim::VirtualSystem& s) { s.FailIoctl(0, "VIDIOC_G_IPU_RESTRICTIONS", EIO, 1); }, LIBCSI_READ_FAILED},
+        {"VIDIOC_G_MIN_ANNOUNCED_FRAMES",
+         [](Sim::VirtualSystem& s) { s.FailIoctl(0, "VIDIOC_G_MIN_ANNOUNCED_FRAMES", EIO, 1); }, LIBCSI_READ_FAILED},
+        {"VIDIOC_G_STATISTICS_CAPABILITIES",
+         [](Sim::VirtualSystem& s) { s.FailIoctl(0, "VIDIOC_G_STATISTICS_CAPABILITIES", EIO, 1); },
+         LIBCSI_READ_FAILED},
+        {"VIDIOC_RESET_STREAMSTAT is only a warning",
+         [](Sim::VirtualSystem& s) { s.FailIoctl(0, "VIDIOC_RESET_STREAMSTAT", EIO, 1); }, LIBCSI_OK},
+    };
+    VirtualBoard board(kOneCamera);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        c.inject(*board.system);
+        device_handle_t* device = nullptr;
+        EXPECT_EQ(c.expected, board.Open(&device));
+        board.system->ClearFaults(0);
+        if (c.expected == LIBCSI_OK) {
+            EXPECT_EQ(LIBCSI_OK, libcsi_close_device(device));
+            continue;
+        }
+        EXPECT_EQ(nullptr, device) << "no handle for a failed open";
+        EXPECT_EQ(0, board.system->GetFirmware(0).GetDeviceMode());
+        ASSERT_EQ(LIBCSI_OK, board.Open(&device)) << "the device was left closed";
+        EXPECT_EQ(LIBCSI_OK, libcsi_close_device(device));
+    }
+}
+
+TEST(DeviceOpen, WithoutDescriptorsForItsPipeTheOpenFailsCleanly)
+{
+    VirtualBoard board(kOneCamera);
+    rlimit saved{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
+    // Leave exactly one free descriptor: the node opens, its stop pipe cannot.
+    const int lowestFree = ::dup(0);
+    ASSERT_GE(lowestFree, 0);
+    ::close(lowestFree);
+    rlimit tight = saved;
+    tight.rlim_cur = static_cast<rlim_t>(lowestFree) + 1;
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
+    device_handle_t* device = nullptr;
+    const std::int32_t result = board.Open(&device);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
+    EXPECT_EQ(LIBCSI_ERROR, result);
+    EXPECT_EQ(nullptr, device);
+    const int reused = ::dup(0);
+    EXPECT_EQ(lowestFree, reused) << "the node's descriptor was given back";
+    ::close(reused);
+    ASSERT_EQ(LIBCSI_OK, board.Open(&device));
+    EXPECT_EQ(LIBCSI_OK, libcsi_close_device(device));
 }
 
 TEST(DeviceOpen, ResetLeavesOnlyClosing)

@@ -1,10 +1,14 @@
 #include "libcsi/Config.h"
+#include "libcsi/Log.h"
 #include "libcsi/include/libcsi/libcsi.h"
 #include "tests/TestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <boost/filesystem.hpp>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -78,6 +82,44 @@ TEST_F(ConfigFolder, LogLevelIsClamped)
     EXPECT_EQ(5, Load().logLevel);
     Write("libcsi.cfg", "log_level=-1\n");
     EXPECT_EQ(0, Load().logLevel);
+}
+
+// The log file takes one million entries, then one closing line, then nothing.
+TEST_F(ConfigFolder, LogFileStopsAfterOneMillionEntries)
+{
+    Config& config = TheConfig();
+    const Config saved = config;
+    config.directory = folder.string();
+    config.logLevel = 2;
+    ResetLogFile();
+    // Every entry goes to stderr as well; a million of them would bury the test output.
+    std::fflush(stderr);
+    const int savedStderr = ::dup(STDERR_FILENO);
+    const int devNull = ::open("/dev/null", O_WRONLY);
+    ASSERT_GE(devNull, 0);
+    ::dup2(devNull, STDERR_FILENO);
+    ::close(devNull);
+    for (int entry = 1; entry <= 1000002; ++entry)
+        LogEntry(TierError, 7, "entry %d\n", entry);
+    const std::uint64_t counted = LogFileEntries();
+    ::dup2(savedStderr, STDERR_FILENO);
+    ::close(savedStderr);
+    ResetLogFile();
+    config = saved;
+
+    EXPECT_EQ(1000001u, counted);
+    std::ifstream log((folder / "libcsi.log").string());
+    std::string line, last;
+    std::uint64_t lines = 0;
+    while (std::getline(log, line)) {
+        ++lines;
+        if (lines == 1000000)
+            last = line;
+    }
+    EXPECT_EQ(1000001u, lines);
+    EXPECT_NE(std::string::npos, last.find("L:00007 ")) << last;
+    EXPECT_NE(std::string::npos, last.find(" entry 1000000")) << last;
+    EXPECT_EQ("Maximum log entries reached", line) << "the closing line, and nothing after it";
 }
 
 TEST(Lifecycle, InitDeinitAndCallbacks)

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <thread>
 
 using namespace QEL;
@@ -118,9 +119,10 @@ protected:
             const auto* image = reinterpret_cast<const std::uint8_t*>(transfer->m_pPayload);
             for (std::uint32_t y = 0; y < geometry.height; ++y)
                 for (std::uint32_t x = 0; x < geometry.width; ++x)
-                    if (Sim::ReadSample(image, geometry.width, x, y, 0, *geometry.format) !=
-                        Sim::PatternSample(x, y, 0, blockID, *geometry.format, 0))
-                        ++wrong;
+                    for (std::uint32_t sample = 0; sample < geometry.format->samples; ++sample)
+                        if (Sim::ReadSample(image, geometry.width, x, y, sample, *geometry.format) !=
+                            Sim::PatternSample(x, y, sample, blockID, *geometry.format, 0))
+                            ++wrong;
         }
         std::lock_guard<std::mutex> lock(mutex);
         ++statuses[status];
@@ -155,6 +157,32 @@ protected:
             EXPECT_EQ(LIBCSI_OK, libcsi_revoke_frame(device, b.handle));
     }
 
+    void StreamAndVerify(std::size_t count)
+    {
+        ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+        VerifyStream(count);
+    }
+
+    // Lets the started stream deliver `count` frames and checks every pixel
+    // of each, that block IDs rise one by one and that nothing was dropped.
+    void VerifyStream(std::size_t count)
+    {
+        StartCamera();
+        ASSERT_TRUE(AwaitFrames(count, 30));
+        requeue = false;
+        ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+        EXPECT_EQ(0, wrongPixels);
+        EXPECT_GE(Count(LIBCSI_FRAME_VALID), count);
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            for (std::size_t i = 1; i < blockIDs.size(); ++i)
+                ASSERT_EQ(blockIDs[i - 1] + 1, blockIDs[i]) << "block IDs rise one by one";
+        }
+        EXPECT_EQ(0u, device->m_nNumDroppedFrames);
+        EXPECT_EQ(LIBCSI_OK, libcsi_flush_frames(device));
+        RevokeAll();
+    }
+
     std::shared_ptr<Sim::VirtualSystem> system;
     device_handle_t* device = nullptr;
     Sim::CameraFirmware::FrameGeometry geometry{};
@@ -169,81 +197,54 @@ protected:
     LibCSIImpl::Config savedConfig = LibCSIImpl::TheConfig();
 };
 
+std::string CameraIn(const char* format)
+{
+    return std::string(kCamera) + "pixel_format = " + format + "\n";
+}
+
 TEST_F(Stream, AnnouncedFramesAreCopiedAndEveryPixelIsRight)
 {
     Open();
     ASSERT_EQ(LIBCSI_OK, Announce(4));
     QueueAll();
+    EXPECT_EQ(LIBCSI_FRAME_QUEUED, libcsi_queue_frame(device, buffers[0].handle, &Stream::OnFrame, this))
+        << "a frame waiting for the stream cannot be queued again";
     ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
     EXPECT_EQ(LIBCSI_FRAME_QUEUED, libcsi_queue_frame(device, buffers[0].handle, &Stream::OnFrame, this))
-        << "a frame in the driver cannot be queued again";
-    StartCamera();
-    ASSERT_TRUE(AwaitFrames(300));
-    requeue = false;
-    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
-    EXPECT_EQ(0, wrongPixels);
-    EXPECT_GE(Count(LIBCSI_FRAME_VALID), 300u);
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        for (std::size_t i = 1; i < blockIDs.size(); ++i)
-            ASSERT_EQ(blockIDs[i - 1] + 1, blockIDs[i]) << "block IDs rise one by one";
-    }
-    EXPECT_EQ(0u, device->m_nNumDroppedFrames);
-    EXPECT_EQ(LIBCSI_OK, libcsi_flush_frames(device));
-    RevokeAll();
+        << "nor can a frame in the driver";
+    VerifyStream(300);
 }
 
 TEST_F(Stream, AllocatedMappedFramesNeedNoCopy)
 {
-    Open();
+    Open(CameraIn("Mono12").c_str());
     ASSERT_EQ(LIBCSI_OK, Announce(3, true));
     EXPECT_NE(0u, buffers[0].transfer.m_pPayload) << "the library fills the pointers";
     QueueAll();
-    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
-    StartCamera();
-    ASSERT_TRUE(AwaitFrames(100));
-    requeue = false;
-    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
-    EXPECT_EQ(0, wrongPixels);
-    libcsi_flush_frames(device);
-    RevokeAll();
+    StreamAndVerify(300);
 }
 
-TEST_F(Stream, UserPointerModes)
+TEST_F(Stream, ExternalUserPointerFrames)
 {
     LibCSIImpl::TheConfig().enableUserptr = true;
-    Open();
+    Open(CameraIn("RGB8").c_str());
     EXPECT_EQ(LIBCSI_ALIGNMENT_INVALID, Announce(1, false, 4)) << "4 bytes off the driver's alignment";
     for (Buffer& b : buffers)
         std::free(b.memory);
     buffers.clear();
     ASSERT_EQ(LIBCSI_OK, Announce(3));
     QueueAll();
-    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
-    StartCamera();
-    ASSERT_TRUE(AwaitFrames(60));
-    requeue = false;
-    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
-    EXPECT_EQ(0, wrongPixels);
-    libcsi_flush_frames(device);
-    RevokeAll();
+    StreamAndVerify(300);
 }
 
 TEST_F(Stream, InternalUserPointerFrames)
 {
     LibCSIImpl::TheConfig().enableUserptr = true;
-    Open();
+    Open(CameraIn("Mono10p").c_str());
     ASSERT_EQ(LIBCSI_OK, Announce(3, true));
     EXPECT_EQ(0u, buffers[0].transfer.m_pLeader % 256) << "aligned for the driver";
     QueueAll();
-    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
-    StartCamera();
-    ASSERT_TRUE(AwaitFrames(60));
-    requeue = false;
-    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
-    EXPECT_EQ(0, wrongPixels);
-    libcsi_flush_frames(device);
-    RevokeAll();
+    StreamAndVerify(300);
 }
 
 TEST_F(Stream, StartRefusals)
