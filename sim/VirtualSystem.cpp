@@ -120,7 +120,7 @@ void VirtualSystem::BuildTree()
         camera->availability = attributes[node + "/availability"];
         camera->streamoff = attributes[node + "/streamoff"];
         camera->flush = attributes[node + "/flush"];
-        const std::string client = (boost::format("/sys/class/i2c-dev/i2c-%1%/device/%1%-00%2$02x/") % c.bus % c.address).str();
+        const std::string client = ClientPath(c);
         AddAttribute(client + "driver_version", description.driverVersion + "\n");
         AddAttribute(client + "cci_register_layout_version", std::to_string(c.cciLayoutVersion) + "\n");
         AddAttribute(client + "device_capabilities", std::to_string(c.deviceCapabilities) + "\n");
@@ -403,6 +403,24 @@ int VirtualSystem::Munmap(void* address, std::size_t length)
 // Control.
 
 CameraFirmware& VirtualSystem::GetFirmware(std::size_t camera) { return *cameras.at(camera)->firmware; }
+
+std::string VirtualSystem::ClientPath(const CameraDescription& camera)
+{
+    return (boost::format("/sys/class/i2c-dev/i2c-%1%/device/%1%-00%2$02x/") % camera.bus % camera.address).str();
+}
+
+void VirtualSystem::SetIdentity(std::size_t camera, const std::string& name, const std::string& value)
+{
+    static const std::set<std::string> identities = {"device_guid", "manufacturer_name", "model_name",
+                                                     "family_name", "device_version", "manufacturer_info",
+                                                     "serial_number", "user_defined_name"};
+    if (!identities.count(name))
+        throw std::invalid_argument("no identity string '" + name + "'");
+    std::lock_guard<std::mutex> lock(mutex);
+    const CameraDescription& description = cameras.at(camera)->description;
+    SetAttribute(attributes.at(ClientPath(description) + name),
+                 EncodeCameraString(value, description.stringEncoding) + "\n");
+}
 
 void VirtualSystem::SetAvailable(std::size_t camera, bool available)
 {

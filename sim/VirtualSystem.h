@@ -44,6 +44,9 @@ public:
     CameraFirmware& GetFirmware(std::size_t camera);
     const SystemDescription& GetDescription() const { return description; }
     void SetAvailable(std::size_t camera, bool available);
+    // Changes one identity string of the camera's I2C client, such as
+    // "device_guid" or "serial_number", as when another camera is plugged in.
+    void SetIdentity(std::size_t camera, const std::string& name, const std::string& value);
     void InjectFault(std::size_t camera, Fault fault, std::uint32_t count, std::uint64_t value = 0);
     // Makes the named ioctl (its request number) fail with `error` the next `count` times.
     void FailIoctl(std::size_t camera, unsigned long request, int error, std::uint32_t count);
@@ -64,6 +67,7 @@ private:
     struct OpenFile;
 
     void BuildTree();
+    static std::string ClientPath(const CameraDescription& camera);
     void AddAttribute(const std::string& path, const std::string& value, Camera* camera = nullptr);
     void SetAttribute(const std::shared_ptr<Attribute>& attribute, const std::string& value);
     void NotifyWaiters();
