@@ -1,13 +1,13 @@
 #include "framework/XMLDescription.h"
 
 #include "entry/BaseException.h"
+#include "support/Sha1.h"
 
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/trim.hpp>
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/filesystem/path.hpp>
 #include <boost/format.hpp>
-#include <boost/uuid/detail/sha1.hpp>
 #include <uriparser/Uri.h>
 
 #include <new>
@@ -234,15 +234,8 @@ XMLDescription::SHA1 RegisterXMLDescription::GetSHA1() const
 
 XMLDescription::SHA1 RegisterXMLDescription::ComputeSHA1(const XMLRegister::Data& data)
 {
-    boost::uuids::detail::sha1 hash;
-    hash.process_bytes(data.data(), data.size());
-    boost::uuids::detail::sha1::digest_type words;
-    hash.get_digest(words);
-    SHA1 bytes;
-    for (unsigned word : words)
-        for (int shift = 24; shift >= 0; shift -= 8)
-            bytes.push_back(static_cast<unsigned char>(word >> shift));
-    return bytes;
+    const auto digest = Tools::Sha1Digest(data.data(), data.size());
+    return SHA1(digest.begin(), digest.end());
 }
 
 // File descriptions.

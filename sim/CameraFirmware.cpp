@@ -5,9 +5,9 @@
 #include "sim/CameraXML.h"
 #include "sim/TextEncoding.h"
 #include "libcsi/include/libcsi/qel_csi2_driver.h"
+#include "support/Sha1.h"
 
-#include <boost/uuid/detail/sha1.hpp>
-
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <thread>
@@ -144,10 +144,7 @@ void CameraFirmware::BuildMemory()
 
     // Manifest with the GenApi document.
     std::vector<std::uint8_t> document(xml.begin(), xml.end());
-    boost::uuids::detail::sha1 hash;
-    hash.process_bytes(document.data(), document.size());
-    boost::uuids::detail::sha1::digest_type words;
-    hash.get_digest(words);
+    const auto digest = Tools::Sha1Digest(document.data(), document.size());
     std::vector<std::uint8_t> manifest(8 + 64, 0);
     Put<std::uint64_t>(manifest, 0, 1);
     Put<std::uint16_t>(manifest, 8 + 0, 0); // file version 1.0.0
@@ -158,9 +155,7 @@ void CameraFirmware::BuildMemory()
     manifest[8 + 7] = 1;
     Put<std::uint64_t>(manifest, 8 + 8, XmlFile);
     Put<std::uint64_t>(manifest, 8 + 16, document.size());
-    for (int w = 0; w < 5; ++w)
-        for (int b = 0; b < 4; ++b)
-            manifest[8 + 24 + 4 * w + b] = static_cast<std::uint8_t>(words[w] >> (24 - 8 * b));
+    std::copy(digest.begin(), digest.end(), manifest.begin() + 8 + 24);
     memory.AddBytes(Manifest, manifest);
     memory.AddBytes(XmlFile, document);
 

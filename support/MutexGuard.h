@@ -10,6 +10,8 @@ namespace QEL { namespace System {
 // Scoped lock over a mutex that the caller keeps alive.
 class MutexGuard : public virtual Object {
 public:
+    // Holds nothing until one of the lock calls succeeds.
+    MutexGuard() = default;
     explicit MutexGuard(Mutex* mutex);
     ~MutexGuard() override;
     MutexGuard(const MutexGuard&) = delete;

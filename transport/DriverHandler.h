@@ -1,0 +1,189 @@
+#pragma once
+
+#include "support/BasicLockable.h"
+#include "support/Condition.h"
+#include "support/Mutex.h"
+#include "support/TrackableObject.h"
+#include "transport/Descriptors.h"
+#include "transport/TransportLayerRoles.h"
+
+#include <array>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace QEL {
+namespace LibCSI { class Device; class Library; }
+class Settings;
+namespace CSI {
+
+using DriverHandlerRole = Tools::TrackableObject<Tools::BasicLockable<TransportLayer::DriverHandler>>;
+
+// The list of cameras: every camera the library reports gets a stable device
+// ID; comings, goings and availability changes are signalled.
+class DriverHandler : public DriverHandlerRole {
+public:
+    struct Options {
+        std::string idPrefix = "DEV_";
+        bool enumerationEnabled = true;
+        std::uint32_t enumerationInterval = 10000; // milliseconds
+        std::uint32_t extraReceiveTimeout = 0;
+        std::uint32_t sendTimeout = 0;
+        std::uint32_t maxTransferSize = 0;  // 0: not set
+        std::uint32_t maxTransferCount = 0; // 0: not set
+        std::uint32_t maxTransferCountEventChannel = 1;
+        std::uint32_t recordFrameStartFrameID = 0xFFFFFFFF;
+        std::uint32_t recordFrameStopFrameID = 0xFFFFFFFF;
+        bool mediaLogEnabled = false;
+        std::string mediaLogFileName;
+
+        static Options FromSettings(const Settings& settings, const std::string& idPrefix);
+    };
+
+    // What one look at a camera yields.
+    class DeviceData : public virtual System::Object {
+    public:
+        explicit DeviceData(const LibCSI::Device& device);
+
+        const std::string& GetModelName() const { return modelName; }
+        const std::string& GetManufacturerName() const { return manufacturerName; }
+        std::uint8_t GetAvailability() const { return availability; }
+        bool HasFamilyName() const { return familyName.has_value(); }
+        const std::string& GetFamilyName() const;
+        bool HasGuid() const { return guid.has_value(); }
+        const std::string& GetGuid() const;
+        bool HasSerialNumber() const { return serialNumber.has_value(); }
+        const std::string& GetSerialNumber() const;
+        bool HasUserDefinedName() const { return userDefinedName.has_value(); }
+        const std::string& GetUserDefinedName() const;
+        bool HasPortID() const { return portID.has_value(); }
+        const std::string& GetPortID() const;
+
+    private:
+        std::string modelName;
+        std::optional<std::string> familyName;
+        std::string manufacturerName;
+        std::optional<std::string> guid;
+        std::optional<std::string> serialNumber;
+        std::optional<std::string> userDefinedName;
+        std::optional<std::string> portID;
+        std::uint8_t availability = 0;
+        // Control in, control out, event, stream, and one more: they say only that the endpoint exists.
+        std::array<std::shared_ptr<LibCSI::EndpointDescriptor>, 5> endpoints;
+    };
+
+    // The lasting record of one camera.
+    class DeviceDetails : public virtual System::Object {
+    public:
+        DeviceDetails(const std::string& key, const std::string& id, const DeviceData& data);
+
+        const std::string& GetKey() const { return key; }
+        const std::string& GetId() const { return id; }
+        const std::string& GetModelName() const { return modelName; }
+        const std::string& GetManufacturerName() const { return manufacturerName; }
+        bool HasFamilyName() const { return familyName.has_value(); }
+        const std::string& GetFamilyName() const;
+        bool HasGuid() const { return guid.has_value(); }
+        const std::string& GetGuid() const;
+        bool HasSerialNumber() const { return serialNumber.has_value(); }
+        const std::string& GetSerialNumber() const;
+        bool HasLocation() const { return location.has_value(); }
+        const std::string& GetLocation() const;
+        bool HasUserDefinedName() const { return userDefinedName.has_value(); }
+        const std::string& GetUserDefinedName() const;
+        bool IsAvailable() const { return available; }
+        void SetAvailable(bool value) { available = value; }
+
+    private:
+        std::string key, id, modelName, manufacturerName;
+        std::optional<std::string> familyName, guid, serialNumber, location, userDefinedName;
+        bool available = true;
+    };
+
+    class DeviceInfo : public TransportLayer::DeviceInfo {
+    public:
+        explicit DeviceInfo(std::shared_ptr<DeviceDetails> details);
+
+        std::string GetModelName() const override { return details->GetModelName(); }
+        bool HasFamilyName() const override { return details->HasFamilyName(); }
+        std::string GetFamilyName() const override { return details->GetFamilyName(); }
+        std::string GetManufacturerName() const override { return details->GetManufacturerName(); }
+        bool HasSerialNumber() const override { return details->HasSerialNumber(); }
+        std::string GetSerialNumber() const override { return details->GetSerialNumber(); }
+        bool HasUserDefinedName() const override { return details->HasUserDefinedName(); }
+        std::string GetUserDefinedName() const override { return details->GetUserDefinedName(); }
+        bool IsAvailable() const override { return available; }
+        const std::shared_ptr<DeviceDetails>& GetDetails() const { return details; }
+
+        // The first difference: manufacturer, model, availability when asked, serial number; 0 when equal.
+        static int Compare(const DeviceInfo& left, const DeviceInfo& right, bool withAvailability);
+
+    private:
+        std::shared_ptr<DeviceDetails> details;
+        bool available;
+    };
+
+    // A frozen copy of the current list.
+    class DeviceList : public TransportLayer::DeviceList {
+    public:
+        explicit DeviceList(const std::map<std::string, std::shared_ptr<DeviceInfo>>& infosById);
+
+        std::uint32_t GetCount() const override { return static_cast<std::uint32_t>(infos.size()); }
+        std::string GetId(std::uint32_t index) const override;
+        bool Find(const std::string& text, std::string& id) const override;
+        std::shared_ptr<TransportLayer::DeviceInfo> GetInfo(const std::string& id) const override;
+
+    private:
+        std::vector<std::shared_ptr<DeviceInfo>> infos;
+        // By ID, GUID, serial number, lower-case key, location, user-defined name.
+        std::array<std::map<std::string, std::string>, 6> lookups;
+    };
+
+    static std::shared_ptr<DriverHandler> Create(const Options& options);
+    explicit DriverHandler(const Options& options);
+    ~DriverHandler() override;
+
+    std::shared_ptr<TransportLayer::DeviceList> GetDeviceList(bool* changed) override;
+    DeviceChangeSignal& GetDeviceChangeSignal() override { return deviceChangeSignal; }
+    void OnDeviceDiscovery(const char* portID, unsigned char available);
+
+    const Options& GetOptions() const { return options; }
+    const std::shared_ptr<LibCSI::Library>& GetLibrary() const { return library; }
+    std::shared_ptr<System::Mutex> GetGlobalMutex() const { return globalMutex; }
+
+private:
+    struct ThreadState {
+        System::Mutex mutex;
+        System::Condition condition;
+        std::uint32_t state = 0; // 0 stopped, 1 running, 2 stop requested
+        bool trigger = false;
+    };
+    struct Change {
+        std::string id;
+        unsigned changed, state;
+    };
+    using Infos = std::map<std::string, std::shared_ptr<DeviceInfo>>;
+
+    void EnumerationThread();
+    void Enumerate();
+    std::string ChooseId(const DeviceData& data, const std::string& lowerKey,
+                         const std::map<std::string, std::shared_ptr<DeviceDetails>>& byId) const;
+    static void CollectChanges(const Infos& before, const Infos& after, std::vector<Change>& changes);
+
+    std::shared_ptr<ThreadState> threadState;
+    std::shared_ptr<LibCSI::Library> library;
+    std::shared_ptr<System::Mutex> globalMutex;
+    DeviceChangeSignal deviceChangeSignal;
+    const Options options;
+    std::map<std::string, std::shared_ptr<DeviceDetails>> detailsByKey;
+    std::map<std::string, std::shared_ptr<DeviceDetails>> detailsById;
+    std::shared_ptr<System::Mutex> deviceListMutex;
+    Infos infosById;
+    Infos lastInfosById;
+    std::thread enumerationThread;
+};
+
+} }
