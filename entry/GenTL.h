@@ -23,6 +23,9 @@ typedef void* BUFFER_HANDLE;
 typedef void* EVENTSRC_HANDLE;
 typedef void* EVENT_HANDLE;
 
+/* A time-out or count without limit. */
+#define GENTL_INFINITE 0xFFFFFFFFFFFFFFFFULL
+
 enum GC_ERROR_LIST {
     GC_ERR_SUCCESS = 0,
     GC_ERR_ERROR = -1001,

@@ -37,6 +37,7 @@ public:
 class Interface : public virtual Module, public virtual Port {
 public:
     virtual void Close() = 0;
+    virtual bool IsOpen() const = 0;
     virtual std::uint32_t GetNumDevices() = 0;
     virtual std::string GetDeviceID(std::uint32_t index) = 0;
     virtual InfoPtr GetDeviceInfo(const std::string& id, DEVICE_INFO_CMD cmd) = 0;

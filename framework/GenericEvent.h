@@ -38,7 +38,7 @@ private:
 // handle names. Waiters are served in the order they came.
 class GenericEvent : public Tools::TrackableObject<Event> {
 public:
-    static constexpr std::uint64_t Infinite = ~std::uint64_t{0};
+    static constexpr std::uint64_t Infinite = GENTL_INFINITE;
 
     GenericEvent(EVENT_TYPE type, std::shared_ptr<EventSource> source);
     ~GenericEvent() override;

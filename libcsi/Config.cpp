@@ -69,11 +69,12 @@ struct ConfigOwner {
 
 std::string Config::PathOf(const std::string& name) const { return directory + "/" + name; }
 
-void Config::Load(const std::string& folder, const std::string& module)
+void Config::Load(std::string folder, std::string module)
 {
+    // By value: the caller may pass this record's own fields, which the reset clears.
     *this = Config();
-    directory = folder;
-    moduleName = module;
+    directory = std::move(folder);
+    moduleName = std::move(module);
     off_t size = 0;
     const bool hasFile = Exists(PathOf("libcsi.cfg"), &size);
     if ((hasFile && size == 0) || (!hasFile && Exists(PathOf("libcsi_log_enable")))) {

@@ -36,7 +36,7 @@ struct Config {
     // libcsi.cfg, or the marker libcsi_log_enable without one, gives a fresh
     // file of defaults; otherwise the file is read, missing keys taking their
     // file defaults. log_level ends clamped to 0..5.
-    void Load(const std::string& folder, const std::string& module);
+    void Load(std::string folder, std::string module);
     // Writes the record over libcsi.cfg when that file exists.
     void WriteBack() const;
     void Write() const;

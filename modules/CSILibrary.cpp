@@ -1,6 +1,8 @@
 #include "modules/CSILibrary.h"
 
 #include "entry/BaseException.h"
+#include "modules/CSISystem.h"
+#include "support/MutexGuard.h"
 
 #include <boost/filesystem/path.hpp>
 
@@ -16,7 +18,19 @@ Library::Library(std::shared_ptr<Settings> librarySettings) : settings(std::move
 
 Library::~Library() { Close(); }
 
-void Library::Close() { open = false; }
+void Library::Close()
+{
+    if (system) {
+        try {
+            QEL::System::SharedMutexGuard guard(system);
+            if (system->IsOpen())
+                system->Close();
+        } catch (...) {
+        }
+        system.reset();
+    }
+    open = false;
+}
 
 Base::InfoPtr Library::GetInfo(TL_INFO_CMD command) const
 {
@@ -42,8 +56,17 @@ std::shared_ptr<Base::System> Library::GetSystem()
 {
     if (!open)
         throw Base::Exception("Library not open.", GC_ERR_NOT_INITIALIZED);
-    // The System module of the CSI transport is not part of this build yet.
-    throw Base::Exception("System module not available.", GC_ERR_NOT_IMPLEMENTED);
+    if (system) {
+        QEL::System::SharedMutexGuard guard(system);
+        if (system->IsOpen())
+            throw Base::Exception("System already open.", GC_ERR_RESOURCE_IN_USE);
+    }
+    // A failing construction leaves the last System in place: TLOpen can be tried again.
+    auto created = System::Create(settings);
+    if (!created)
+        throw Base::Exception("Could not allocate system.", GC_ERR_ERROR);
+    system = created;
+    return system;
 }
 
 Base::InfoPtr Library::GetSystemInfo(const std::shared_ptr<const Settings>& settings, TL_INFO_CMD command)

@@ -8,6 +8,8 @@
 
 namespace QEL { namespace CSI {
 
+class System;
+
 // Answers GCGetInfo from the settings and owns the module tree while initialised.
 class Library : public Tools::BasicLockable<Base::Library> {
 public:
@@ -26,6 +28,7 @@ public:
 private:
     bool open = true;
     std::shared_ptr<Settings> settings;
+    std::shared_ptr<System> system;
 };
 
 } }

@@ -152,12 +152,12 @@ public:
 
     const Options& GetOptions() const { return options; }
     const std::shared_ptr<LibCSI::Library>& GetLibrary() const { return library; }
-    std::shared_ptr<System::Mutex> GetGlobalMutex() const { return globalMutex; }
+    std::shared_ptr<QEL::System::Mutex> GetGlobalMutex() const { return globalMutex; }
 
 private:
     struct ThreadState {
-        System::Mutex mutex;
-        System::Condition condition;
+        QEL::System::Mutex mutex;
+        QEL::System::Condition condition;
         std::uint32_t state = 0; // 0 stopped, 1 running, 2 stop requested
         bool trigger = false;
     };
@@ -175,12 +175,12 @@ private:
 
     std::shared_ptr<ThreadState> threadState;
     std::shared_ptr<LibCSI::Library> library;
-    std::shared_ptr<System::Mutex> globalMutex;
+    std::shared_ptr<QEL::System::Mutex> globalMutex;
     DeviceChangeSignal deviceChangeSignal;
     const Options options;
     std::map<std::string, std::shared_ptr<DeviceDetails>> detailsByKey;
     std::map<std::string, std::shared_ptr<DeviceDetails>> detailsById;
-    std::shared_ptr<System::Mutex> deviceListMutex;
+    std::shared_ptr<QEL::System::Mutex> deviceListMutex;
     Infos infosById;
     Infos lastInfosById;
     std::thread enumerationThread;

@@ -76,6 +76,18 @@ TEST_F(ConfigFolder, MissingKeysTakeTheirFileDefaultsAndTheFileIsNormalised)
     EXPECT_LT(text.find("log_level"), text.find("num_frame_copy_threads")) << "keys in their order";
 }
 
+TEST_F(ConfigFolder, ARecordReloadsFromItsOwnFolder)
+{
+    Write("libcsi.cfg", "log_level = 5\n");
+    Config config;
+    config.directory = folder.string();
+    config.moduleName = "libcsi.so";
+    config.Load(config.directory, config.moduleName);
+    EXPECT_EQ(folder.string(), config.directory);
+    EXPECT_EQ("libcsi.so", config.moduleName);
+    EXPECT_EQ(5, config.logLevel) << "the file in that folder was read";
+}
+
 TEST_F(ConfigFolder, LogLevelIsClamped)
 {
     Write("libcsi.cfg", "log_level=9\n");

@@ -1,0 +1,29 @@
+#include "modules/StaticInterfaceInfo.h"
+
+#include "entry/BaseException.h"
+
+#include <boost/format.hpp>
+
+#include <new>
+
+namespace QEL { namespace CSI {
+
+Base::InfoPtr GetStaticInterfaceInfo(INTERFACE_INFO_CMD command)
+{
+    try {
+        switch (command) {
+        case INTERFACE_INFO_ID:
+            return std::make_shared<Base::StringInfo>((boost::format("%1%_0x%2$X") % "LorunCSIInterface" % 0).str());
+        case INTERFACE_INFO_DISPLAYNAME:
+            return std::make_shared<Base::StringInfo>("Lorun CSI-2 Interface");
+        case INTERFACE_INFO_TLTYPE:
+            return std::make_shared<Base::StringInfo>("Custom");
+        default:
+            throw Base::Exception("Unsupported info requested.", GC_ERR_NOT_IMPLEMENTED);
+        }
+    } catch (const std::bad_alloc&) {
+        throw Base::Exception("Could not allocate info.", GC_ERR_ERROR);
+    }
+}
+
+} }
