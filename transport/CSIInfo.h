@@ -1,5 +1,6 @@
 #pragma once
 
+#include "libcsi/include/libcsi/libcsi.h"
 #include "support/Object.h"
 #include "support/Version.h"
 
@@ -13,22 +14,8 @@ namespace QEL { namespace LibCSI {
 
 class LibCSIWrapper_Impl;
 
-// Info IDs of libcsi_get_info.
-enum InfoID : std::int32_t {
-    INFO_Availability = 0,
-    INFO_CCIVersionMinor = 1,
-    INFO_CCIVersionMajor = 2,
-    INFO_GenCPModeSupported = 3,
-    INFO_DeviceGUID = 4,
-    INFO_ManufacturerName = 5,
-    INFO_ModelName = 6,
-    INFO_FamilyName = 7,
-    INFO_DeviceVersion = 8,
-    INFO_ManufacturerInfo = 9,
-    INFO_SerialNumber = 10,
-    INFO_UserDefinedName = 11,
-    INFO_PortID = 12,
-};
+// Info IDs of libcsi_get_info, as libcsi names them.
+using InfoID = libcsi_info_id;
 
 // A snapshot of one camera's identity as libcsi reports it.
 class CSIInfo : public virtual System::Object, public std::enable_shared_from_this<CSIInfo> {

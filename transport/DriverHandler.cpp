@@ -70,12 +70,12 @@ DriverHandler::DeviceData::DeviceData(const LibCSI::Device& device)
         return std::nullopt;
     };
     modelName = info.GetModelName();
-    familyName = optional(LibCSI::INFO_FamilyName, info.GetFamilyName());
+    familyName = optional(INFO_FamilyName, info.GetFamilyName());
     manufacturerName = info.GetManufacturerName();
-    guid = optional(LibCSI::INFO_DeviceGUID, info.GetDeviceGuid());
-    serialNumber = optional(LibCSI::INFO_SerialNumber, info.GetSerialNumber());
-    userDefinedName = optional(LibCSI::INFO_UserDefinedName, info.GetUserDefinedName());
-    portID = optional(LibCSI::INFO_PortID, info.GetPortID());
+    guid = optional(INFO_DeviceGUID, info.GetDeviceGuid());
+    serialNumber = optional(INFO_SerialNumber, info.GetSerialNumber());
+    userDefinedName = optional(INFO_UserDefinedName, info.GetUserDefinedName());
+    portID = optional(INFO_PortID, info.GetPortID());
     availability = info.GetAvailability();
     for (std::uint32_t number = 0; number < endpoints.size(); ++number)
         endpoints[number] = std::make_shared<LibCSI::EndpointDescriptor>(number);
@@ -99,37 +99,15 @@ const std::string& DriverHandler::DeviceData::GetPortID() const { return Require
 // DeviceDetails.
 
 DriverHandler::DeviceDetails::DeviceDetails(const std::string& key, const std::string& id, const DeviceData& data)
-    : key(key), id(id), modelName(data.GetModelName()), manufacturerName(data.GetManufacturerName()),
-      available(data.GetAvailability() != 0)
+    : key(key), id(id), data(data), available(data.GetAvailability() != 0)
 {
-    if (data.HasFamilyName())
-        familyName = data.GetFamilyName();
-    if (data.HasGuid())
-        guid = data.GetGuid();
-    if (data.HasSerialNumber())
-        serialNumber = data.GetSerialNumber();
-    if (data.HasPortID())
-        location = data.GetPortID();
-    if (data.HasUserDefinedName())
-        userDefinedName = data.GetUserDefinedName();
 }
 
-const std::string& DriverHandler::DeviceDetails::GetFamilyName() const
-{
-    return Required(familyName, "No family name available.");
-}
-const std::string& DriverHandler::DeviceDetails::GetGuid() const { return Required(guid, "No GUID available."); }
-const std::string& DriverHandler::DeviceDetails::GetSerialNumber() const
-{
-    return Required(serialNumber, "No serial number available.");
-}
 const std::string& DriverHandler::DeviceDetails::GetLocation() const
 {
-    return Required(location, "No device location available.");
-}
-const std::string& DriverHandler::DeviceDetails::GetUserDefinedName() const
-{
-    return Required(userDefinedName, "No user defined name available.");
+    if (!data.HasPortID())
+        throw Base::Exception("No device location available.", GC_ERR_ERROR);
+    return data.GetPortID();
 }
 
 // DeviceInfo.

@@ -75,31 +75,31 @@ public:
         std::array<std::shared_ptr<LibCSI::EndpointDescriptor>, 5> endpoints;
     };
 
-    // The lasting record of one camera.
+    // The lasting record of one camera: what the first look at it gave, under its key and ID.
     class DeviceDetails : public virtual System::Object {
     public:
         DeviceDetails(const std::string& key, const std::string& id, const DeviceData& data);
 
         const std::string& GetKey() const { return key; }
         const std::string& GetId() const { return id; }
-        const std::string& GetModelName() const { return modelName; }
-        const std::string& GetManufacturerName() const { return manufacturerName; }
-        bool HasFamilyName() const { return familyName.has_value(); }
-        const std::string& GetFamilyName() const;
-        bool HasGuid() const { return guid.has_value(); }
-        const std::string& GetGuid() const;
-        bool HasSerialNumber() const { return serialNumber.has_value(); }
-        const std::string& GetSerialNumber() const;
-        bool HasLocation() const { return location.has_value(); }
+        const std::string& GetModelName() const { return data.GetModelName(); }
+        const std::string& GetManufacturerName() const { return data.GetManufacturerName(); }
+        bool HasFamilyName() const { return data.HasFamilyName(); }
+        const std::string& GetFamilyName() const { return data.GetFamilyName(); }
+        bool HasGuid() const { return data.HasGuid(); }
+        const std::string& GetGuid() const { return data.GetGuid(); }
+        bool HasSerialNumber() const { return data.HasSerialNumber(); }
+        const std::string& GetSerialNumber() const { return data.GetSerialNumber(); }
+        bool HasLocation() const { return data.HasPortID(); }
         const std::string& GetLocation() const;
-        bool HasUserDefinedName() const { return userDefinedName.has_value(); }
-        const std::string& GetUserDefinedName() const;
+        bool HasUserDefinedName() const { return data.HasUserDefinedName(); }
+        const std::string& GetUserDefinedName() const { return data.GetUserDefinedName(); }
         bool IsAvailable() const { return available; }
         void SetAvailable(bool value) { available = value; }
 
     private:
-        std::string key, id, modelName, manufacturerName;
-        std::optional<std::string> familyName, guid, serialNumber, location, userDefinedName;
+        std::string key, id;
+        DeviceData data;
         bool available = true;
     };
 

@@ -486,51 +486,28 @@ std::uint32_t LibCSIWrapper_Impl::GetCCILinkSpeed()
     return speed;
 }
 
-bool LibCSIWrapper_Impl::ReadStatistics(libcsi_stream_statistics_t& statistics)
+// A fresh record at each call: the getters below each want the value of now.
+libcsi_stream_statistics_t LibCSIWrapper_Impl::ReadStatistics()
 {
     if (!device)
         Refuse("Error while getting stream statistics. Invalid device handle %1%", device, GC_ERR_INVALID_HANDLE);
+    libcsi_stream_statistics_t statistics{};
     const std::int32_t result =
         Logged("libcsi_get_stream_statistics", [&] { return libcsi_get_stream_statistics(device, &statistics); });
     if (result != 0)
         RefuseResult("Error while getting stream statistics. Error %1%", result, GC_ERR_ERROR);
-    return true;
+    return statistics;
 }
 
-std::uint64_t LibCSIWrapper_Impl::GetDeliveredFrames()
-{
-    libcsi_stream_statistics_t statistics{};
-    ReadStatistics(statistics);
-    return statistics.m_nFramesCount;
-}
+std::uint64_t LibCSIWrapper_Impl::GetDeliveredFrames() { return ReadStatistics().m_nFramesCount; }
 
-std::uint64_t LibCSIWrapper_Impl::GetCRCErrorFrames()
-{
-    libcsi_stream_statistics_t statistics{};
-    ReadStatistics(statistics);
-    return statistics.m_nPacketCRCError;
-}
+std::uint64_t LibCSIWrapper_Impl::GetCRCErrorFrames() { return ReadStatistics().m_nPacketCRCError; }
 
-std::uint64_t LibCSIWrapper_Impl::GetUnderrunCount()
-{
-    libcsi_stream_statistics_t statistics{};
-    ReadStatistics(statistics);
-    return statistics.m_nFramesUnderrun;
-}
+std::uint64_t LibCSIWrapper_Impl::GetUnderrunCount() { return ReadStatistics().m_nFramesUnderrun; }
 
-std::uint64_t LibCSIWrapper_Impl::GetIncompleteFrames()
-{
-    libcsi_stream_statistics_t statistics{};
-    ReadStatistics(statistics);
-    return statistics.m_nFramesIncomplete;
-}
+std::uint64_t LibCSIWrapper_Impl::GetIncompleteFrames() { return ReadStatistics().m_nFramesIncomplete; }
 
-double LibCSIWrapper_Impl::GetFrameRate()
-{
-    libcsi_stream_statistics_t statistics{};
-    ReadStatistics(statistics);
-    return statistics.m_dFrameRate;
-}
+double LibCSIWrapper_Impl::GetFrameRate() { return ReadStatistics().m_dFrameRate; }
 
 void LibCSIWrapper_Impl::ResetStatistics()
 {

@@ -96,7 +96,7 @@ public:
 
 private:
     device_handle_t* RequireDevice(const char* message);
-    bool ReadStatistics(libcsi_stream_statistics_t& statistics);
+    libcsi_stream_statistics_t ReadStatistics();
     bool ExtVersion(std::int32_t id, std::string& version);
 
     static void OnDiscovery(void* context, const char* portID, bool available);

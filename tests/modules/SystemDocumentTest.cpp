@@ -3,60 +3,10 @@
 #include "libcsi/OsSeam.h"
 #include "modules/CSILibrary.h"
 #include "sim/VirtualSystem.h"
+#include "tests/AravisDevice.h"
 
 #include <arv.h>
 #include <gtest/gtest.h>
-
-namespace {
-
-QEL::Base::Port* systemPort = nullptr;
-
-}
-
-extern "C" {
-
-struct PortDevice {
-    ArvDevice parent;
-};
-
-struct PortDeviceClass {
-    ArvDeviceClass parent_class;
-};
-
-G_DEFINE_TYPE(PortDevice, port_device, ARV_TYPE_DEVICE)
-
-static gboolean port_device_read_memory(ArvDevice*, guint64 address, guint32 size, void* buffer, GError**)
-{
-    try {
-        std::size_t done = size;
-        systemPort->ReadPort(address, buffer, &done);
-        return done == size;
-    } catch (...) {
-        return FALSE;
-    }
-}
-
-static gboolean port_device_write_memory(ArvDevice*, guint64 address, guint32 size, void* buffer, GError**)
-{
-    try {
-        std::size_t done = size;
-        systemPort->WritePort(address, buffer, &done);
-        return done == size;
-    } catch (...) {
-        return FALSE;
-    }
-}
-
-static void port_device_init(PortDevice*) {}
-
-static void port_device_class_init(PortDeviceClass* klass)
-{
-    ArvDeviceClass* device = ARV_DEVICE_CLASS(klass);
-    device->read_memory = port_device_read_memory;
-    device->write_memory = port_device_write_memory;
-}
-
-}
 
 namespace {
 
@@ -69,10 +19,23 @@ TEST(SystemDocument, FeaturesReadThroughTheSystemPort)
     auto settings = std::make_shared<Settings>("/opt/lorun/lorun_csi2.cti");
     auto library = std::make_shared<CSI::Library>(settings);
     auto system = library->GetSystem();
-    systemPort = system.get();
     const auto& xml = *settings->GetSystemXML()->GetData();
 
-    ArvDevice* device = static_cast<ArvDevice*>(g_object_new(port_device_get_type(), nullptr));
+    // Through the port as GCReadPort and GCWritePort go; a failure is a failed access.
+    auto through = [&](auto access) {
+        return [&system, access](std::uint64_t address, std::uint32_t size, void* buffer) {
+            try {
+                std::size_t done = size;
+                access(*system, address, buffer, &done);
+                return done == size;
+            } catch (...) {
+                return false;
+            }
+        };
+    };
+    ArvDevice* device = AravisTest::NewDevice(
+        {through([](Base::Port& port, std::uint64_t a, void* b, std::size_t* s) { port.ReadPort(a, b, s); }),
+         through([](Base::Port& port, std::uint64_t a, void* b, std::size_t* s) { port.WritePort(a, b, s); })});
     ArvGc* genicam = arv_gc_new(device, xml.data(), xml.size());
     ASSERT_NE(nullptr, genicam);
     GError* error = nullptr;
@@ -104,7 +67,6 @@ TEST(SystemDocument, FeaturesReadThroughTheSystemPort)
 
     g_object_unref(genicam);
     g_object_unref(device);
-    systemPort = nullptr;
     library->Close();
     Os::Install(nullptr);
 }

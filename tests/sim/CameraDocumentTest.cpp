@@ -1,6 +1,7 @@
 // The virtual camera's GenApi document, evaluated by Aravis over a device
 // whose memory reads and writes go through GenCP to the virtual camera.
 #include "SimHarness.h"
+#include "tests/AravisDevice.h"
 
 #include <arv.h>
 
@@ -9,47 +10,24 @@ namespace {
 SimTest::Harness* harness = nullptr;
 int node = -1;
 
-}
-
-extern "C" {
-
-struct SimDevice {
-    ArvDevice parent;
-};
-
-struct SimDeviceClass {
-    ArvDeviceClass parent_class;
-};
-
-G_DEFINE_TYPE(SimDevice, sim_device, ARV_TYPE_DEVICE)
-
-static gboolean sim_device_read_memory(ArvDevice*, guint64 address, guint32 size, void* buffer, GError**)
+bool ReadThroughGenCP(std::uint64_t address, std::uint32_t size, void* buffer)
 {
     auto* out = static_cast<std::uint8_t*>(buffer);
-    for (guint32 done = 0; done < size;) {
-        const auto block = static_cast<std::uint16_t>(std::min<guint32>(1000, size - done));
+    for (std::uint32_t done = 0; done < size;) {
+        const auto block = static_cast<std::uint16_t>(std::min<std::uint32_t>(1000, size - done));
         std::uint16_t status = 0xFFFF;
         auto data = harness->ReadMemory(node, address + done, block, &status);
         if (status != 0 || data.size() != block)
-            return FALSE;
+            return false;
         std::memcpy(out + done, data.data(), block);
         done += block;
     }
-    return TRUE;
+    return true;
 }
 
-static gboolean sim_device_write_memory(ArvDevice*, guint64 address, guint32 size, void* buffer, GError**)
+bool WriteThroughGenCP(std::uint64_t address, std::uint32_t size, void* buffer)
 {
     return harness->WriteMemory(node, address, buffer, size) == 0;
-}
-
-static void sim_device_init(SimDevice*) {}
-
-static void sim_device_class_init(SimDeviceClass* klass)
-{
-    ArvDeviceClass* device = ARV_DEVICE_CLASS(klass);
-    device->read_memory = sim_device_read_memory;
-    device->write_memory = sim_device_write_memory;
 }
 
 }
@@ -65,7 +43,7 @@ protected:
         harness = &h;
         node = h.OpenNode();
         h.EnterGenCPMode(node);
-        device = static_cast<ArvDevice*>(g_object_new(sim_device_get_type(), nullptr));
+        device = AravisTest::NewDevice({ReadThroughGenCP, WriteThroughGenCP});
         const std::string& xml = h.system->GetFirmware(0).GetXML();
         genicam = arv_gc_new(device, xml.data(), xml.size());
         ASSERT_NE(nullptr, genicam);

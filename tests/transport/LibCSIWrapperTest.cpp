@@ -56,7 +56,7 @@ TEST_F(Wrapper, CamerasAreListedWithTheirIdentity)
     EXPECT_TRUE(left.IsGenCPModeSupported());
     EXPECT_FALSE(left.GetPortID().empty());
     EXPECT_NE(left.GetPortID(), table.at(1)->GetPortID());
-    for (std::int32_t id = LibCSI::INFO_Availability; id <= LibCSI::INFO_PortID; ++id)
+    for (std::int32_t id = INFO_Availability; id <= INFO_PortID; ++id)
         EXPECT_TRUE(left.IsValid(static_cast<LibCSI::InfoID>(id))) << "info " << id;
 
     std::shared_ptr<LibCSI::CSIInfo> found;
