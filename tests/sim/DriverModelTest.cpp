@@ -23,6 +23,15 @@ TEST(Description, DefaultsAndRefusals)
     EXPECT_THROW(SystemDescription::FromFile("/nonexistent/cameras.ini"), std::invalid_argument);
 }
 
+TEST(Description, TheShippedExampleDescribesTwoCameras)
+{
+    auto d = SystemDescription::FromFile(LORUN_SOURCE_DIR "/sim/examples/two-cameras.ini");
+    ASSERT_EQ(2u, d.cameras.size());
+    EXPECT_EQ(2592u * 1944u, d.cameras[0].width * d.cameras[0].height);
+    EXPECT_EQ("RGB8", d.cameras[1].pixelFormat);
+    EXPECT_NE(d.cameras[0].guid, d.cameras[1].guid);
+}
+
 TEST(Sysfs, TreeOfTheDriverAndTheI2CClients)
 {
     Harness h;
