@@ -52,6 +52,7 @@ public:
 class Device : public virtual Module, public virtual Port {
 public:
     virtual void Close() = 0;
+    virtual bool IsOpen() const = 0;
     virtual std::shared_ptr<Port> GetPort() = 0;
     virtual std::uint32_t GetNumDataStreams() = 0;
     virtual std::string GetDataStreamID(std::uint32_t index) = 0;

@@ -5,6 +5,7 @@
 #include "framework/InfoFeed.h"
 #include "framework/InfoRegisters.h"
 #include "framework/XMLDescription.h"
+#include "modules/CSIInterface.h"
 #include "modules/CSILibrary.h"
 #include "modules/StaticInterfaceInfo.h"
 #include "support/MutexGuard.h"
@@ -290,8 +291,16 @@ std::shared_ptr<Base::Interface> System::OpenInterface(const std::string& id)
     }
     if (id != interfaceID)
         throw Base::Exception("Invalid interface ID passed.", GC_ERR_INVALID_ID);
-    // The Interface module is not part of this build yet.
-    throw Base::Exception("Interface module not available.", GC_ERR_NOT_IMPLEMENTED);
+    if (interface) {
+        QEL::System::SharedMutexGuard guard(interface);
+        if (interface->IsOpen())
+            throw Base::Exception("Interface already open.", GC_ERR_RESOURCE_IN_USE);
+    }
+    auto created = Interface::Create(settings, GetShared<System>(), driverHandler);
+    if (!created)
+        throw Base::Exception("Could not allocate interface.", GC_ERR_ERROR);
+    interface = created;
+    return interface;
 }
 
 bool System::UpdateInterfaceList(std::uint64_t)

@@ -1,4 +1,5 @@
-// TLOpen and the System family through the built producer, on the virtual camera.
+// TLOpen, the System and Interface families through the built producer, on
+// the virtual camera.
 #include "tests/consumer/ProducerLoader.h"
 
 #include <gtest/gtest.h>
@@ -24,7 +25,9 @@ protected:
     SystemFamily()
     {
         // The copy of the producer picks its backend at its first use of the system.
-        std::ofstream(producer.File("cameras.ini")) << "[camera0]\nguid = CAM-1\nbus_timing = 0\n";
+        std::ofstream(producer.File("cameras.ini"))
+            << "[camera0]\nguid = CAM-1\nserial_number = SN-1\nbus_timing = 0\n"
+            << "[camera1]\nnode = video1\nport = 3\nbus = 3\nguid = CAM-2\nbus_timing = 0\n";
         setenv("LORUN_VIRTUAL_CAMERA", producer.File("cameras.ini").c_str(), 1);
         TLOpen = producer.Symbol<TLOpenFn>("TLOpen");
         TLClose = producer.Symbol<TLCloseFn>("TLClose");
@@ -55,7 +58,7 @@ TEST_F(SystemFamily, OpenListAndClose)
     ASSERT_EQ(GC_ERR_SUCCESS, TLOpen(&tl));
     std::ifstream info(producer.File("libcsi_info.txt"));
     const std::string found((std::istreambuf_iterator<char>(info)), std::istreambuf_iterator<char>());
-    EXPECT_NE(std::string::npos, found.find("1 device(s) found")) << "TLOpen found the virtual camera: " << found;
+    EXPECT_NE(std::string::npos, found.find("2 device(s) found")) << "TLOpen found the virtual camera: " << found;
     TL_HANDLE second = nullptr;
     EXPECT_EQ(GC_ERR_RESOURCE_IN_USE, TLOpen(&second));
     EXPECT_EQ("System already open.", producer.LastError().second);
@@ -95,6 +98,49 @@ TEST_F(SystemFamily, OpenListAndClose)
     ASSERT_EQ(GC_ERR_SUCCESS, TLClose(tl));
     EXPECT_EQ(GC_ERR_INVALID_HANDLE, TLGetNumInterfaces(tl, &count)) << "the handle died with the System";
     ASSERT_EQ(GC_ERR_SUCCESS, TLOpen(&tl)) << "a closed System is replaced";
+    EXPECT_EQ(GC_ERR_SUCCESS, TLClose(tl));
+}
+
+TEST_F(SystemFamily, TheInterfaceListsTheCameras)
+{
+    using TLOpenInterfaceFn = GC_ERROR (*)(TL_HANDLE, const char*, IF_HANDLE*);
+    using IFUpdateDeviceListFn = GC_ERROR (*)(IF_HANDLE, bool8_t*, uint64_t);
+    using IFGetNumDevicesFn = GC_ERROR (*)(IF_HANDLE, uint32_t*);
+    using IFGetDeviceIDFn = GC_ERROR (*)(IF_HANDLE, uint32_t, char*, size_t*);
+    using IFGetDeviceInfoFn = GC_ERROR (*)(IF_HANDLE, const char*, DEVICE_INFO_CMD, INFO_DATATYPE*, void*, size_t*);
+    using IFCloseFn = GC_ERROR (*)(IF_HANDLE);
+    auto TLOpenInterface = producer.Symbol<TLOpenInterfaceFn>("TLOpenInterface");
+    auto IFUpdateDeviceList = producer.Symbol<IFUpdateDeviceListFn>("IFUpdateDeviceList");
+    auto IFGetNumDevices = producer.Symbol<IFGetNumDevicesFn>("IFGetNumDevices");
+    auto IFGetDeviceID = producer.Symbol<IFGetDeviceIDFn>("IFGetDeviceID");
+    auto IFGetDeviceInfo = producer.Symbol<IFGetDeviceInfoFn>("IFGetDeviceInfo");
+    auto IFClose = producer.Symbol<IFCloseFn>("IFClose");
+
+    TL_HANDLE tl = nullptr;
+    ASSERT_EQ(GC_ERR_SUCCESS, TLOpen(&tl));
+    IF_HANDLE interface = nullptr;
+    ASSERT_EQ(GC_ERR_SUCCESS, TLOpenInterface(tl, "LorunCSIInterface_0x0", &interface)) << "no list update needed";
+    uint32_t count = 0;
+    EXPECT_EQ(GC_ERR_NOT_AVAILABLE, IFGetNumDevices(interface, &count));
+    char text[256] = {};
+    size_t size = sizeof text;
+    INFO_DATATYPE type = 0;
+    ASSERT_EQ(GC_ERR_SUCCESS, IFGetDeviceInfo(interface, "SN-1", DEVICE_INFO_ID, &type, text, &size));
+    EXPECT_STREQ("DEV_CAM-1", text) << "a serial number finds the device";
+    bool8_t changed = 0;
+    ASSERT_EQ(GC_ERR_SUCCESS, IFUpdateDeviceList(interface, &changed, 100));
+    EXPECT_EQ(1, changed);
+    ASSERT_EQ(GC_ERR_SUCCESS, IFGetNumDevices(interface, &count));
+    EXPECT_EQ(2u, count);
+    size = sizeof text;
+    ASSERT_EQ(GC_ERR_SUCCESS, IFGetDeviceID(interface, 1, text, &size));
+    EXPECT_STREQ("DEV_CAM-2", text);
+    int32_t status = 0;
+    size = sizeof status;
+    ASSERT_EQ(GC_ERR_SUCCESS, IFGetDeviceInfo(interface, "DEV_CAM-2", DEVICE_INFO_ACCESS_STATUS, &type, &status, &size));
+    EXPECT_EQ(DEVICE_ACCESS_STATUS_READWRITE, status);
+    EXPECT_EQ(INFO_DATATYPE_INT32, type);
+    ASSERT_EQ(GC_ERR_SUCCESS, IFClose(interface));
     EXPECT_EQ(GC_ERR_SUCCESS, TLClose(tl));
 }
 

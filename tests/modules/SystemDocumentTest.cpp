@@ -1,7 +1,8 @@
-// The System module's document, evaluated by Aravis over a device whose
-// memory is the System's port.
+// The documents of the System and Interface modules, evaluated by Aravis
+// over a device whose memory is the module's port.
 #include "libcsi/OsSeam.h"
 #include "modules/CSILibrary.h"
+#include "modules/CSISystem.h"
 #include "sim/VirtualSystem.h"
 #include "tests/AravisDevice.h"
 
@@ -12,6 +13,26 @@ namespace {
 
 using namespace QEL;
 
+// An Aravis device whose memory is a module's port, as GCReadPort and
+// GCWritePort reach it; a failure is a failed access.
+ArvDevice* DeviceOver(Base::Port& port)
+{
+    auto through = [&port](auto access) {
+        return [&port, access](std::uint64_t address, std::uint32_t size, void* buffer) {
+            try {
+                std::size_t done = size;
+                access(port, address, buffer, &done);
+                return done == size;
+            } catch (...) {
+                return false;
+            }
+        };
+    };
+    return AravisTest::NewDevice(
+        {through([](Base::Port& p, std::uint64_t a, void* b, std::size_t* s) { p.ReadPort(a, b, s); }),
+         through([](Base::Port& p, std::uint64_t a, void* b, std::size_t* s) { p.WritePort(a, b, s); })});
+}
+
 TEST(SystemDocument, FeaturesReadThroughTheSystemPort)
 {
     Os::Install(std::make_shared<Sim::VirtualSystem>(
@@ -21,21 +42,7 @@ TEST(SystemDocument, FeaturesReadThroughTheSystemPort)
     auto system = library->GetSystem();
     const auto& xml = *settings->GetSystemXML()->GetData();
 
-    // Through the port as GCReadPort and GCWritePort go; a failure is a failed access.
-    auto through = [&](auto access) {
-        return [&system, access](std::uint64_t address, std::uint32_t size, void* buffer) {
-            try {
-                std::size_t done = size;
-                access(*system, address, buffer, &done);
-                return done == size;
-            } catch (...) {
-                return false;
-            }
-        };
-    };
-    ArvDevice* device = AravisTest::NewDevice(
-        {through([](Base::Port& port, std::uint64_t a, void* b, std::size_t* s) { port.ReadPort(a, b, s); }),
-         through([](Base::Port& port, std::uint64_t a, void* b, std::size_t* s) { port.WritePort(a, b, s); })});
+    ArvDevice* device = DeviceOver(*system);
     ArvGc* genicam = arv_gc_new(device, xml.data(), xml.size());
     ASSERT_NE(nullptr, genicam);
     GError* error = nullptr;
@@ -65,6 +72,45 @@ TEST(SystemDocument, FeaturesReadThroughTheSystemPort)
                  arv_gc_string_get_value(ARV_GC_STRING(node("InterfaceDisplayName")), &error));
     ASSERT_EQ(nullptr, error);
 
+    g_object_unref(genicam);
+    g_object_unref(device);
+    library->Close();
+    Os::Install(nullptr);
+}
+
+TEST(InterfaceDocument, TheDeviceListThroughTheInterfacePort)
+{
+    Os::Install(std::make_shared<Sim::VirtualSystem>(Sim::SystemDescription::FromText(
+        "[camera0]\nguid = CAM-A\nmodel = Alpha\nbus_timing = 0\n"
+        "[camera1]\nnode = video1\nport = 3\nbus = 3\nguid = CAM-B\nmodel = Beta\nbus_timing = 0\n")));
+    auto settings = std::make_shared<Settings>("/opt/lorun/lorun_csi2.cti");
+    auto library = std::make_shared<CSI::Library>(settings);
+    auto system = library->GetSystem();
+    auto interface = system->OpenInterface("LorunCSIInterface_0x0");
+    const auto& xml = *settings->GetInterfaceXML()->GetData();
+    ArvDevice* device = DeviceOver(*interface);
+    ArvGc* genicam = arv_gc_new(device, xml.data(), xml.size());
+    ASSERT_NE(nullptr, genicam);
+    GError* error = nullptr;
+    auto node = [&](const char* name) {
+        ArvGcNode* found = arv_gc_get_node(genicam, name);
+        EXPECT_NE(nullptr, found) << name;
+        return found;
+    };
+    EXPECT_STREQ("LorunCSIInterface_0x0", arv_gc_string_get_value(ARV_GC_STRING(node("InterfaceID")), &error));
+    EXPECT_EQ(8, arv_gc_enumeration_get_int_value(ARV_GC_ENUMERATION(node("InterfaceType")), &error));
+    EXPECT_EQ(0, arv_gc_integer_get_value(ARV_GC_INTEGER(node("DeviceListUpdatedReg")), &error));
+    ASSERT_EQ(nullptr, error);
+    arv_gc_command_execute(ARV_GC_COMMAND(node("DeviceUpdateList")), &error);
+    ASSERT_EQ(nullptr, error);
+    EXPECT_EQ(2, arv_gc_integer_get_value(ARV_GC_INTEGER(node("DeviceCount")), &error));
+    EXPECT_EQ(1, arv_gc_integer_get_value(ARV_GC_INTEGER(node("MaxDeviceIndex")), &error));
+    arv_gc_integer_set_value(ARV_GC_INTEGER(node("DeviceSelector")), 1, &error);
+    ASSERT_EQ(nullptr, error);
+    EXPECT_STREQ("DEV_CAM-B", arv_gc_string_get_value(ARV_GC_STRING(node("DeviceID")), &error));
+    EXPECT_STREQ("Beta", arv_gc_string_get_value(ARV_GC_STRING(node("DeviceModelName")), &error));
+    EXPECT_STREQ("ReadWrite", arv_gc_enumeration_get_string_value(ARV_GC_ENUMERATION(node("DeviceAccessStatus")), &error));
+    ASSERT_EQ(nullptr, error);
     g_object_unref(genicam);
     g_object_unref(device);
     library->Close();
