@@ -16,6 +16,17 @@ using GCGetInfoFn = GC_ERROR (*)(TL_INFO_CMD, INFO_DATATYPE*, void*, size_t*);
 using GCGetLastErrorFn = GC_ERROR (*)(GC_ERROR*, char*, size_t*);
 using GCInitLibFn = GC_ERROR (*)();
 using GCCloseLibFn = GC_ERROR (*)();
+using TLOpenFn = GC_ERROR (*)(TL_HANDLE*);
+using TLCloseFn = GC_ERROR (*)(TL_HANDLE);
+using TLUpdateInterfaceListFn = GC_ERROR (*)(TL_HANDLE, bool8_t*, uint64_t);
+using TLGetNumInterfacesFn = GC_ERROR (*)(TL_HANDLE, uint32_t*);
+using TLGetInterfaceIDFn = GC_ERROR (*)(TL_HANDLE, uint32_t, char*, size_t*);
+using TLOpenInterfaceFn = GC_ERROR (*)(TL_HANDLE, const char*, IF_HANDLE*);
+using IFCloseFn = GC_ERROR (*)(IF_HANDLE);
+using IFUpdateDeviceListFn = GC_ERROR (*)(IF_HANDLE, bool8_t*, uint64_t);
+using IFGetNumDevicesFn = GC_ERROR (*)(IF_HANDLE, uint32_t*);
+using IFGetDeviceIDFn = GC_ERROR (*)(IF_HANDLE, uint32_t, char*, size_t*);
+using IFGetDeviceInfoFn = GC_ERROR (*)(IF_HANDLE, const char*, DEVICE_INFO_CMD, INFO_DATATYPE*, void*, size_t*);
 
 struct Producer {
     void* library = nullptr;
@@ -128,9 +139,100 @@ int ShowInfo(const std::string& path)
     return 0;
 }
 
+// A text answer of a two-call GenTL getter: first the size, then the text.
+template <class Call>
+std::string TextOf(const Producer& producer, Call call)
+{
+    size_t size = 0;
+    if (call(static_cast<char*>(nullptr), &size) != GC_ERR_SUCCESS)
+        return "<" + producer.LastError() + ">";
+    std::vector<char> text(size + 1, 0);
+    if (call(text.data(), &size) != GC_ERR_SUCCESS)
+        return "<" + producer.LastError() + ">";
+    return text.data();
+}
+
+// Opens the transport layer and each interface, and prints every camera in it.
+int ShowDevices(const std::string& path)
+{
+    Producer producer;
+    if (!producer.Load(path))
+        return 1;
+    TLOpenFn tlOpen;
+    TLCloseFn tlClose;
+    TLUpdateInterfaceListFn tlUpdate;
+    TLGetNumInterfacesFn tlCount;
+    TLGetInterfaceIDFn tlInterfaceID;
+    TLOpenInterfaceFn tlOpenInterface;
+    IFCloseFn ifClose;
+    IFUpdateDeviceListFn ifUpdate;
+    IFGetNumDevicesFn ifCount;
+    IFGetDeviceIDFn ifDeviceID;
+    IFGetDeviceInfoFn ifDeviceInfo;
+    if (!producer.Resolve("TLOpen", tlOpen) || !producer.Resolve("TLClose", tlClose) ||
+        !producer.Resolve("TLUpdateInterfaceList", tlUpdate) || !producer.Resolve("TLGetNumInterfaces", tlCount) ||
+        !producer.Resolve("TLGetInterfaceID", tlInterfaceID) || !producer.Resolve("TLOpenInterface", tlOpenInterface) ||
+        !producer.Resolve("IFClose", ifClose) || !producer.Resolve("IFUpdateDeviceList", ifUpdate) ||
+        !producer.Resolve("IFGetNumDevices", ifCount) || !producer.Resolve("IFGetDeviceID", ifDeviceID) ||
+        !producer.Resolve("IFGetDeviceInfo", ifDeviceInfo))
+        return 1;
+    if (producer.initLib() != GC_ERR_SUCCESS) {
+        std::fprintf(stderr, "GCInitLib failed: %s\n", producer.LastError().c_str());
+        return 1;
+    }
+    TL_HANDLE tl = nullptr;
+    uint32_t interfaces = 0;
+    if (tlOpen(&tl) != GC_ERR_SUCCESS || tlUpdate(tl, nullptr, 1000) != GC_ERR_SUCCESS ||
+        tlCount(tl, &interfaces) != GC_ERR_SUCCESS) {
+        std::fprintf(stderr, "Could not open the transport layer: %s\n", producer.LastError().c_str());
+        producer.closeLib();
+        return 1;
+    }
+    int result = 0;
+    for (uint32_t i = 0; i < interfaces; ++i) {
+        const std::string interfaceID =
+            TextOf(producer, [&](char* text, size_t* size) { return tlInterfaceID(tl, i, text, size); });
+        IF_HANDLE interface = nullptr;
+        uint32_t devices = 0;
+        if (tlOpenInterface(tl, interfaceID.c_str(), &interface) != GC_ERR_SUCCESS ||
+            ifUpdate(interface, nullptr, 1000) != GC_ERR_SUCCESS || ifCount(interface, &devices) != GC_ERR_SUCCESS) {
+            std::fprintf(stderr, "Could not list interface %s: %s\n", interfaceID.c_str(), producer.LastError().c_str());
+            result = 1;
+            continue;
+        }
+        std::printf("Interface %s: %u device(s)\n", interfaceID.c_str(), devices);
+        std::printf("%-36s %-28s %-28s %-16s %s\n", "ID", "Vendor", "Model", "Serial number", "Access");
+        for (uint32_t d = 0; d < devices; ++d) {
+            const std::string id =
+                TextOf(producer, [&](char* text, size_t* size) { return ifDeviceID(interface, d, text, size); });
+            auto info = [&](DEVICE_INFO_CMD command) {
+                return TextOf(producer, [&](char* text, size_t* size) {
+                    INFO_DATATYPE type = 0;
+                    return ifDeviceInfo(interface, id.c_str(), command, &type, text, size);
+                });
+            };
+            int32_t access = 0;
+            size_t size = sizeof access;
+            INFO_DATATYPE type = 0;
+            const bool known =
+                ifDeviceInfo(interface, id.c_str(), DEVICE_INFO_ACCESS_STATUS, &type, &access, &size) == GC_ERR_SUCCESS;
+            const char* accessText = !known ? "?" : access == DEVICE_ACCESS_STATUS_READWRITE ? "read/write"
+                                                : access == DEVICE_ACCESS_STATUS_NOACCESS    ? "no access"
+                                                                                             : "other";
+            std::printf("%-36s %-28s %-28s %-16s %s\n", id.c_str(), info(DEVICE_INFO_VENDOR).c_str(),
+                        info(DEVICE_INFO_MODEL).c_str(), info(DEVICE_INFO_SERIAL_NUMBER).c_str(), accessText);
+        }
+        ifClose(interface);
+    }
+    tlClose(tl);
+    producer.closeLib();
+    return result;
+}
+
 void Usage()
 {
-    std::fprintf(stderr, "Usage: lorun-gentl info PRODUCER.cti\n");
+    std::fprintf(stderr, "Usage: lorun-gentl info PRODUCER.cti\n"
+                         "       lorun-gentl devices PRODUCER.cti\n");
 }
 
 }
@@ -139,6 +241,8 @@ int main(int argc, char** argv)
 {
     if (argc == 3 && std::strcmp(argv[1], "info") == 0)
         return ShowInfo(argv[2]);
+    if (argc == 3 && std::strcmp(argv[1], "devices") == 0)
+        return ShowDevices(argv[2]);
     Usage();
     return 2;
 }
