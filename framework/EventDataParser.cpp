@@ -101,12 +101,27 @@ InfoPtr Interpret(const SystemChangeEventData& record,
     return std::make_shared<UInt32Info>(record.value);
 }
 
+InfoPtr Interpret(const BufferData& record, EVENT_DATA_INFO_CMD cmd)
+{
+    switch (cmd) {
+    case EVENT_DATA_ID:
+        return std::make_shared<PtrInfo>(record.bufferHandle);
+    case EVENT_DATA_VALUE:
+        return std::make_shared<PtrInfo>(record.userPointer);
+    case EVENT_DATA_NUMID:
+        return std::make_shared<UInt64Info>(reinterpret_cast<std::uintptr_t>(record.bufferHandle));
+    default:
+        Unsupported();
+    }
+}
+
 std::size_t MaxInfoSize(const ErrorData*) { return 513; }
 std::size_t MaxInfoSize(const FeatureInvalidateData*) { return 65; }
 std::size_t MaxInfoSize(const FeatureChangeData*) { return 257; }
 std::size_t MaxInfoSize(const DeviceEventData<256>*) { return 256; }
 std::size_t MaxInfoSize(const InterfaceChangeEventData<256>*) { return 257; }
 std::size_t MaxInfoSize(const SystemChangeEventData*) { return 4; }
+std::size_t MaxInfoSize(const BufferData*) { return 8; }
 
 }
 
@@ -138,5 +153,6 @@ template class BasicEventDataParser<FeatureChangeData>;
 template class BasicEventDataParser<DeviceEventData<256>>;
 template class BasicEventDataParser<InterfaceChangeEventData<256>>;
 template class BasicEventDataParser<SystemChangeEventData>;
+template class BasicEventDataParser<BufferData>;
 
 } }

@@ -1,0 +1,617 @@
+#include "framework/BasicBufferQueue.h"
+
+#include "entry/BaseException.h"
+#include "support/MutexGuard.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace QEL { namespace Base {
+
+namespace {
+
+using QEL::System::SharedMutexGuard;
+
+// The commands a buffer answers itself; a stream channel cannot supply them.
+bool IsInternalInfo(BUFFER_INFO_CMD cmd)
+{
+    switch (cmd) {
+    case BUFFER_INFO_BASE:
+    case BUFFER_INFO_SIZE:
+    case BUFFER_INFO_USER_PTR:
+    case BUFFER_INFO_NEW_DATA:
+    case BUFFER_INFO_IS_QUEUED:
+    case BUFFER_INFO_IS_ACQUIRING:
+    case BUFFER_INFO_IS_INCOMPLETE:
+    case BUFFER_INFO_TLTYPE:
+    case BUFFER_INFO_IMAGEPRESENT:
+    case BasicBufferQueue::BundleInfo:
+        return true;
+    default:
+        return false;
+    }
+}
+
+void CheckSupportedInfos(const SupportedBufferInfos& supported)
+{
+    if (std::any_of(supported.begin(), supported.end(), IsInternalInfo))
+        throw Exception("Infos that are only for internal use have been passed.", GC_ERR_INVALID_PARAMETER);
+}
+
+// A fixed-size value of a stream channel's info as a number, whatever its width.
+std::uint64_t NumericValue(const Info& info)
+{
+    std::uint64_t value = 0;
+    std::size_t size = info.GetSize();
+    if (size > sizeof(value))
+        throw Exception("Could not retrieve info.", GC_ERR_ERROR);
+    info.Read(&value, &size);
+    return value;
+}
+
+[[noreturn]] void NotInDeliveredPool()
+{
+    throw Exception("Buffer is not in the delivered pool.", GC_ERR_BUSY);
+}
+
+}
+
+// ---- InternalBuffer ----
+
+BasicBufferQueue::InternalBuffer::InternalBuffer(const BasicBufferQueue* owner, const std::string& tlType, void* base,
+                                                 std::size_t size, void* userPointer,
+                                                 const SupportedBufferInfos& supportedInfos,
+                                                 std::shared_ptr<QEL::System::Buffer> allocation)
+    : owner(owner), allocation(std::move(allocation)), base(base), size(size), userPointer(userPointer),
+      supportedInfos(supportedInfos), tlType(tlType)
+{
+    if (!owner)
+        throw Exception("No owner passed.", GC_ERR_INVALID_PARAMETER);
+    if (!base)
+        throw Exception("No data passed.", GC_ERR_INVALID_PARAMETER);
+    if (size == 0)
+        throw Exception("Invalid size passed.", GC_ERR_INVALID_PARAMETER);
+    CheckSupportedInfos(supportedInfos);
+    try {
+        infos = std::make_shared<const BufferInfos>();
+    } catch (const std::bad_alloc&) {
+        throw Exception("Could not allocate buffer infos.", GC_ERR_ERROR);
+    }
+    InitializeModule();
+}
+
+void BasicBufferQueue::InternalBuffer::CheckAvailable() const
+{
+    if (!base)
+        throw Exception("Buffer is not available.", GC_ERR_INVALID_HANDLE);
+}
+
+void BasicBufferQueue::InternalBuffer::SetState(State newState)
+{
+    CheckAvailable();
+    state = newState;
+}
+
+bool BasicBufferQueue::InternalBuffer::Overlaps(const std::uint8_t* first, std::size_t length) const
+{
+    const auto newFirst = reinterpret_cast<std::uintptr_t>(first);
+    const auto newLast = newFirst + (length - 1);
+    const auto oldFirst = reinterpret_cast<std::uintptr_t>(base);
+    const auto oldLast = oldFirst + (size - 1);
+    return newFirst <= oldLast && oldFirst <= newLast;
+}
+
+void* BasicBufferQueue::InternalBuffer::GetBase() const
+{
+    CheckAvailable();
+    return base;
+}
+
+std::size_t BasicBufferQueue::InternalBuffer::GetSize() const
+{
+    CheckAvailable();
+    return size;
+}
+
+void* BasicBufferQueue::InternalBuffer::GetUserPointer() const
+{
+    CheckAvailable();
+    return userPointer;
+}
+
+void BasicBufferQueue::InternalBuffer::SetInfos(const std::shared_ptr<const BufferInfos>& newInfos,
+                                                bool isIncomplete, bool hasImage)
+{
+    CheckAvailable();
+    if (state != Acquiring)
+        throw Exception("Cannot set infos unless in acquisition state.", GC_ERR_ACCESS_DENIED);
+    if (!newInfos)
+        throw Exception("No infos passed.", GC_ERR_INVALID_PARAMETER);
+    for (const auto& entry : *newInfos) {
+        if (!entry.second)
+            throw Exception("Invalid infos passed.", GC_ERR_INVALID_PARAMETER);
+        if (supportedInfos.count(entry.first) == 0)
+            throw Exception("Unsupported infos passed.", GC_ERR_INVALID_PARAMETER);
+    }
+    infos = newInfos;
+    incomplete = isIncomplete;
+    imagePresent = hasImage;
+    newData = true;
+}
+
+std::vector<std::uint8_t> BasicBufferQueue::InternalBuffer::MakeBundle() const
+{
+    std::vector<std::uint8_t> bundle(BundleSize, 0);
+    std::uint64_t available = 0x7 | (0x1Full << 5);
+    auto put = [&](std::size_t offset, const void* value, std::size_t width) {
+        std::memcpy(bundle.data() + offset, value, width);
+    };
+    auto put64 = [&](std::size_t offset, std::uint64_t value) { put(offset, &value, 8); };
+    put64(8, reinterpret_cast<std::uintptr_t>(base));
+    put64(16, size);
+    put64(24, reinterpret_cast<std::uintptr_t>(userPointer));
+    const std::uint32_t flags = (newData ? 1u : 0u) | ((state == Queued || state == Output) ? 2u : 0u) |
+                                (state == Acquiring ? 4u : 0u) | (incomplete ? 8u : 0u) | (imagePresent ? 16u : 0u);
+    put(48, &flags, 4);
+
+    // Fields that the stream channel supplies: offset, width, bit of `available`, info.
+    struct Field {
+        std::size_t offset;
+        std::size_t width;
+        unsigned bit;
+        BUFFER_INFO_CMD cmd;
+    };
+    static const Field fields[] = {
+        {32, 8, 3, BUFFER_INFO_TIMESTAMP},       {40, 8, 4, BUFFER_INFO_FRAMEID},
+        {52, 4, 10, 1002},                        {56, 8, 11, BUFFER_INFO_SIZE_FILLED},
+        {64, 8, 12, BUFFER_INFO_WIDTH},           {72, 8, 13, BUFFER_INFO_HEIGHT},
+        {80, 8, 14, BUFFER_INFO_XOFFSET},         {88, 8, 15, BUFFER_INFO_YOFFSET},
+        {96, 8, 16, BUFFER_INFO_XPADDING},        {104, 8, 17, BUFFER_INFO_YPADDING},
+        {112, 8, 18, BUFFER_INFO_IMAGEOFFSET},    {120, 8, 19, 1000},
+        {128, 8, 20, BUFFER_INFO_PAYLOADTYPE},    {136, 8, 21, BUFFER_INFO_PIXELFORMAT},
+        {144, 8, 22, BUFFER_INFO_PIXELFORMAT_NAMESPACE}, {152, 8, 23, BUFFER_INFO_DELIVERED_IMAGEHEIGHT},
+        {160, 8, 24, BUFFER_INFO_DELIVERED_CHUNKPAYLOADSIZE}, {168, 8, 25, BUFFER_INFO_CHUNKLAYOUTID}};
+    for (const Field& field : fields) {
+        auto it = infos->find(field.cmd);
+        if (it == infos->end() || !it->second)
+            continue;
+        const std::uint64_t value = NumericValue(*it->second);
+        put(field.offset, &value, field.width);
+        available |= 1ull << field.bit;
+    }
+    put64(0, available);
+    return bundle;
+}
+
+InfoPtr BasicBufferQueue::InternalBuffer::GetInfo(BUFFER_INFO_CMD cmd)
+{
+    CheckAvailable();
+    try {
+        switch (cmd) {
+        case BUFFER_INFO_BASE:
+            return std::make_shared<PtrInfo>(base);
+        case BUFFER_INFO_SIZE:
+            return std::make_shared<SizeTInfo>(size);
+        case BUFFER_INFO_USER_PTR:
+            return std::make_shared<PtrInfo>(userPointer);
+        case BUFFER_INFO_NEW_DATA:
+            return std::make_shared<Bool8Info>(newData);
+        case BUFFER_INFO_IS_QUEUED:
+            return std::make_shared<Bool8Info>(state == Queued || state == Output);
+        case BUFFER_INFO_IS_ACQUIRING:
+            return std::make_shared<Bool8Info>(state == Acquiring);
+        case BUFFER_INFO_IS_INCOMPLETE:
+            return std::make_shared<Bool8Info>(incomplete);
+        case BUFFER_INFO_TLTYPE:
+            return std::make_shared<StringInfo>(tlType);
+        case BUFFER_INFO_IMAGEPRESENT:
+            return std::make_shared<Bool8Info>(imagePresent);
+        case BundleInfo: {
+            const auto bundle = MakeBundle();
+            return std::make_shared<BufferInfo>(bundle.data(), bundle.size());
+        }
+        default:
+            break;
+        }
+    } catch (const std::bad_alloc&) {
+        throw Exception("Could not allocate info.", GC_ERR_ERROR);
+    }
+    auto it = infos->find(cmd);
+    if (it == infos->end()) {
+        if (supportedInfos.count(cmd) != 0)
+            throw Exception("Unavailable info requested.", GC_ERR_NOT_AVAILABLE);
+        throw Exception("Unsupported info requested.", GC_ERR_NOT_IMPLEMENTED);
+    }
+    if (!it->second)
+        throw Exception("Could not retrieve info.", GC_ERR_ERROR);
+    if (cmd == BUFFER_INFO_PAYLOADTYPE)
+        return std::make_shared<SizeTInfo>(static_cast<std::size_t>(NumericValue(*it->second)));
+    if (cmd == BUFFER_INFO_CONTAINS_CHUNKDATA)
+        return std::make_shared<Bool8Info>(NumericValue(*it->second) != 0);
+    return it->second;
+}
+
+std::size_t BasicBufferQueue::InternalBuffer::GetInfoSize(BUFFER_INFO_CMD cmd, INFO_DATATYPE* type)
+{
+    const InfoPtr info = GetInfo(cmd);
+    if (!info)
+        throw Exception("Could not get data stream buffer info.", GC_ERR_ERROR);
+    if (type)
+        *type = info->GetType();
+    return info->GetSize();
+}
+
+void BasicBufferQueue::InternalBuffer::Release(void** baseOut, void** userPointerOut)
+{
+    if (state != Delivered)
+        throw Exception("Buffer is not in the delivered pool.", GC_ERR_ACCESS_DENIED);
+    if (baseOut)
+        *baseOut = allocation ? nullptr : base;
+    if (userPointerOut)
+        *userPointerOut = userPointer;
+    allocation.reset();
+    base = nullptr;
+    size = 0;
+    userPointer = nullptr;
+}
+
+// ---- BasicBufferQueue ----
+
+BasicBufferQueue::BasicBufferQueue(const std::string& tlType, const SupportedBufferInfos& supportedInfos,
+                                   std::shared_ptr<QEL::System::Allocator> allocator)
+    : allocator(std::move(allocator)), tlType(tlType), supportedInfos(supportedInfos)
+{
+    CheckSupportedInfos(supportedInfos);
+    try {
+        parser = std::make_shared<BasicEventDataParser<BufferData>>();
+        if (!this->allocator)
+            this->allocator = std::make_shared<QEL::System::BasicAllocator>();
+    } catch (const std::bad_alloc&) {
+        throw Exception("Could not allocate buffer queue.", GC_ERR_ERROR);
+    }
+}
+
+BasicBufferQueue::~BasicBufferQueue()
+{
+    // Whoever still holds a buffer finds it unavailable; producer memory goes now.
+    for (const BufferPtr& buffer : announced) {
+        try {
+            SharedMutexGuard guard(buffer->GetMutex());
+            buffer->state = Delivered;
+            buffer->Release(nullptr, nullptr);
+        } catch (...) {
+        }
+    }
+}
+
+BasicBufferQueue::BufferPtr BasicBufferQueue::CheckBuffer(const std::shared_ptr<Buffer>& buffer) const
+{
+    if (!buffer)
+        throw Exception("No buffer passed.", GC_ERR_INVALID_PARAMETER);
+    auto internal = std::dynamic_pointer_cast<InternalBuffer>(buffer);
+    // A buffer of another data stream is as foreign here as any other object.
+    if (!internal || internal->owner != this)
+        throw Exception("Invalid buffer passed.", GC_ERR_INVALID_BUFFER);
+    return internal;
+}
+
+bool BasicBufferQueue::BelongsToQueue(const std::shared_ptr<Buffer>& buffer) const
+{
+    auto internal = std::dynamic_pointer_cast<InternalBuffer>(buffer);
+    return internal && internal->owner == this &&
+           std::find(announced.begin(), announced.end(), internal) != announced.end();
+}
+
+BasicBufferQueue::BufferPtr BasicBufferQueue::AnnounceBuffer(void* base, std::size_t size, void* userPointer)
+{
+    if (announced.empty())
+        producerAllocated = false;
+    else if (producerAllocated)
+        throw Exception("Cannot mix consumer allocated and producer allocated buffers.", GC_ERR_ERROR);
+    BufferPtr buffer;
+    try {
+        buffer = std::make_shared<InternalBuffer>(this, tlType, base, size, userPointer, supportedInfos);
+    } catch (const std::bad_alloc&) {
+        throw Exception("Could not allocate buffer.", GC_ERR_ERROR);
+    }
+    return AddBuffer(std::move(buffer));
+}
+
+BasicBufferQueue::BufferPtr BasicBufferQueue::AllocateBuffer(std::size_t size, void* userPointer)
+{
+    if (announced.empty())
+        producerAllocated = true;
+    else if (!producerAllocated)
+        throw Exception("Cannot mix consumer allocated and producer allocated buffers.", GC_ERR_ERROR);
+    if (size == 0)
+        throw Exception("Invalid size passed.", GC_ERR_INVALID_PARAMETER);
+    if (!allocator)
+        throw Exception("No allocator passed.", GC_ERR_INVALID_PARAMETER);
+    std::shared_ptr<QEL::System::Buffer> memory;
+    try {
+        memory = allocator->Allocate(size);
+    } catch (const std::bad_alloc&) {
+    }
+    if (!memory)
+        throw Exception("Could not allocate buffer.", GC_ERR_ERROR);
+    if (!memory->GetData())
+        throw Exception("Could not get allocated buffer data.", GC_ERR_ERROR);
+    BufferPtr buffer;
+    try {
+        buffer = std::make_shared<InternalBuffer>(this, tlType, memory->GetData(), size, userPointer, supportedInfos,
+                                                  memory);
+    } catch (const std::bad_alloc&) {
+        throw Exception("Could not allocate buffer.", GC_ERR_ERROR);
+    }
+    return AddBuffer(std::move(buffer));
+}
+
+BasicBufferQueue::BufferPtr BasicBufferQueue::AddBuffer(BufferPtr buffer)
+{
+    const auto* first = static_cast<const std::uint8_t*>(buffer->base);
+    for (const BufferPtr& old : announced) {
+        SharedMutexGuard guard(old->GetMutex());
+        if (old->Overlaps(first, buffer->size))
+            throw Exception("Cannot announce one memory block twice.", GC_ERR_RESOURCE_IN_USE);
+    }
+    announced.push_back(buffer);
+    try {
+        deliveredPool.insert(buffer);
+    } catch (...) {
+        announced.pop_back();
+        throw;
+    }
+    buffer->state = Delivered;
+    return buffer;
+}
+
+BasicBufferQueue::BufferPtr BasicBufferQueue::GetBufferByIndex(std::uint32_t index) const
+{
+    if (index >= announced.size())
+        throw Exception("Buffer index out of range.", GC_ERR_INVALID_INDEX);
+    return announced[index];
+}
+
+std::size_t BasicBufferQueue::GetSmallestBufferSize() const
+{
+    if (announced.empty())
+        throw Exception("No buffers available.", GC_ERR_NOT_AVAILABLE);
+    std::size_t smallest = announced.front()->size;
+    for (const BufferPtr& buffer : announced)
+        smallest = std::min(smallest, buffer->size);
+    return smallest;
+}
+
+void BasicBufferQueue::QueueBuffer(const std::shared_ptr<Buffer>& buffer)
+{
+    BufferPtr internal = CheckBuffer(buffer);
+    SharedMutexGuard guard(internal->GetMutex());
+    internal->CheckAvailable();
+    if (deliveredPool.erase(internal) == 0)
+        NotInDeliveredPool();
+    inputQueue.push_back(internal);
+    if (internal->state == Delivered)
+        internal->newData = false;
+    internal->SetState(Queued);
+    Fire(inputSignal);
+}
+
+void BasicBufferQueue::RevokeBuffer(const std::shared_ptr<Buffer>& buffer, void** base, void** userPointer)
+{
+    BufferPtr internal = CheckBuffer(buffer);
+    SharedMutexGuard guard(internal->GetMutex());
+    if (deliveredPool.erase(internal) == 0)
+        NotInDeliveredPool();
+    announced.erase(std::remove(announced.begin(), announced.end(), internal), announced.end());
+    internal->Release(base, userPointer);
+}
+
+void BasicBufferQueue::Fire(DataSignal& signal)
+{
+    signal();
+}
+
+void BasicBufferQueue::CheckNoneInUse(bool acquisitionToo) const
+{
+    if (usedCount != 0)
+        throw Exception("Cannot flush used buffers from input queue.", GC_ERR_NOT_AVAILABLE);
+    if (acquisitionToo && acquisitionBuffer)
+        throw Exception("Cannot flush buffers used for acquisition.", GC_ERR_NOT_AVAILABLE);
+}
+
+void BasicBufferQueue::FlushQueue(ACQ_QUEUE_TYPE operation)
+{
+    if (operation < ACQ_QUEUE_INPUT_TO_OUTPUT || operation > ACQ_QUEUE_ALL_DISCARD)
+        throw Exception("Invalid operation passed.", GC_ERR_INVALID_PARAMETER);
+    if (operation == ACQ_QUEUE_INPUT_TO_OUTPUT || operation == ACQ_QUEUE_ALL_DISCARD)
+        CheckNoneInUse(operation == ACQ_QUEUE_ALL_DISCARD);
+
+    std::size_t moved = 0;
+    auto toDelivered = [&](const BufferPtr& buffer) {
+        SharedMutexGuard guard(buffer->GetMutex());
+        buffer->SetState(Delivered);
+        deliveredPool.insert(buffer);
+        ++moved;
+    };
+    auto toInput = [&](const BufferPtr& buffer) {
+        SharedMutexGuard guard(buffer->GetMutex());
+        if (buffer->state == Delivered)
+            buffer->newData = false;
+        buffer->SetState(Queued);
+        inputQueue.push_back(buffer);
+        ++moved;
+    };
+    // Each buffer leaves its place only after it has arrived in the new one,
+    // so an exception half way leaves every buffer in exactly one place.
+    auto drainQueue = [](auto& from, auto move) {
+        while (!from.empty()) {
+            move(from.front());
+            from.pop_front();
+        }
+    };
+    auto drainSet = [](std::set<BufferPtr>& from, auto move) {
+        while (!from.empty()) {
+            BufferPtr buffer = *from.begin();
+            from.erase(from.begin());
+            try {
+                move(buffer);
+            } catch (...) {
+                from.insert(buffer);
+                throw;
+            }
+        }
+    };
+
+    DataSignal* signal = nullptr;
+    try {
+        switch (operation) {
+        case ACQ_QUEUE_INPUT_TO_OUTPUT:
+            signal = &dataSignal;
+            drainQueue(inputQueue, [&](const BufferPtr& buffer) {
+                SharedMutexGuard guard(buffer->GetMutex());
+                buffer->SetState(Output);
+                outputQueue.push_back(buffer);
+                ++moved;
+            });
+            break;
+        case ACQ_QUEUE_OUTPUT_DISCARD:
+            drainQueue(outputQueue, toDelivered);
+            break;
+        case ACQ_QUEUE_ALL_TO_INPUT:
+            signal = &inputSignal;
+            drainSet(deliveredPool, toInput);
+            drainQueue(outputQueue, toInput);
+            break;
+        case ACQ_QUEUE_UNQUEUED_TO_INPUT:
+            signal = &inputSignal;
+            drainSet(deliveredPool, toInput);
+            break;
+        case ACQ_QUEUE_ALL_DISCARD:
+            drainQueue(inputQueue, toDelivered);
+            drainQueue(outputQueue, toDelivered);
+            break;
+        }
+    } catch (...) {
+        if (signal && moved != 0)
+            Fire(*signal);
+        throw;
+    }
+    if (signal && moved != 0)
+        Fire(*signal);
+}
+
+void BasicBufferQueue::Flush()
+{
+    while (!outputQueue.empty()) {
+        const BufferPtr& buffer = outputQueue.front();
+        {
+            SharedMutexGuard guard(buffer->GetMutex());
+            buffer->state = Delivered;
+            deliveredPool.insert(buffer);
+        }
+        outputQueue.pop_front();
+    }
+}
+
+void BasicBufferQueue::RevokeAll()
+{
+    FlushQueue(ACQ_QUEUE_ALL_DISCARD);
+    for (const BufferPtr& buffer : announced) {
+        SharedMutexGuard guard(buffer->GetMutex());
+        buffer->Release(nullptr, nullptr);
+    }
+    announced.clear();
+    deliveredPool.clear();
+}
+
+InfoPtr BasicBufferQueue::GetBufferInfo(const std::shared_ptr<Buffer>& buffer, BUFFER_INFO_CMD cmd)
+{
+    BufferPtr internal = CheckBuffer(buffer);
+    SharedMutexGuard guard(internal->GetMutex());
+    return internal->GetInfo(cmd);
+}
+
+std::size_t BasicBufferQueue::GetBufferInfoSize(const std::shared_ptr<Buffer>& buffer, BUFFER_INFO_CMD cmd,
+                                                INFO_DATATYPE* type)
+{
+    BufferPtr internal = CheckBuffer(buffer);
+    SharedMutexGuard guard(internal->GetMutex());
+    return internal->GetInfoSize(cmd, type);
+}
+
+void BasicBufferQueue::GetData(void* data, std::size_t* size)
+{
+    if (outputQueue.empty())
+        throw Exception("No buffer in the output queue.", GC_ERR_ERROR);
+    BufferPtr buffer = outputQueue.front();
+    SharedMutexGuard guard(buffer->GetMutex());
+    if (data) {
+        if (!size)
+            throw Exception("No size passed.", GC_ERR_INVALID_PARAMETER);
+        if (*size < sizeof(BufferData))
+            throw Exception("Data size too small.", GC_ERR_BUFFER_TOO_SMALL);
+        BufferData record;
+        record.bufferHandle = reinterpret_cast<void*>(static_cast<std::uintptr_t>(Handleable::GetHandle(buffer)));
+        record.userPointer = buffer->userPointer;
+        std::memcpy(data, &record, sizeof(record));
+    }
+    if (size)
+        *size = sizeof(BufferData);
+    deliveredPool.insert(buffer);
+    outputQueue.pop_front();
+    buffer->SetState(Delivered);
+    ++deliveredCount;
+}
+
+BasicBufferQueue::BufferPtr BasicBufferQueue::TakeFromInputQueue()
+{
+    if (inputQueue.empty())
+        return nullptr;
+    BufferPtr buffer = inputQueue.front();
+    usedPool.insert(buffer);
+    inputQueue.pop_front();
+    ++usedCount;
+    return buffer;
+}
+
+void BasicBufferQueue::ReturnToInputQueue(const std::shared_ptr<Buffer>& buffer)
+{
+    BufferPtr internal = CheckBuffer(buffer);
+    if (usedPool.count(internal) == 0)
+        throw Exception("Buffer is not in the used buffers pool.", GC_ERR_INVALID_PARAMETER);
+    inputQueue.push_front(internal);
+    usedPool.erase(internal);
+    --usedCount;
+}
+
+void BasicBufferQueue::BeginAcquisition(const std::shared_ptr<Buffer>& buffer)
+{
+    BufferPtr internal = CheckBuffer(buffer);
+    if (usedPool.count(internal) == 0)
+        throw Exception("Buffer cannot be used for acquisition.", GC_ERR_INVALID_BUFFER);
+    if (acquisitionBuffer)
+        throw Exception("Already a buffer used for acquisition.", GC_ERR_NOT_AVAILABLE);
+    SharedMutexGuard guard(internal->GetMutex());
+    internal->SetState(Acquiring);
+    acquisitionBuffer = internal;
+    usedPool.erase(internal);
+    --usedCount;
+}
+
+void BasicBufferQueue::FinishAcquisition(const std::shared_ptr<Buffer>& buffer)
+{
+    BufferPtr internal = CheckBuffer(buffer);
+    if (internal != acquisitionBuffer)
+        throw Exception("Buffer is not used for acquisition.", GC_ERR_INVALID_PARAMETER);
+    {
+        SharedMutexGuard guard(internal->GetMutex());
+        internal->SetState(Output);
+        outputQueue.push_back(internal);
+    }
+    acquisitionBuffer.reset();
+    ++finishedCount;
+    Fire(dataSignal);
+}
+
+} }
