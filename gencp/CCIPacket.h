@@ -31,6 +31,7 @@ public:
     void Seal();
     bool HasValidCrc() const;
     const std::vector<std::uint8_t>& GetBytes() const { return bytes; }
+    std::uint8_t* GetData() { return bytes.data(); }
 
 private:
     void Put16(std::size_t at, std::uint16_t value)

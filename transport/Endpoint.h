@@ -1,0 +1,83 @@
+#pragma once
+
+#include "support/Condition.h"
+#include "support/Mutex.h"
+#include "support/Object.h"
+#include "transport/ChannelTransfer.h"
+#include "transport/Descriptors.h"
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <thread>
+
+namespace QEL { namespace LibCSI {
+
+class Device;
+class LibCSIWrapper_Impl;
+
+// A numbered channel of one opened camera: 0 control out, 1 control in,
+// 2 stream, 3 event, 4 and 5 debug. Control traffic is served by a
+// synchronous libcsi call in the caller's thread; the endpoint's own thread
+// only hands the completions on, one at a time and in order.
+class Endpoint : public virtual System::Object, public std::enable_shared_from_this<Endpoint> {
+public:
+    // libcsi's status word and the bytes done.
+    using Completion = std::function<void(std::uint32_t status, std::uint32_t bytesDone)>;
+
+    static std::shared_ptr<Endpoint> Open(const std::shared_ptr<Device>& device, std::uint32_t number);
+    ~Endpoint() override;
+
+    std::uint32_t GetNumber() const { return number; }
+    const std::shared_ptr<LibCSIWrapper_Impl>& GetWrapper() const { return wrapper; }
+    const std::shared_ptr<Device>& GetDevice() const { return device; }
+    bool IsRunning() const;
+    // Packets of the camera's GenCP window.
+    std::uint32_t GetMaxPacketSize() const;
+
+    void Submit(void* buffer, std::size_t size, Completion completion);
+    // Event buffers wait here until the camera sends an event.
+    void SubmitEvent(void* buffer, std::size_t size, Completion completion);
+    void AbortEvents();
+    void EnqueueEvent(const void* data, std::size_t size);
+    std::uint64_t GetDroppedFrames() const;
+
+private:
+    struct Transfer {
+        void* buffer = nullptr;
+        std::size_t size = 0;
+        std::uint32_t bytesLeft = 0;
+        std::uint32_t bytesDone = 0;
+        std::uint32_t status = TransferPending;
+        Completion completion;
+    };
+    enum State : std::int32_t { Running = 0, StopRequested = 1, Stopped = 2 };
+
+    Endpoint(const std::shared_ptr<Device>& device, std::uint32_t number);
+    void Start();
+    void Run();
+    static void OnStreamChannelEvent(lib_channel_transfer* transfer);
+    static void OnEventChannelEvent(lib_channel_transfer* transfer);
+    static void OnDebugChannelEvent(lib_channel_transfer* transfer);
+
+    std::shared_ptr<Device> device;
+    std::shared_ptr<LibCSIWrapper_Impl> wrapper;
+    const std::uint32_t number;
+    EndpointDescriptor descriptor;
+
+    mutable System::Mutex mutex;
+    System::Condition condition;
+    State state = Stopped;
+    std::deque<std::shared_ptr<Transfer>> transfers;
+
+    mutable System::Mutex eventMutex;
+    std::deque<std::shared_ptr<Transfer>> eventTransfers;
+
+    // The record through which libcsi reaches this endpoint's channel.
+    std::shared_ptr<lib_channel_transfer> channelRecord;
+    std::uint64_t droppedFrames = 0;
+    std::thread thread;
+};
+
+} }
