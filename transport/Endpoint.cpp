@@ -100,8 +100,8 @@ void Endpoint::Run()
         std::shared_ptr<Transfer> transfer = transfers.front();
         transfers.pop_front();
         guard.Release();
-        const std::uint32_t status = transfer->status;
-        const std::uint32_t done = status == 0 ? transfer->bytesDone : 0;
+        const std::uint32_t status = transfer->control.status;
+        const std::uint32_t done = status == 0 ? transfer->control.bytesDone : 0;
         try {
             transfer->completion(status, done);
         } catch (...) {
@@ -116,7 +116,7 @@ void Endpoint::Run()
     condition.Broadcast();
     guard.Release();
     for (const auto& transfer : left)
-        transfer->completion(transfer->status, transfer->status == 0 ? transfer->bytesDone : 0);
+        transfer->completion(transfer->control.status, transfer->control.status == 0 ? transfer->control.bytesDone : 0);
 }
 
 void Endpoint::Submit(void* buffer, std::size_t size, Completion completion)
@@ -128,14 +128,8 @@ void Endpoint::Submit(void* buffer, std::size_t size, Completion completion)
         throw System::Exception("Invalid size passed.");
     if (state != Running)
         throw System::Exception("Endpoint not running anymore.");
-    auto transfer = std::make_shared<Transfer>();
-    transfer->buffer = buffer;
-    transfer->size = size;
-    transfer->completion = std::move(completion);
-    ControlTransfer control;
-    control.buffer = buffer;
-    control.size = static_cast<std::uint32_t>(size);
-    control.bytesLeft = control.size;
+    auto transfer = MakeTransfer(buffer, size, std::move(completion));
+    ControlTransfer& control = transfer->control;
     if (number == CONTROL_CHANNEL_IN)
         wrapper->ReadControlAnswer(control);
     else
@@ -144,13 +138,20 @@ void Endpoint::Submit(void* buffer, std::size_t size, Completion completion)
         throw System::Exception(
             (boost::format("Could not submit transfer (Reason: %1%).") % static_cast<std::int32_t>(control.status))
                 .str());
-    transfer->status = control.status;
-    transfer->bytesDone = control.bytesDone;
-    transfer->bytesLeft = control.bytesLeft;
     const bool wasEmpty = transfers.empty();
     transfers.push_back(transfer);
     if (wasEmpty)
         condition.Broadcast();
+}
+
+std::shared_ptr<Endpoint::Transfer> Endpoint::MakeTransfer(void* buffer, std::size_t size, Completion completion)
+{
+    auto transfer = std::make_shared<Transfer>();
+    transfer->control.buffer = buffer;
+    transfer->control.size = static_cast<std::uint32_t>(size);
+    transfer->control.bytesLeft = transfer->control.size;
+    transfer->completion = std::move(completion);
+    return transfer;
 }
 
 void Endpoint::SubmitEvent(void* buffer, std::size_t size, Completion completion)
@@ -161,10 +162,7 @@ void Endpoint::SubmitEvent(void* buffer, std::size_t size, Completion completion
         throw System::Exception("Invalid size passed.");
     if (!IsRunning())
         throw System::Exception("Endpoint not running anymore.");
-    auto transfer = std::make_shared<Transfer>();
-    transfer->buffer = buffer;
-    transfer->size = size;
-    transfer->completion = std::move(completion);
+    auto transfer = MakeTransfer(buffer, size, std::move(completion));
     MutexGuard guard(&eventMutex);
     eventTransfers.push_back(transfer);
 }
@@ -196,8 +194,8 @@ void Endpoint::EnqueueEvent(const void* data, std::size_t size)
         Library::MediaLog("Endpoint::EnqueueEvent Transfer not found or found Transfer = NULL");
         return;
     }
-    if (data && size <= transfer->size) {
-        std::memcpy(transfer->buffer, data, size);
+    if (data && size <= transfer->control.size) {
+        std::memcpy(transfer->control.buffer, data, size);
         transfer->completion(0, static_cast<std::uint32_t>(size));
     } else {
         transfer->completion(TransferFailed, 0);

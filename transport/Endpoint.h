@@ -45,11 +45,7 @@ public:
 
 private:
     struct Transfer {
-        void* buffer = nullptr;
-        std::size_t size = 0;
-        std::uint32_t bytesLeft = 0;
-        std::uint32_t bytesDone = 0;
-        std::uint32_t status = TransferPending;
+        ControlTransfer control;
         Completion completion;
     };
     enum State : std::int32_t { Running = 0, StopRequested = 1, Stopped = 2 };
@@ -57,6 +53,7 @@ private:
     Endpoint(const std::shared_ptr<Device>& device, std::uint32_t number);
     void Start();
     void Run();
+    static std::shared_ptr<Transfer> MakeTransfer(void* buffer, std::size_t size, Completion completion);
     static void OnStreamChannelEvent(lib_channel_transfer* transfer);
     static void OnEventChannelEvent(lib_channel_transfer* transfer);
     static void OnDebugChannelEvent(lib_channel_transfer* transfer);
