@@ -349,17 +349,17 @@ std::uint64_t ControlChannel::GetCurrentSpeed()
     if (!(cachedFlags & CachedSpeed)) {
         const std::uint32_t code = outHandler->GetLinkSpeed();
         switch (code) {
-        case 0: linkSpeedCode = 0x3333; break;
-        case 1: linkSpeedCode = 0xCCCC; break;
-        case 2: linkSpeedCode = 0x20000; break;
-        case 4: linkSpeedCode = 0x6CCCC; break;
-        case 8: linkSpeedCode = 0xA0000; break;
+        case 0: currentSpeed = 0x3333; break;
+        case 1: currentSpeed = 0xCCCC; break;
+        case 2: currentSpeed = 0x20000; break;
+        case 4: currentSpeed = 0x6CCCC; break;
+        case 8: currentSpeed = 0xA0000; break;
         default: Fail("Invalid device speed found.");
         }
         cachedFlags |= CachedSpeed;
     }
-    Log((boost::format("ControlChannel::GetCurrentSpeed: Current link speed: %1%") % linkSpeedCode).str());
-    return static_cast<std::uint64_t>(linkSpeedCode);
+    Log((boost::format("ControlChannel::GetCurrentSpeed: Current link speed: %1%") % currentSpeed).str());
+    return currentSpeed;
 }
 
 // ---- SBRM and SIRM ----

@@ -85,7 +85,7 @@ private:
     std::uint64_t sirmAddress = 0;
     std::uint32_t sirmLength = 0;
     std::uint32_t deviceLaneMask = 0;
-    std::int32_t linkSpeedCode = -1;
+    std::uint64_t currentSpeed = 0;
 };
 
 } }
