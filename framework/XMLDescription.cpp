@@ -2,6 +2,7 @@
 
 #include "entry/BaseException.h"
 #include "support/Sha1.h"
+#include "support/XMLFile.h"
 
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/trim.hpp>
@@ -359,6 +360,19 @@ std::shared_ptr<XMLDescription> CreateXMLDescription(const std::string& url, con
     return CreateByScheme(url, [&](auto* kind) -> std::shared_ptr<XMLDescription> {
         return std::make_shared<std::remove_pointer_t<decltype(kind)>>(FromURL{}, url, schema, file);
     });
+}
+
+std::shared_ptr<RegisterXMLDescription> RegisterXMLDescription::ForModule(const std::shared_ptr<XMLFile>& xml,
+                                                                         const std::string& documentName,
+                                                                         std::uint64_t address, const char* missingText)
+{
+    if (!xml)
+        throw Exception(missingText, GC_ERR_ERROR);
+    const std::string fileName =
+        xml->IsFile() ? boost::filesystem::path(xml->GetFileName()).filename().string()
+                      : (boost::format("%1%_%2%.xml") % documentName % xml->GetFileVersion().ToString('_')).str();
+    return std::make_shared<RegisterXMLDescription>(fileName, address, xml->GetData(), xml->GetSchemaVersion(),
+                                                    xml->GetFileVersion());
 }
 
 } }

@@ -4,6 +4,8 @@
 #include "framework/XMLRegister.h"
 #include "support/Version.h"
 
+namespace QEL { class XMLFile; }
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -60,6 +62,12 @@ public:
                            const Tools::Version& schemaVersion, const Tools::Version& fileVersion);
     // Parses a local: URL; the versions, when given, win over the URL's.
     explicit RegisterXMLDescription(const std::string& url);
+
+    // A module's own document at `address`: a file from the settings keeps its
+    // name, the built-in one is named `<documentName>_<file version>.xml`.
+    static std::shared_ptr<RegisterXMLDescription> ForModule(const std::shared_ptr<XMLFile>& xml,
+                                                             const std::string& documentName, std::uint64_t address,
+                                                             const char* missingText);
     RegisterXMLDescription(FromURL, const std::string& url, const Tools::Version& schemaVersion,
                            const std::optional<Tools::Version>& fileVersion);
 

@@ -156,14 +156,8 @@ void Interface::Initialize()
         throw Base::Exception("Could not allocate interface change event adapter.", GC_ERR_ERROR);
     InitializeModule();
 
-    const auto& xml = settings->GetInterfaceXML();
-    if (!xml)
-        throw Base::Exception("No interface XML file available.", GC_ERR_ERROR);
-    const std::string fileName =
-        xml->IsFile() ? boost::filesystem::path(xml->GetFileName()).filename().string()
-                      : (boost::format("%1%_%2%.xml") % "Lorun_Interface" % xml->GetFileVersion().ToString('_')).str();
-    AddXMLDescription(std::make_shared<Base::RegisterXMLDescription>(fileName, XmlAddress, xml->GetData(),
-                                                                     xml->GetSchemaVersion(), xml->GetFileVersion()));
+    AddXMLDescription(Base::RegisterXMLDescription::ForModule(settings->GetInterfaceXML(), "Lorun_Interface", XmlAddress,
+                                                              "No interface XML file available."));
     AddRegisters();
     InitializePort();
     open = true;

@@ -93,14 +93,8 @@ void System::Initialize()
     }
     InitializeModule();
 
-    const auto& xml = settings->GetSystemXML();
-    if (!xml)
-        throw Base::Exception("No system XML file available.", GC_ERR_ERROR);
-    const std::string fileName =
-        xml->IsFile() ? boost::filesystem::path(xml->GetFileName()).filename().string()
-                      : (boost::format("%1%_%2%.xml") % "Lorun_System" % xml->GetFileVersion().ToString('_')).str();
-    AddXMLDescription(std::make_shared<Base::RegisterXMLDescription>(fileName, XmlAddress, xml->GetData(),
-                                                                     xml->GetSchemaVersion(), xml->GetFileVersion()));
+    AddXMLDescription(Base::RegisterXMLDescription::ForModule(settings->GetSystemXML(), "Lorun_System", XmlAddress,
+                                                              "No system XML file available."));
     AddRegisters();
     InitializePort();
     open = true;
