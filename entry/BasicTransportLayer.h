@@ -1,8 +1,8 @@
 #pragma once
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "entry/ErrorHandler.h"
-#include "entry/Handleable.h"
+#include "framework/Handleable.h"
 #include "entry/LibraryState.h"
 #include "entry/TransportLayer.h"
 #include "framework/BaseLibrary.h"

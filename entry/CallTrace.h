@@ -1,6 +1,6 @@
 #pragma once
 
-#include "entry/GenTL.h"
+#include "base/GenTL.h"
 #include "entry/TransportLayer.h"
 
 #include <cstdint>

@@ -1,7 +1,7 @@
 // The exported GenTL functions: each one fetches the transport layer, traces
 // itself and hands the call on unchanged. Nothing may throw across this file.
 #include "entry/CallTrace.h"
-#include "entry/GenTL.h"
+#include "base/GenTL.h"
 #include "entry/TransportLayerHandler.h"
 
 namespace {

@@ -1,6 +1,6 @@
 #include "entry/LibraryState.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 
 namespace QEL { namespace Base {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/Object.h"
+#include "base/Object.h"
 
 #include <condition_variable>
 #include <cstddef>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "entry/GenTL.h"
-#include "support/Object.h"
+#include "base/GenTL.h"
+#include "base/Object.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,6 @@
 #include "entry/TransportLayerHandler.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "support/StaticData.h"
 
 #include <dlfcn.h>

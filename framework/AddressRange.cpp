@@ -1,6 +1,6 @@
 #include "framework/AddressRange.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 
 namespace QEL { namespace Base {
 

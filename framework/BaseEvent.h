@@ -1,8 +1,8 @@
 #pragma once
 
-#include "entry/GenTL.h"
-#include "entry/Handleable.h"
-#include "entry/Info.h"
+#include "base/GenTL.h"
+#include "framework/Handleable.h"
+#include "base/Info.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "entry/Info.h"
+#include "base/Info.h"
 #include "framework/BaseRoles.h"
 #include "support/Lockable.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "entry/GenTL.h"
-#include "entry/Handleable.h"
+#include "base/GenTL.h"
+#include "framework/Handleable.h"
 #include "framework/BaseEvent.h"
 
 #include <memory>

@@ -1,6 +1,6 @@
 #include "framework/BasicBufferQueue.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "support/MutexGuard.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "framework/BasicEventQueue.h"
 #include "framework/GenericEventSlot.h"
 #include "support/MutexGuard.h"

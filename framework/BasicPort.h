@@ -1,6 +1,7 @@
 #pragma once
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
+#include "framework/BasePort.h"
 #include "framework/PortInfo.h"
 #include "framework/RegisterMap.h"
 #include "framework/XMLDescription.h"

@@ -1,6 +1,6 @@
 #include "framework/EventDataParser.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 
 #include <boost/format.hpp>
 

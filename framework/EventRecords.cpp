@@ -1,6 +1,6 @@
 #include "framework/EventRecords.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,6 +1,6 @@
 #include "framework/GenericEvent.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "support/Logger.h"
 #include "support/MutexGuard.h"
 

@@ -1,6 +1,6 @@
 #include "framework/GenericEventSlot.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "support/MutexGuard.h"
 
 #include <boost/signals2/shared_connection_block.hpp>

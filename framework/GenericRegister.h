@@ -1,6 +1,6 @@
 #pragma once
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "framework/Register.h"
 #include "support/Signal.h"
 

@@ -1,8 +1,8 @@
 #pragma once
 
 // Fills an info register from one of its module's info commands at each read.
-#include "entry/BaseException.h"
-#include "entry/Info.h"
+#include "base/BaseException.h"
+#include "base/Info.h"
 
 #include <functional>
 #include <memory>

@@ -1,6 +1,6 @@
 #include "framework/PortInfo.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "framework/Register.h"
 
 #include <boost/algorithm/string/case_conv.hpp>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "entry/Info.h"
+#include "base/Info.h"
 #include "framework/XMLDescription.h"
 
 #include <cstdint>

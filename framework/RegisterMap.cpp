@@ -1,6 +1,6 @@
 #include "framework/RegisterMap.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 #include "framework/StringRegister.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 
 #include <cstring>
 #include <new>

@@ -1,6 +1,6 @@
 #include "framework/XMLDescription.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "support/Sha1.h"
 #include "support/XMLFile.h"
 

@@ -1,6 +1,6 @@
 #include "gencp/CCIPacket.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "gencp/Crc32.h"
 
 #include <new>

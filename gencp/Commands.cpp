@@ -1,6 +1,6 @@
 #include "gencp/Commands.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 
 #include <cstring>
 

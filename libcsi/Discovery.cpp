@@ -53,7 +53,9 @@ void WriteInfoFile(const Library& library)
     std::FILE* file = std::fopen(TheConfig().PathOf("libcsi_info.txt").c_str(), "w+");
     if (!file)
         return;
-    std::fprintf(file, "libcsi version: %d.%d.%d.%d\n", 1, 1, 0, 0);
+    std::uint32_t version[4];
+    GetVersion(version);
+    std::fprintf(file, "libcsi version: %u.%u.%u.%u\n", version[0], version[1], version[2], version[3]);
     std::fprintf(file, "%lu device(s) found:\n", static_cast<unsigned long>(library.devices.size()));
     for (std::size_t i = 0; i < library.devices.size(); ++i) {
         const Device& d = *library.devices[i];

@@ -4,9 +4,12 @@
 #include "libcsi/Device.h"
 #include "libcsi/Log.h"
 
+#include "Versions.h"
+
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -120,6 +123,20 @@ void Library::AddReport(const std::string& text)
     reportCondition.notify_all();
 }
 
+namespace {
+
+std::uint32_t buildNumber = 0;
+
+}
+
+void GetVersion(std::uint32_t (&version)[4])
+{
+    version[0] = LIBCSI_VERSION_MAJOR;
+    version[1] = LIBCSI_VERSION_MINOR;
+    version[2] = LIBCSI_VERSION_PATCH;
+    version[3] = buildNumber;
+}
+
 } }
 
 using namespace QEL::LibCSIImpl;
@@ -130,10 +147,9 @@ int32_t libcsi_get_version(uint32_t* pVersion)
 {
     if (!pVersion)
         return LIBCSI_INVALID_PARAMETER;
-    pVersion[0] = 1;
-    pVersion[1] = 1;
-    pVersion[2] = 0;
-    pVersion[3] = 0;
+    std::uint32_t version[4];
+    GetVersion(version);
+    std::copy(version, version + 4, pVersion);
     return LIBCSI_OK;
 }
 
@@ -142,7 +158,10 @@ int32_t libcsi_init(void)
     try {
         std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
         LIBCSI_LOG(TierTrace, "%s()\n", __func__);
-        LIBCSI_LOG(TierTrace, " libcsi version 1.1.0.0, for driver release 1.0.8 and BCRM release 1.1.10\n");
+        std::uint32_t version[4];
+        GetVersion(version);
+        LIBCSI_LOG(TierTrace, " libcsi version %u.%u.%u.%u, for driver release 1.0.8 and BCRM release 1.1.10\n", version[0],
+                   version[1], version[2], version[3]);
         utsname system{};
         if (::uname(&system) == 0)
             LIBCSI_LOG(TierTrace, " %s %s %s %s %s\n", system.sysname, system.nodename, system.release, system.version,

@@ -61,6 +61,10 @@ struct Library {
 
 // The library mutex: held for the body of nearly every exported function.
 std::recursive_mutex& LibraryMutex();
+
+// The four version words: major, minor, patch from the build, and the build
+// word, a process-wide variable that stays 0.
+void GetVersion(std::uint32_t (&version)[4]);
 // The singleton, or null while the library is closed.
 std::shared_ptr<Library> CurrentLibrary();
 

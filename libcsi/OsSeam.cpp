@@ -1,8 +1,5 @@
 #include "libcsi/OsSeam.h"
 
-#include "libcsi/include/libcsi/qel_csi2_driver.h"
-#include "sim/VirtualSystem.h"
-
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -10,8 +7,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
@@ -46,49 +41,13 @@ public:
     }
 };
 
-// A real CSI-2 driver on this machine rules the virtual camera out.
-bool RealDriverPresent()
-{
-    RealSystem real;
-    for (const std::string& entry : real.ListDirectory("/sys/class/video4linux")) {
-        std::string path = "/sys/class/video4linux/" + entry + "/if_name";
-        if (FILE* file = std::fopen(path.c_str(), "r")) {
-            char name[64] = {};
-            bool matches = std::fgets(name, sizeof name, file) && strncasecmp(name, QEL_CSI2_INTERFACE_NAME, 11) == 0;
-            std::fclose(file);
-            if (matches)
-                return true;
-        }
-    }
-    return false;
-}
-
-}
-
-std::shared_ptr<Backend> ChooseBackend(const char* description)
-{
-    if (!description || !*description)
-        return nullptr;
-    if (RealDriverPresent()) {
-        std::fprintf(stderr, "LORUN_VIRTUAL_CAMERA ignored: a real CSI-2 driver is present.\n");
-        return nullptr;
-    }
-    try {
-        return Sim::VirtualSystem::FromFile(description);
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "LORUN_VIRTUAL_CAMERA ignored: %s\n", e.what());
-        return nullptr;
-    }
-}
-
-namespace {
-
 std::mutex installLock;
 std::shared_ptr<Backend> installed;
 // Backends that were replaced stay alive: a thread may still be inside one.
 std::vector<std::shared_ptr<Backend>> retired;
 std::atomic<Backend*> current{nullptr};
 std::once_flag chosen;
+std::atomic<BackendChooser> chooser{nullptr};
 
 }
 
@@ -103,11 +62,17 @@ Backend& Current()
     std::call_once(chosen, [] {
         std::lock_guard<std::mutex> lock(installLock);
         if (!current.load()) {
-            installed = ChooseBackend(std::getenv("LORUN_VIRTUAL_CAMERA"));
+            if (BackendChooser choose = chooser.load())
+                installed = choose();
             current.store(installed ? installed.get() : &RealBackend());
         }
     });
     return *current.load(std::memory_order_acquire);
+}
+
+void RegisterBackendChooser(BackendChooser choose)
+{
+    chooser.store(choose);
 }
 
 void Install(std::shared_ptr<Backend> backend)

@@ -3,6 +3,7 @@
 // The one road from libcsi to the operating system. The default backend is
 // the real system; the virtual camera is a second backend.
 #include <sys/select.h>
+#include <sys/time.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -30,14 +31,15 @@ public:
 // The real system calls.
 Backend& RealBackend();
 
-// The backend in force. Chosen once, at first use: the virtual camera when
-// the environment variable LORUN_VIRTUAL_CAMERA names a camera description
-// file and no real CSI-2 driver is present; the real system otherwise.
-Backend& Current();
+// Picks the backend at first use from the process's configuration; returns
+// null to stay on the real system. Layers above libcsi (the virtual camera)
+// register one when they are loaded; the seam itself knows none of them.
+using BackendChooser = std::shared_ptr<Backend> (*)();
+void RegisterBackendChooser(BackendChooser chooser);
 
-// The virtual camera for the description file at `path`, or null when none
-// is to be used: no path, a real CSI-2 driver present, or an unusable file.
-std::shared_ptr<Backend> ChooseBackend(const char* path);
+// The backend in force: chosen once, at first use, by the registered
+// chooser; the real system when there is none or it declines.
+Backend& Current();
 
 // For tests: put a backend in force, or with null go back to the real system.
 void Install(std::shared_ptr<Backend> backend);

@@ -1,6 +1,6 @@
 #include "modules/CSILibrary.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "modules/CSISystem.h"
 #include "support/MutexGuard.h"
 

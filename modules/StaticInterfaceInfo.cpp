@@ -1,6 +1,6 @@
 #include "modules/StaticInterfaceInfo.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 
 #include <boost/format.hpp>
 

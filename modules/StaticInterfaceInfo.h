@@ -1,7 +1,7 @@
 #pragma once
 
-#include "entry/GenTL.h"
-#include "entry/Info.h"
+#include "base/GenTL.h"
+#include "base/Info.h"
 
 namespace QEL { namespace CSI {
 

@@ -1,11 +1,12 @@
 #include "sim/CameraFirmware.h"
 
-#include "gencp/Crc32.h"
 #include "sim/CameraMap.h"
 #include "sim/CameraXML.h"
 #include "sim/TextEncoding.h"
 #include "libcsi/include/libcsi/qel_csi2_driver.h"
 #include "support/Sha1.h"
+
+#include <boost/crc.hpp>
 
 #include <algorithm>
 #include <cerrno>
@@ -16,7 +17,13 @@ namespace QEL { namespace Sim {
 
 using namespace CameraMap;
 
-std::uint32_t GenCPCrc32(const std::uint8_t* data, std::size_t size) { return Base::GenCP::Crc32(data, size); }
+// The camera computes its CRC itself: reflected CRC-32 without the final inversion.
+std::uint32_t GenCPCrc32(const std::uint8_t* data, std::size_t size)
+{
+    boost::crc_optimal<32, 0x04C11DB7u, 0xFFFFFFFFu, 0u, true, true> crc;
+    crc.process_bytes(data, size);
+    return crc.checksum();
+}
 
 namespace {
 

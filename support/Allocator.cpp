@@ -1,6 +1,6 @@
 #include "support/Allocator.h"
 
-#include "support/Exception.h"
+#include "base/Exception.h"
 
 #include <new>
 

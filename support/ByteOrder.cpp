@@ -1,6 +1,6 @@
 #include "support/ByteOrder.h"
 
-#include "support/Exception.h"
+#include "base/Exception.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/Exception.h"
+#include "base/Exception.h"
 #include "support/Mutex.h"
 
 #include <condition_variable>

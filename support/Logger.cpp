@@ -1,6 +1,6 @@
 #include "support/Logger.h"
 
-#include "support/Exception.h"
+#include "base/Exception.h"
 #include "support/StaticData.h"
 
 #include <sys/time.h>

@@ -1,6 +1,6 @@
 #include "support/Mutex.h"
 
-#include "support/Exception.h"
+#include "base/Exception.h"
 
 namespace QEL { namespace System {
 

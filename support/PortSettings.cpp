@@ -1,6 +1,6 @@
 #include "support/PortSettings.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 
 namespace QEL {
 

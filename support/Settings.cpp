@@ -1,6 +1,6 @@
 #include "support/Settings.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "support/EmbeddedDocuments.h"
 #include "support/SettingsValues.h"
 

@@ -1,9 +1,11 @@
 #pragma once
 
-#include "support/Object.h"
+#include "base/Object.h"
 #include "support/PortSettings.h"
 #include "support/Version.h"
 #include "support/XMLFile.h"
+
+#include "Versions.h"
 
 #include <cstdint>
 #include <map>
@@ -78,7 +80,7 @@ private:
     bool appendLog = false;
     std::string logFileName;
     std::string mediaLogFileName;
-    Tools::Version version{1, 0, 1};
+    Tools::Version version{LORUN_PRODUCER_VERSION_MAJOR, LORUN_PRODUCER_VERSION_MINOR, LORUN_PRODUCER_VERSION_PATCH};
     bool tolerateTypeNullptr = false;
     bool emulateAccessModes = false;
     std::string debugFilesFolder;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/trim.hpp>

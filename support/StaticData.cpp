@@ -1,6 +1,6 @@
 #include "support/StaticData.h"
 
-#include "support/Exception.h"
+#include "base/Exception.h"
 
 #include <condition_variable>
 #include <map>

@@ -1,6 +1,6 @@
 #include "support/Version.h"
 
-#include "support/Exception.h"
+#include "base/Exception.h"
 
 #include <boost/algorithm/string/split.hpp>
 #include <boost/algorithm/string/classification.hpp>

@@ -1,6 +1,6 @@
 #include "support/XMLFile.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "support/SettingsValues.h"
 
 #include <boost/algorithm/string/case_conv.hpp>

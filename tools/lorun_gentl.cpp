@@ -1,5 +1,5 @@
 // Loads a GenTL producer (.cti) by path, exactly as a consumer does, and shows what it reports.
-#include "entry/GenTL.h"
+#include "base/GenTL.h"
 
 #include <dlfcn.h>
 

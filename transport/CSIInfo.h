@@ -1,7 +1,7 @@
 #pragma once
 
 #include "libcsi/include/libcsi/libcsi.h"
-#include "support/Object.h"
+#include "base/Object.h"
 #include "support/Version.h"
 
 

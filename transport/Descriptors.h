@@ -1,7 +1,7 @@
 #pragma once
 
 // What the library model says about a device, its configuration and its endpoints.
-#include "support/Object.h"
+#include "base/Object.h"
 #include "transport/CSIInfo.h"
 
 #include <array>

@@ -1,6 +1,6 @@
 #include "transport/DriverHandler.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "support/Logger.h"
 #include "support/MutexGuard.h"
 #include "support/Settings.h"

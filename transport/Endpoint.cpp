@@ -1,6 +1,6 @@
 #include "transport/Endpoint.h"
 
-#include "support/Exception.h"
+#include "base/Exception.h"
 #include "support/MutexGuard.h"
 #include "transport/LibCSIDevice.h"
 #include "transport/LibCSILibrary.h"

@@ -1,6 +1,6 @@
 #include "transport/EndpointHandler.h"
 
-#include "support/Exception.h"
+#include "base/Exception.h"
 #include "support/MutexGuard.h"
 #include "transport/CSIInfo.h"
 #include "transport/Endpoint.h"

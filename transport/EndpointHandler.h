@@ -2,7 +2,7 @@
 
 #include "support/Condition.h"
 #include "support/Mutex.h"
-#include "support/Object.h"
+#include "base/Object.h"
 #include "transport/Transfer.h"
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 #include "transport/LibCSIDevice.h"
 
-#include "support/Exception.h"
+#include "base/Exception.h"
 
 namespace QEL { namespace LibCSI {
 

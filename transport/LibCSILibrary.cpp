@@ -1,6 +1,6 @@
 #include "transport/LibCSILibrary.h"
 
-#include "support/Exception.h"
+#include "base/Exception.h"
 #include "support/MediaLogger.h"
 #include "support/MutexGuard.h"
 #include "transport/LibCSIDevice.h"

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "support/Mutex.h"
-#include "support/Object.h"
+#include "base/Object.h"
 #include "transport/CSIInfo.h"
 #include "transport/ChannelTransfer.h"
 

@@ -1,6 +1,6 @@
 #include "transport/Transfer.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "support/MutexGuard.h"
 #include "transport/EndpointHandler.h"
 

@@ -3,7 +3,7 @@
 // Loads a private copy of the built producer the way a consumer does: dlopen
 // by path and dlsym only. Each copy lives in its own folder, so it gets its own
 // settings file and its own library state.
-#include "entry/GenTL.h"
+#include "base/GenTL.h"
 #include "tests/TestSupport.h"
 
 #include <gtest/gtest.h>

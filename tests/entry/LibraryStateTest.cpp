@@ -1,4 +1,4 @@
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "entry/LibraryState.h"
 
 #include <gtest/gtest.h>

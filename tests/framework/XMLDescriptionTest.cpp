@@ -1,4 +1,4 @@
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "framework/XMLDescription.h"
 #include "tests/TestSupport.h"
 

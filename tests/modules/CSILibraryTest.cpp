@@ -1,5 +1,5 @@
 #include "modules/CSILibrary.h"
-#include "modules/CSITransportLayer.h"
+#include "entry/CSITransportLayer.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,7 @@
 #include "SimHarness.h"
 
 #include "sim/PixelFormats.h"
+#include "sim/VirtualBackend.h"
 
 #include <unistd.h>
 
@@ -183,16 +184,16 @@ namespace {
 
 TEST(Seam, TheVirtualCameraIsChosenOnlyByADescriptionFile)
 {
-    EXPECT_EQ(nullptr, QEL::Os::ChooseBackend(nullptr));
-    EXPECT_EQ(nullptr, QEL::Os::ChooseBackend(""));
-    EXPECT_EQ(nullptr, QEL::Os::ChooseBackend("/nonexistent/cameras.ini")) << "an unusable file is no selection";
+    EXPECT_EQ(nullptr, QEL::Sim::ChooseVirtualBackend(nullptr));
+    EXPECT_EQ(nullptr, QEL::Sim::ChooseVirtualBackend(""));
+    EXPECT_EQ(nullptr, QEL::Sim::ChooseVirtualBackend("/nonexistent/cameras.ini")) << "an unusable file is no selection";
     char path[] = "/tmp/lorun-cameras-XXXXXX";
     int fd = ::mkstemp(path);
     ASSERT_GE(fd, 0);
     const std::string text = "[camera0]\nnode = video5\n";
     ASSERT_EQ(static_cast<ssize_t>(text.size()), ::write(fd, text.data(), text.size()));
     ::close(fd);
-    auto backend = QEL::Os::ChooseBackend(path);
+    auto backend = QEL::Sim::ChooseVirtualBackend(path);
     ::unlink(path);
     ASSERT_NE(nullptr, backend);
     EXPECT_EQ(std::vector<std::string>{"video5"}, backend->ListDirectory("/sys/class/video4linux"));

@@ -1,5 +1,5 @@
 #include "support/Condition.h"
-#include "support/Exception.h"
+#include "base/Exception.h"
 #include "support/MutexGuard.h"
 #include "support/BasicLockable.h"
 

@@ -1,6 +1,6 @@
 #include "support/Allocator.h"
 #include "support/ByteOrder.h"
-#include "support/Exception.h"
+#include "base/Exception.h"
 #include "support/Signal.h"
 #include "support/TrackableObject.h"
 #include "support/Version.h"

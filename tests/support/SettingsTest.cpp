@@ -1,4 +1,4 @@
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "support/Settings.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "libcsi/OsSeam.h"
 #include "sim/VirtualSystem.h"
 #include "support/Logger.h"

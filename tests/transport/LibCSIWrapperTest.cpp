@@ -1,4 +1,4 @@
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "sim/CameraMap.h"
 #include "tests/sim/SimHarness.h"
 #include "tests/transport/TransportTestSupport.h"

@@ -1,6 +1,6 @@
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "gencp/AckException.h"
-#include "gencp/CCIControlChannel.h"
+#include "transport/CCIControlChannel.h"
 #include "sim/CameraMap.h"
 #include "support/Settings.h"
 #include "support/Sha1.h"

@@ -1,6 +1,6 @@
-#include "entry/Info.h"
+#include "base/Info.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 
 #include <cstring>
 #include <new>

@@ -1,4 +1,4 @@
-#include "modules/CSITransportLayer.h"
+#include "entry/CSITransportLayer.h"
 
 #include "entry/TransportLayerHandler.h"
 #include "modules/CSILibrary.h"

@@ -1,4 +1,4 @@
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 
 #include <boost/format.hpp>
 

@@ -1,5 +1,5 @@
-#include "entry/BaseException.h"
-#include "entry/Info.h"
+#include "base/BaseException.h"
+#include "base/Info.h"
 
 #include "tests/TestSupport.h"
 

@@ -1,6 +1,6 @@
-#include "gencp/CCIControlChannel.h"
+#include "transport/CCIControlChannel.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "support/Settings.h"
 #include "transport/EndpointHandler.h"
 #include "transport/LibCSILibrary.h"

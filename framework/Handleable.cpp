@@ -1,6 +1,6 @@
-#include "entry/Handleable.h"
+#include "framework/Handleable.h"
 
-#include "entry/BaseException.h"
+#include "base/BaseException.h"
 #include "support/MutexGuard.h"
 #include "support/StaticData.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "entry/GenTL.h"
-#include "support/Exception.h"
+#include "base/GenTL.h"
+#include "base/Exception.h"
 
 #include <string>
 

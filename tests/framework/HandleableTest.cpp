@@ -1,5 +1,5 @@
 #include "entry/BasicTransportLayer.h"
-#include "entry/Handleable.h"
+#include "framework/Handleable.h"
 #include "support/BasicLockable.h"
 
 #include "tests/TestSupport.h"
