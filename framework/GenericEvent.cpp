@@ -4,7 +4,6 @@
 #include "support/Logger.h"
 #include "support/MutexGuard.h"
 
-#include <boost/signals2/shared_connection_block.hpp>
 
 #include <algorithm>
 #include <new>
@@ -163,7 +162,7 @@ GC_ERROR GenericEvent::GetData(void* data, std::size_t* size, std::uint64_t time
         throw Exception("Data retrieval has been killed.", GC_ERR_ABORT);
     }
     if (!source->IsEmpty()) {
-        boost::signals2::shared_connection_block block(dataConnection);
+        Tools::ConnectionBlock block(dataConnection);
         source->GetData(data, size);
         return GC_ERR_SUCCESS;
     }
@@ -206,7 +205,7 @@ void GenericEvent::OnData()
     QEL::System::SharedMutexGuard guard(mutex);
     if (!registered)
         return;
-    boost::signals2::shared_connection_block block(dataConnection);
+    Tools::ConnectionBlock block(dataConnection);
     while (!waiting.empty() && !source->IsEmpty()) {
         auto slot = waiting.front();
         waiting.pop_front();
@@ -235,7 +234,7 @@ void GenericEvent::Flush()
     QEL::System::SharedMutexGuard guard(mutex);
     CheckRegistered();
     if (!source->IsEmpty()) {
-        boost::signals2::shared_connection_block block(dataConnection);
+        Tools::ConnectionBlock block(dataConnection);
         source->Flush();
     }
 }
@@ -244,7 +243,7 @@ void GenericEvent::Unregister()
 {
     QEL::System::SharedMutexGuard guard(mutex);
     CheckRegistered();
-    dataConnection.disconnect();
+    dataConnection.Disconnect();
     for (auto& slot : waiting)
         if (slot)
             slot->Kill();

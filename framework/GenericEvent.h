@@ -74,7 +74,7 @@ private:
     std::shared_ptr<EventSource> source;
     std::list<std::shared_ptr<GenericWaitSlot>> waiting;
     std::deque<std::shared_ptr<GenericWaitSlot>> idle;
-    boost::signals2::connection dataConnection;
+    Tools::Connection dataConnection;
     std::uint32_t killCount = 0;
 };
 

@@ -3,7 +3,6 @@
 #include "base/BaseException.h"
 #include "support/MutexGuard.h"
 
-#include <boost/signals2/shared_connection_block.hpp>
 
 #include <new>
 
@@ -21,7 +20,7 @@ GenericEventSlot::GenericEventSlot(EVENT_TYPE eventType, std::shared_ptr<EventSo
 
 GenericEventSlot::~GenericEventSlot()
 {
-    flushConnection.disconnect();
+    flushConnection.Disconnect();
     try {
         if (event)
             event->Unregister();
@@ -57,7 +56,7 @@ void GenericEventSlot::OnDataUnregistered()
 {
     QEL::System::SharedMutexGuard guard(mutex);
     if (autoFlush && !event && !source->IsEmpty()) {
-        boost::signals2::shared_connection_block block(flushConnection);
+        Tools::ConnectionBlock block(flushConnection);
         source->Flush();
     }
 }
@@ -71,7 +70,7 @@ std::shared_ptr<Event> GenericEventSlot::Register()
     if (!event)
         throw Exception("Could not allocate event.", GC_ERR_ERROR);
     if (autoFlush)
-        flushConnection.disconnect();
+        flushConnection.Disconnect();
     return event;
 }
 

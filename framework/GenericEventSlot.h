@@ -38,7 +38,7 @@ private:
     bool autoFlush;
     EVENT_TYPE type;
     std::shared_ptr<EventSource> source;
-    boost::signals2::connection flushConnection;
+    Tools::Connection flushConnection;
     std::shared_ptr<GenericEvent> event;
 };
 

@@ -96,7 +96,7 @@ Interface::InterfaceChangeEventAdapter::~InterfaceChangeEventAdapter()
     try {
         {
             QEL::System::SharedMutexGuard handlerGuard(driverHandler);
-            connection.disconnect();
+            connection.Disconnect();
         }
         QEL::System::SharedMutexGuard guard(queueMutex);
         queue.reset();

@@ -45,7 +45,7 @@ public:
         std::shared_ptr<QEL::System::Mutex> queueMutex;
         std::shared_ptr<DriverHandler> driverHandler;
         std::shared_ptr<ChangeQueue> queue;
-        boost::signals2::connection connection;
+        Tools::Connection connection;
     };
 
     static std::shared_ptr<Interface> Create(const std::shared_ptr<Settings>& settings,

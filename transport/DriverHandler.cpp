@@ -215,7 +215,7 @@ DriverHandler::DriverHandler(const Options& options) : options(options)
         throw Base::Exception("Could not allocate LibCSI library.", GC_ERR_ERROR);
     // The library's discovery thread may call in at any time from here on; `this` is
     // complete for what OnDeviceDiscovery touches, and the connection goes before the members.
-    library->GetDiscoverySignal().connect(
+    library->GetDiscoverySignal().Connect(
         [this](const char* portID, unsigned char available) { OnDeviceDiscovery(portID, available); });
     Enumerate();
     {
@@ -239,7 +239,7 @@ DriverHandler::~DriverHandler()
     if (enumerationThread.joinable())
         enumerationThread.join();
     if (library)
-        library->GetDiscoverySignal().disconnect_all_slots();
+        library->GetDiscoverySignal().DisconnectAll();
     library.reset();
 }
 

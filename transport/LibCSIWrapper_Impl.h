@@ -5,7 +5,7 @@
 #include "transport/CSIInfo.h"
 #include "transport/ChannelTransfer.h"
 
-#include <boost/signals2/signal.hpp>
+#include "support/Signal.h"
 
 #include <cstdint>
 #include <map>
@@ -31,7 +31,7 @@ enum Channel : std::int32_t {
 // model for discovery, one behind each camera for the calls on it.
 class LibCSIWrapper_Impl : public virtual System::Object, public std::enable_shared_from_this<LibCSIWrapper_Impl> {
 public:
-    using DiscoverySignal = boost::signals2::signal<void(const char*, unsigned char)>;
+    using DiscoverySignal = Tools::Signal<void(const char*, unsigned char)>;
     using InfoTable = std::map<std::int32_t, std::shared_ptr<CSIInfo>>;
 
     LibCSIWrapper_Impl();

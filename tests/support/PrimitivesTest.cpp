@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 using namespace QEL;
 
@@ -84,9 +86,74 @@ TEST(Signal, TrackedSlotsStopWhenTheirObjectDies)
     signal(3); // must not call into the dead listener
     EXPECT_EQ(5, plain);
 
-    connection.disconnect();
+    connection.Disconnect();
     signal(4);
     EXPECT_EQ(5, plain);
+}
+
+TEST(Signal, ArgumentsReachSlotsByReferenceAndInOrder)
+{
+    Tools::Signal<void(const std::string&, int&)> signal;
+    std::vector<std::string> seen;
+    const std::string text = "shared";
+    signal.Connect([&](const std::string& s, int& counter) {
+        EXPECT_EQ(&text, &s) << "a reference argument is not copied";
+        seen.push_back("first");
+        ++counter;
+    });
+    signal.Connect([&, count = 0](const std::string&, int& counter) mutable {
+        seen.push_back("second " + std::to_string(++count));
+        counter *= 10;
+    });
+    int counter = 0;
+    signal(text, counter);
+    signal(text, counter);
+    EXPECT_EQ((std::vector<std::string>{"first", "second 1", "first", "second 2"}), seen);
+    EXPECT_EQ(110, counter) << "slots see the caller's variable, not a copy";
+    EXPECT_EQ(2u, signal.GetNumSlots());
+    signal.DisconnectAll();
+    signal(text, counter);
+    EXPECT_EQ(110, counter);
+}
+
+TEST(Signal, BlockedAndCopiedConnections)
+{
+    Tools::Signal<void()> signal;
+    int calls = 0;
+    Tools::Connection empty;
+    EXPECT_FALSE(empty.IsConnected());
+    empty.Disconnect(); // harmless
+    Tools::Connection connection = signal.Connect([&] { ++calls; });
+    Tools::Connection copy = connection;
+    EXPECT_TRUE(copy.IsConnected());
+    {
+        Tools::ConnectionBlock block(connection);
+        signal();
+        EXPECT_EQ(0, calls) << "a blocked slot is skipped";
+    }
+    signal();
+    EXPECT_EQ(1, calls) << "and runs again once the block is gone";
+    copy.Disconnect();
+    EXPECT_FALSE(connection.IsConnected()) << "copies name the same link";
+    signal();
+    EXPECT_EQ(1, calls);
+}
+
+TEST(Signal, ATrackedObjectLivesThroughItsSlot)
+{
+    Tools::Signal<void()> signal;
+    auto listener = std::make_shared<Listener>();
+    std::weak_ptr<Listener> weak = listener;
+    bool aliveInside = false;
+    signal.Connect(
+        [&] {
+            listener.reset(); // the signal still holds it for the call
+            aliveInside = !weak.expired();
+        },
+        listener);
+    signal();
+    EXPECT_TRUE(aliveInside);
+    EXPECT_TRUE(weak.expired());
 }
 
 TEST(TrackableObject, HandsOutSharedPointersToItself)

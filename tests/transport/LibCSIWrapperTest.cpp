@@ -219,11 +219,11 @@ TEST_F(Wrapper, DiscoveryReachesTheSignal)
 {
     std::mutex mutex;
     std::vector<std::pair<std::string, int>> seen;
-    auto connection = library->GetDiscoverySignal().connect([&](const char* port, unsigned char available) {
+    auto connection = library->GetDiscoverySignal().Connect([&](const char* port, unsigned char available) {
         std::lock_guard<std::mutex> lock(mutex);
         seen.emplace_back(port, available);
     });
-    auto throwing = library->GetDiscoverySignal().connect([](const char*, unsigned char) { throw 1; });
+    auto throwing = library->GetDiscoverySignal().Connect([](const char*, unsigned char) { throw 1; });
     LibCSIWrapper_Impl::InfoTable table;
     std::make_shared<LibCSIWrapper_Impl>()->GetDeviceList(table);
     // A change before libcsi watches the attribute would be its starting value.
@@ -238,8 +238,8 @@ TEST_F(Wrapper, DiscoveryReachesTheSignal)
         EXPECT_EQ(table.at(1)->GetPortID(), seen[0].first);
         EXPECT_EQ(0, seen[0].second);
     }
-    connection.disconnect();
-    throwing.disconnect();
+    connection.Disconnect();
+    throwing.Disconnect();
     EXPECT_NE(std::string::npos, MediaLogAfterClose().find("DiscoveryCallback portID=" + table.at(1)->GetPortID() +
                                                            ", availability=0"));
 }
