@@ -10,6 +10,7 @@ namespace QEL { namespace Base {
 // A failure with its GenTL error code.
 class Exception : public virtual QEL::System::Exception {
 public:
+    // NOLINTNEXTLINE(bugprone-throw-keyword-missing): a base initialiser, not a thrown-away object
     Exception(const std::string& text, GC_ERROR code) : QEL::System::Exception(text), code(code) {}
     ~Exception() override = default;
 

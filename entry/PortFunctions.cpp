@@ -34,7 +34,7 @@ GC_ERROR BasicTransportLayer::GCGetPortURL(PORT_HANDLE hPort, char* sURL, size_t
         if (sURL) {
             if (*piSize < list.size())
                 throw Exception("Size too small.", GC_ERR_BUFFER_TOO_SMALL);
-            std::memcpy(sURL, list.data(), list.size());
+            std::memcpy(sURL, list.data(), list.size()); // NOLINT(bugprone-not-null-terminated-result): `list` ends in its terminator
         }
         *piSize = list.size();
     });

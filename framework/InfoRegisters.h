@@ -22,7 +22,8 @@ public:
     BasicInfoRegister(std::uint64_t address, std::uint64_t size, std::uint32_t accessMode)
         : address(address), accessMode(accessMode)
     {
-        AddressRange(address, size);
+        const AddressRange checked(address, size); // refuses an empty or wrapping range
+        static_cast<void>(checked);
         if (accessMode > AccessRead)
             throw Exception("Info registers are read only.", GC_ERR_INVALID_PARAMETER);
         try {

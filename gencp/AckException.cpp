@@ -5,6 +5,7 @@
 namespace QEL { namespace Base { namespace GenCP {
 
 AckException::AckException(const std::string& text, std::uint16_t statusCode)
+    // NOLINTNEXTLINE(bugprone-throw-keyword-missing): base initialisers, not thrown-away objects
     : QEL::System::Exception(text), Exception(text, CodeOf(statusCode)), status(statusCode)
 {
 }

@@ -35,7 +35,7 @@ std::uint16_t Get16(const std::uint8_t* at) { return static_cast<std::uint16_t>(
 
 }
 
-ReadMemoryCommand::ReadMemoryCommand(std::shared_ptr<Packet> p) : packet(Checked(p))
+ReadMemoryCommand::ReadMemoryCommand(const std::shared_ptr<Packet>& p) : packet(Checked(p))
 {
     if (packet->GetPayloadSize() != 12)
         throw Exception("Invalid packet size for GenCP.", GC_ERR_INVALID_PARAMETER);
@@ -51,7 +51,7 @@ void ReadMemoryCommand::SetSize(std::uint16_t size)
     Put(payload + 10, size);
 }
 
-WriteMemoryCommand::WriteMemoryCommand(std::shared_ptr<Packet> p) : packet(Checked(p))
+WriteMemoryCommand::WriteMemoryCommand(const std::shared_ptr<Packet>& p) : packet(Checked(p))
 {
     if (packet->GetPayloadSize() <= 8)
         throw Exception("Invalid packet size for GenCP.", GC_ERR_INVALID_PARAMETER);
@@ -61,7 +61,7 @@ WriteMemoryCommand::WriteMemoryCommand(std::shared_ptr<Packet> p) : packet(Check
 
 void WriteMemoryCommand::SetAddress(std::uint64_t address) { Put(payload, address); }
 
-PendingAcknowledge::PendingAcknowledge(std::shared_ptr<Packet> p) : packet(Checked(p))
+PendingAcknowledge::PendingAcknowledge(const std::shared_ptr<Packet>& p) : packet(Checked(p))
 {
     if (packet->GetCommandId() != CommandId::PendingAck)
         throw Exception("Packet has no pending acknowledge command ID.", GC_ERR_INVALID_PARAMETER);
@@ -72,14 +72,14 @@ PendingAcknowledge::PendingAcknowledge(std::shared_ptr<Packet> p) : packet(Check
 
 std::uint16_t PendingAcknowledge::GetTemporaryTimeout() const { return Get16(payload + 2); }
 
-ReadMemoryAcknowledge::ReadMemoryAcknowledge(std::shared_ptr<Packet> p) : packet(Checked(p))
+ReadMemoryAcknowledge::ReadMemoryAcknowledge(const std::shared_ptr<Packet>& p) : packet(Checked(p))
 {
     if (packet->GetCommandId() != CommandId::ReadMemoryAck)
         throw Exception("Packet has no read memory acknowledge command ID.", GC_ERR_INVALID_PARAMETER);
 }
 
 template <bool WithLength>
-WriteMemoryAcknowledge<WithLength>::WriteMemoryAcknowledge(std::shared_ptr<Packet> p) : packet(Checked(p))
+WriteMemoryAcknowledge<WithLength>::WriteMemoryAcknowledge(const std::shared_ptr<Packet>& p) : packet(Checked(p))
 {
     if (packet->GetCommandId() != CommandId::WriteMemoryAck)
         throw Exception("Packet has no write memory acknowledge command ID.", GC_ERR_INVALID_PARAMETER);

@@ -9,7 +9,7 @@ namespace QEL { namespace Base { namespace GenCP {
 // A read memory command: 12 bytes of payload, address and read length.
 class ReadMemoryCommand : public virtual QEL::System::Object {
 public:
-    explicit ReadMemoryCommand(std::shared_ptr<Packet> packet);
+    explicit ReadMemoryCommand(const std::shared_ptr<Packet>& packet);
     void SetAddress(std::uint64_t address);
     void SetSize(std::uint16_t size);
     const std::shared_ptr<Packet>& GetPacket() const { return packet; }
@@ -22,7 +22,7 @@ private:
 // A write memory command: the address, then the data.
 class WriteMemoryCommand : public virtual QEL::System::Object {
 public:
-    explicit WriteMemoryCommand(std::shared_ptr<Packet> packet);
+    explicit WriteMemoryCommand(const std::shared_ptr<Packet>& packet);
     void SetAddress(std::uint64_t address);
     std::uint8_t* GetData() { return payload + 8; }
     std::size_t GetDataSize() const { return packet->GetPayloadSize() - 8u; }
@@ -35,7 +35,7 @@ private:
 
 class PendingAcknowledge : public virtual QEL::System::Object {
 public:
-    explicit PendingAcknowledge(std::shared_ptr<Packet> packet);
+    explicit PendingAcknowledge(const std::shared_ptr<Packet>& packet);
     // Milliseconds the device asks the host to wait.
     std::uint16_t GetTemporaryTimeout() const;
 
@@ -46,7 +46,7 @@ private:
 
 class ReadMemoryAcknowledge : public virtual QEL::System::Object {
 public:
-    explicit ReadMemoryAcknowledge(std::shared_ptr<Packet> packet);
+    explicit ReadMemoryAcknowledge(const std::shared_ptr<Packet>& packet);
     const std::uint8_t* GetData() const { return packet->GetPayload(); }
     std::size_t GetDataSize() const { return packet->GetPayloadSize(); }
     const std::shared_ptr<Packet>& GetPacket() const { return packet; }
@@ -60,7 +60,7 @@ private:
 template <bool WithLength>
 class WriteMemoryAcknowledge : public virtual QEL::System::Object {
 public:
-    explicit WriteMemoryAcknowledge(std::shared_ptr<Packet> packet);
+    explicit WriteMemoryAcknowledge(const std::shared_ptr<Packet>& packet);
     std::uint16_t GetWrittenSize() const;
     const std::shared_ptr<Packet>& GetPacket() const { return packet; }
 

@@ -13,7 +13,8 @@ using namespace QEL::LibCSIImpl;
 
 namespace {
 
-// Runs `query` under the library and the device mutex on a device that is not closed.
+// Runs `query` under the library and the device mutex on a device that is not closed; it gets the
+// exported function's name for its log lines (inside a lambda, __func__ would be "operator()").
 template <class Query>
 int32_t OnOpenDevice(const char* function, device_handle_t* handle, Query query, bool needsOpenState = false)
 {
@@ -30,7 +31,7 @@ int32_t OnOpenDevice(const char* function, device_handle_t* handle, Query query,
                        function);
             return LIBCSI_INVALID_DEVICE_STATE;
         }
-        return query(*handle);
+        return query(*handle, function);
     } catch (...) {
         return LIBCSI_ERROR;
     }
@@ -47,7 +48,8 @@ int32_t AskDriver(const char* function, const char* name, Device& device, unsign
     return LIBCSI_OK;
 }
 
-#define ASK(device, request, record) AskDriver(__func__, #request, device, request, record)
+// Used in the queries, where `function` names the exported function.
+#define ASK(device, request, record) AskDriver(function, #request, device, request, record)
 
 std::string BoardDescription(const qel_driver_info& info)
 {
@@ -71,7 +73,7 @@ int32_t libcsi_get_ipu_restrictions(device_handle_t* pDeviceHandle, libcsi_ipu_r
 {
     if (!pRestrictions)
         return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device) {
+    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
         qel_ipu_restrictions ipu{};
         if (int32_t result = ASK(device, VIDIOC_G_IPU_RESTRICTIONS, ipu))
             return result;
@@ -88,7 +90,7 @@ int32_t libcsi_get_gencp_buffer_sizes(device_handle_t* pDeviceHandle, uint32_t* 
 {
     if (!pGencpInBufferSize || !pGencpOutBufferSize)
         return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device) {
+    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
         qel_gencp_buffer_sizes sizes{};
         if (int32_t result = ASK(device, VIDIOC_G_GENCP_BUFFER_SIZES, sizes))
             return result;
@@ -103,14 +105,14 @@ int32_t libcsi_get_min_announced_frames(device_handle_t* pDeviceHandle, uint32_t
     if (!pMinAnnouncedFrames)
         return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(__func__, pDeviceHandle,
-                        [&](Device& device) { return ASK(device, VIDIOC_G_MIN_ANNOUNCED_FRAMES, *pMinAnnouncedFrames); });
+                        [&](Device& device, const char* function) { return ASK(device, VIDIOC_G_MIN_ANNOUNCED_FRAMES, *pMinAnnouncedFrames); });
 }
 
 int32_t libcsi_get_statistics_capability(device_handle_t* pDeviceHandle, uint64_t* pStatisticsCapabilities)
 {
     if (!pStatisticsCapabilities)
         return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device) {
+    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
         std::uint64_t mask = 0;
         if (int32_t result = ASK(device, VIDIOC_G_STATISTICS_CAPABILITIES, mask))
             return result;
@@ -126,7 +128,7 @@ int32_t libcsi_get_supported_lane_counts(device_handle_t* pDeviceHandle, uint8_t
 {
     if (!pSupportedLaneCounts)
         return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device) {
+    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
         std::uint32_t mask = 0;
         if (int32_t result = ASK(device, VIDIOC_G_SUPPORTED_LANE_COUNTS, mask))
             return result;
@@ -139,7 +141,7 @@ int32_t libcsi_get_supported_csi_data_identifiers(device_handle_t* pDeviceHandle
 {
     if (!pDataIdentifiers)
         return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device) {
+    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
         qel_data_identifiers identifiers{};
         if (int32_t result = ASK(device, VIDIOC_G_DATA_IDENTIFIERS, identifiers))
             return result;
@@ -153,7 +155,7 @@ int32_t libcsi_get_supported_csi_host_clock_range(device_handle_t* pDeviceHandle
 {
     if (!pMinFrequency || !pMaxFrequency)
         return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device) {
+    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
         auto range = device.clockRanges.find(nLaneCount);
         if (!device.laneCounts.count(nLaneCount) || range == device.clockRanges.end()) {
             LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter: nLaneCount\n", "libcsi_get_supported_csi_host_clock_range");
@@ -169,7 +171,7 @@ int32_t libcsi_get_cci_link_speed(device_handle_t* pDeviceHandle, uint32_t* pCCI
 {
     if (!pCCILinkSpeed)
         return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device) {
+    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
         std::uint32_t clock = 0;
         if (int32_t result = ASK(device, VIDIOC_G_I2C_CLOCK_FREQ, clock))
             return result;
@@ -192,7 +194,7 @@ int32_t libcsi_get_csi_config(device_handle_t* pDeviceHandle, uint8_t* pLaneCoun
         return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(
         __func__, pDeviceHandle,
-        [&](Device& device) {
+        [&](Device& device, const char* function) {
             qel_csi_config config{};
             if (int32_t result = ASK(device, VIDIOC_G_CSI_CONFIG, config))
                 return result;
@@ -209,7 +211,7 @@ int32_t libcsi_set_csi_config(device_handle_t* pDeviceHandle, uint8_t* pLaneCoun
         return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(
         __func__, pDeviceHandle,
-        [&](Device& device) {
+        [&](Device& device, const char* function) {
             qel_csi_config config{*pLaneCount, {}, *pLaneClockFrequency};
             LIBCSI_LOG(TierTrace, " Trying new settings:\n  lanes=%u clock=%u\n", config.lane_count, config.clock_hz);
             if (int32_t result = ASK(device, VIDIOC_S_CSI_CONFIG, config))
@@ -227,7 +229,7 @@ int32_t libcsi_get_ext_info(device_handle_t* pDeviceHandle, int32_t eInfoID, int
 {
     if (!pType || !pSize)
         return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device) {
+    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
         const qel_driver_info& info = device.driverInfo;
         std::uint32_t word;
         switch (eInfoID) {

@@ -37,7 +37,7 @@ const bool sinkInstalled = (SetReportSink(&ReportFromLog), true);
 // The shape of the two message threads: wait for a message, hand it to the
 // callback without the lock, and end when the state asks for it.
 template <class Message, class Deliver>
-void MessageLoop(std::shared_ptr<Library> library, std::mutex& mutex, std::condition_variable& condition,
+void MessageLoop(const std::shared_ptr<Library>& library, std::mutex& mutex, std::condition_variable& condition,
                  std::deque<std::shared_ptr<Message>>& queue, std::uint32_t& state, const char* name, Deliver deliver)
 {
     std::unique_lock<std::mutex> lock(mutex);
@@ -50,7 +50,7 @@ void MessageLoop(std::shared_ptr<Library> library, std::mutex& mutex, std::condi
             return;
         }
         if (queue.empty()) {
-            condition.wait(lock);
+            condition.wait(lock, [&] { return state != Running || !queue.empty(); });
             continue;
         }
         std::shared_ptr<Message> message = queue.front();

@@ -7,6 +7,7 @@ packages=(
   libtinyxml-dev liburiparser-dev
   libgtest-dev googletest
   libaravis-dev libusb-1.0-0-dev
+  clang-tidy
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -1,12 +1,16 @@
 #!/usr/bin/env bash
 # Installs the dependencies, then builds and runs the whole suite twice: a
-# normal build, and one with AddressSanitizer and UndefinedBehaviorSanitizer.
+# normal build, and one with AddressSanitizer and UndefinedBehaviorSanitizer;
+# clang-tidy runs in between.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
 scripts/build.sh build
 (cd build && ctest --output-on-failure -j"$(nproc)" --timeout 300)
+
+# Static analysis with the checks of .clang-tidy.
+scripts/tidy.sh build-tidy
 
 scripts/build.sh build-asan address
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1:detect_stack_use_after_return=1

@@ -128,7 +128,7 @@ void CameraFirmware::BuildMemory()
     };
     const std::uint32_t restrictions[] = {256, 32768, 8, 1, 32768, 1};
     for (int i = 0; i < 6; ++i)
-        memory.AddValue(Sirm + 56 + 4 * i, 4, restrictions[i], true);
+        memory.AddValue(Sirm + 56 + std::uint64_t{4} * i, 4, restrictions[i], true);
     auto geometryField = [this](std::uint64_t offset, std::size_t size, auto pick) {
         memory.Add(Sirm + offset, size, false).onRead = [this, pick, size](MemoryMap::Field& f) {
             const FrameGeometry g = ComputeGeometry();

@@ -29,7 +29,7 @@ T& As(void* argument)
 void Copy(char* target, std::size_t size, const std::string& text)
 {
     std::memset(target, 0, size);
-    std::memcpy(target, text.data(), std::min(size - 1, text.size()));
+    std::memcpy(target, text.data(), std::min(size - 1, text.size())); // NOLINT(bugprone-not-null-terminated-result): zeroed above
 }
 
 }

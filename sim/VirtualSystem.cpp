@@ -73,7 +73,7 @@ VirtualSystem::VirtualSystem(const SystemDescription& system) : description(syst
         const std::uint32_t restrictions[] = {description.ipuXMin, description.ipuXMax, description.ipuXInc,
                                               description.ipuYMin, description.ipuYMax, description.ipuYInc};
         for (int r = 0; r < 6; ++r)
-            camera->firmware->WriteValue(CameraMap::Sirm + 56 + 4 * r, restrictions[r]);
+            camera->firmware->WriteValue(CameraMap::Sirm + 56 + std::uint64_t{4} * r, restrictions[r]);
         camera->node = camera->description.node;
         cameras.push_back(std::move(camera));
     }

@@ -33,7 +33,8 @@ Connection::Connection() { new (storage) BoostConnection(); }
 Connection::Connection(const Connection& other) { new (storage) BoostConnection(In<BoostConnection>(other.storage)); }
 Connection& Connection::operator=(const Connection& other)
 {
-    In<BoostConnection>(storage) = In<BoostConnection>(other.storage);
+    if (this != &other)
+        In<BoostConnection>(storage) = In<BoostConnection>(other.storage);
     return *this;
 }
 Connection::~Connection() { In<BoostConnection>(storage).~BoostConnection(); }
@@ -53,17 +54,17 @@ struct SignalCore::Impl {
 SignalCore::SignalCore() : impl(new Impl) {}
 SignalCore::~SignalCore() = default;
 
-Connection SignalCore::Connect(ErasedSlot slot)
+Connection SignalCore::Connect(const ErasedSlot& slot)
 {
     Connection connection;
-    In<BoostConnection>(connection.storage) = impl->signal.connect(std::move(slot));
+    In<BoostConnection>(connection.storage) = impl->signal.connect(slot);
     return connection;
 }
 
-Connection SignalCore::Connect(ErasedSlot slot, std::weak_ptr<void> tracked)
+Connection SignalCore::Connect(const ErasedSlot& slot, const std::weak_ptr<void>& tracked)
 {
     Connection connection;
-    In<BoostConnection>(connection.storage) = impl->signal.connect(BoostSignal::slot_type(std::move(slot)).track_foreign(tracked));
+    In<BoostConnection>(connection.storage) = impl->signal.connect(BoostSignal::slot_type(slot).track_foreign(tracked));
     return connection;
 }
 

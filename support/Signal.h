@@ -52,9 +52,9 @@ public:
     SignalCore& operator=(const SignalCore&) = delete;
     ~SignalCore();
 
-    Connection Connect(ErasedSlot slot);
+    Connection Connect(const ErasedSlot& slot);
     // The slot is skipped, and dropped, once `tracked` has died; while it runs, `tracked` is kept alive.
-    Connection Connect(ErasedSlot slot, std::weak_ptr<void> tracked);
+    Connection Connect(const ErasedSlot& slot, const std::weak_ptr<void>& tracked);
     void Fire(const void* arguments) const;
     std::size_t GetNumSlots() const;
     void DisconnectAll();

@@ -270,15 +270,15 @@ std::string DriverHandler::ChooseId(const DeviceData& data, const std::string& l
                                     const std::map<std::string, std::shared_ptr<DeviceDetails>>& byId) const
 {
     if (data.HasGuid()) {
-        const std::string candidate = options.idPrefix + data.GetGuid();
+        std::string candidate = options.idPrefix + data.GetGuid();
         if (!byId.count(candidate))
             return candidate;
     }
-    const std::string hashed = options.idPrefix + Tools::Sha1HexUpper(lowerKey);
+    std::string hashed = options.idPrefix + Tools::Sha1HexUpper(lowerKey);
     if (!byId.count(hashed))
         return hashed;
     for (unsigned n = 0;; ++n) {
-        const std::string candidate = hashed + "_" + std::to_string(n);
+        std::string candidate = hashed + "_" + std::to_string(n);
         if (!byId.count(candidate))
             return candidate;
     }

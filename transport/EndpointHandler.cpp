@@ -63,7 +63,7 @@ TransferResult EndpointHandler::ResultOf(std::uint32_t status)
     }
 }
 
-void EndpointHandler::Submit(void* buffer, std::size_t size, Callback callback)
+void EndpointHandler::Submit(void* buffer, std::size_t size, const Callback& callback)
 {
     if (size < 1)
         throw System::Exception("Invalid size passed.");
@@ -94,7 +94,7 @@ void EndpointHandler::Submit(void* buffer, std::size_t size, Callback callback)
     }
 }
 
-void EndpointHandler::SubmitEvent(void* buffer, std::size_t size, Callback callback)
+void EndpointHandler::SubmitEvent(void* buffer, std::size_t size, const Callback& callback)
 {
     endpoint->SubmitEvent(buffer, size, [callback](std::uint32_t status, std::uint32_t done) {
         if (callback)

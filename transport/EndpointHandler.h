@@ -30,9 +30,9 @@ public:
                     std::uint32_t maxTransferSize, std::int32_t channel);
     ~EndpointHandler() override;
 
-    virtual void Submit(void* buffer, std::size_t size, Callback callback);
+    virtual void Submit(void* buffer, std::size_t size, const Callback& callback);
     virtual void AbortTransfers();
-    virtual void SubmitEvent(void* buffer, std::size_t size, Callback callback);
+    virtual void SubmitEvent(void* buffer, std::size_t size, const Callback& callback);
     virtual void AbortEvents();
 
     virtual std::uint32_t GetMaxTransferCount() const { return maxTransferCount; }

@@ -10,7 +10,7 @@
 #include <string>
 
 namespace QEL {
-namespace CSITools { class Logger; }
+namespace CSITools { class Logger; } // NOLINT(bugprone-forward-declaration-namespace): the media log
 namespace LibCSI {
 
 class Device;

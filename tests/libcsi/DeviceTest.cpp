@@ -434,6 +434,36 @@ TEST_F(GenCPOverCCI, PacketsAreDecodedIntoTheVerboseLog)
     device = nullptr;
 }
 
+TEST_F(GenCPOverCCI, AFailedQueryNamesTheExportedFunction)
+{
+    struct Reports {
+        std::mutex mutex;
+        std::string text;
+    } reports;
+    ASSERT_EQ(LIBCSI_OK, libcsi_register_report_callback(
+                             [](void* context, const char* line) {
+                                 auto* r = static_cast<Reports*>(context);
+                                 std::lock_guard<std::mutex> lock(r->mutex);
+                                 r->text += line;
+                             },
+                             &reports));
+    auto& config = LibCSIImpl::TheConfig();
+    const auto saved = config.logLevel;
+    config.logLevel = 2;
+    board.system->FailIoctl(0, "VIDIOC_G_MIN_ANNOUNCED_FRAMES", EIO, 1);
+    std::uint32_t frames = 0;
+    EXPECT_EQ(LIBCSI_DRIVER_CALL_FAILED, libcsi_get_min_announced_frames(device, &frames));
+    config.logLevel = saved;
+    ASSERT_EQ(LIBCSI_OK, libcsi_deinit()); // delivers what the report queue holds
+    ASSERT_EQ(LIBCSI_OK, libcsi_init());
+    EXPECT_NE(std::string::npos,
+              reports.text.find(" libcsi_get_min_announced_frames ERROR: VIDIOC_G_MIN_ANNOUNCED_FRAMES failed (errno=5"))
+        << reports.text;
+    EXPECT_EQ(std::string::npos, reports.text.find("operator()"));
+    EXPECT_EQ(LIBCSI_OK, libcsi_update_device_list());
+    device = nullptr;
+}
+
 TEST_F(GenCPOverCCI, ArgumentsAndBuffers)
 {
     auto command = SimTest::Harness::ReadCommand(0x44, 64, 1);

@@ -184,7 +184,7 @@ TEST_F(CCIChannel, HandlersRefuseWhatTheyCannotCarry)
 class HeldHandler : public LibCSI::EndpointHandler {
 public:
     using EndpointHandler::EndpointHandler;
-    void Submit(void*, std::size_t, Callback callback) override { held = std::move(callback); }
+    void Submit(void*, std::size_t, const Callback& callback) override { held = callback; }
     Callback held;
 };
 

@@ -96,6 +96,17 @@ enum libcsi_frame_status {
     LIBCSI_FRAME_UNUSED = 4
 };
 
+/* The frame callback.
+ * Thread: the device's frame callback thread (started by libcsi_open_device,
+ *   ended by libcsi_close_device), one call at a time per device, in the
+ *   order the frames left the driver.
+ * Locks held while it runs: none of libcsi's. The callback thread releases
+ *   the device's output mutex around the call, and no frame thread ever takes
+ *   the library or device mutex.
+ * May call: libcsi_queue_frame with the frame it was given, and any other
+ *   libcsi function on the device, except the two that wait for this thread:
+ *   libcsi_close_device and libcsi_deinit. Whatever it throws is caught and
+ *   logged. */
 typedef void (*libcsi_frame_callback_t)(void* pContext, frame_handle_t* pFrameHandle, lib_frame_transfer* pFrame,
                                         uint64_t nUserValue, uint32_t nStatus);
 
@@ -108,7 +119,21 @@ typedef struct {
     double m_dFrameRate;
 } libcsi_stream_statistics_t;
 
+/* The discovery callback: a camera's availability changed.
+ * Thread: libcsi's discovery message thread (libcsi_init to libcsi_deinit),
+ *   one call at a time, in the order the changes were seen.
+ * Locks held while it runs: none; the discovery message mutex is released
+ *   around the call.
+ * May call: any libcsi function except libcsi_deinit, which waits for this
+ *   thread. */
 typedef void (*libcsi_discovery_callback_t)(void* pContext, const char* sPortID, bool bAvailable);
+/* The report callback: one log line of libcsi, as text.
+ * Thread: libcsi's report message thread (libcsi_init to libcsi_deinit), one
+ *   call at a time, in the order the lines were logged.
+ * Locks held while it runs: none; the report mutex is released around the
+ *   call.
+ * May call: any libcsi function except libcsi_deinit, which waits for this
+ *   thread. */
 typedef void (*libcsi_report_callback_t)(void* pContext, const char* sMessage);
 
 LIBCSI_API int32_t libcsi_get_version(uint32_t* pVersion);
