@@ -351,6 +351,34 @@ protected:
         return packet;
     }
 
+    // What libcsi reports while `action` runs at `logLevel`. Reinitialises
+    // libcsi to deliver the report queue, which closes `device`.
+    template <class Action>
+    std::string ReportsOf(std::int32_t logLevel, Action action)
+    {
+        struct Reports {
+            std::mutex mutex;
+            std::string text;
+        } reports;
+        EXPECT_EQ(LIBCSI_OK, libcsi_register_report_callback(
+                                 [](void* context, const char* line) {
+                                     auto* r = static_cast<Reports*>(context);
+                                     std::lock_guard<std::mutex> lock(r->mutex);
+                                     r->text += line;
+                                 },
+                                 &reports));
+        auto& config = LibCSIImpl::TheConfig();
+        const auto saved = config.logLevel;
+        config.logLevel = logLevel;
+        action();
+        config.logLevel = saved;
+        EXPECT_EQ(LIBCSI_OK, libcsi_deinit());
+        EXPECT_EQ(LIBCSI_OK, libcsi_init());
+        EXPECT_EQ(LIBCSI_OK, libcsi_update_device_list());
+        device = nullptr;
+        return reports.text;
+    }
+
     VirtualBoard board;
     device_handle_t* device = nullptr;
 };
@@ -405,63 +433,29 @@ TEST_F(GenCPOverCCI, PacketsWithTheirChecksumsAndRequestIDs)
 
 TEST_F(GenCPOverCCI, PacketsAreDecodedIntoTheVerboseLog)
 {
-    struct Reports {
-        std::mutex mutex;
-        std::string text;
-    } reports;
-    ASSERT_EQ(LIBCSI_OK, libcsi_register_report_callback(
-                             [](void* context, const char* line) {
-                                 auto* r = static_cast<Reports*>(context);
-                                 std::lock_guard<std::mutex> lock(r->mutex);
-                                 r->text += line;
-                             },
-                             &reports));
-    auto& config = LibCSIImpl::TheConfig();
-    const auto saved = config.logLevel;
-    config.logLevel = 5;
-    const std::uint32_t start = 1;
-    auto write = SimTest::Harness::WriteCommand(0x10220000, &start, 4, 30);
-    ASSERT_EQ(LIBCSI_OK, libcsi_write_gencp(device, write.data(), write.size(), 200));
-    ASSERT_EQ(20u, Read().size());
-    config.logLevel = saved;
-    ASSERT_EQ(LIBCSI_OK, libcsi_deinit()); // delivers what the report queue holds
-    ASSERT_EQ(LIBCSI_OK, libcsi_init());
+    const std::string reports = ReportsOf(5, [&] {
+        const std::uint32_t start = 1;
+        auto write = SimTest::Harness::WriteCommand(0x10220000, &start, 4, 30);
+        ASSERT_EQ(LIBCSI_OK, libcsi_write_gencp(device, write.data(), write.size(), 200));
+        ASSERT_EQ(20u, Read().size());
+    });
     for (const char* wanted : {"GenCP packet decode (SEND):", "(REQUEST_ACK)", "WRITEMEM_CMD",
                                "(STREAMDBG RegAcquisitionStart)", "GenCP packet decode (RECEIVE):",
                                "GENCP_SUCCESS", "WRITEMEM_ACK", "LengthWritten: 4"})
-        EXPECT_NE(std::string::npos, reports.text.find(wanted)) << wanted;
-    EXPECT_EQ(LIBCSI_OK, libcsi_update_device_list());
-    device = nullptr;
+        EXPECT_NE(std::string::npos, reports.find(wanted)) << wanted;
 }
 
 TEST_F(GenCPOverCCI, AFailedQueryNamesTheExportedFunction)
 {
-    struct Reports {
-        std::mutex mutex;
-        std::string text;
-    } reports;
-    ASSERT_EQ(LIBCSI_OK, libcsi_register_report_callback(
-                             [](void* context, const char* line) {
-                                 auto* r = static_cast<Reports*>(context);
-                                 std::lock_guard<std::mutex> lock(r->mutex);
-                                 r->text += line;
-                             },
-                             &reports));
-    auto& config = LibCSIImpl::TheConfig();
-    const auto saved = config.logLevel;
-    config.logLevel = 2;
-    board.system->FailIoctl(0, "VIDIOC_G_MIN_ANNOUNCED_FRAMES", EIO, 1);
-    std::uint32_t frames = 0;
-    EXPECT_EQ(LIBCSI_DRIVER_CALL_FAILED, libcsi_get_min_announced_frames(device, &frames));
-    config.logLevel = saved;
-    ASSERT_EQ(LIBCSI_OK, libcsi_deinit()); // delivers what the report queue holds
-    ASSERT_EQ(LIBCSI_OK, libcsi_init());
+    const std::string reports = ReportsOf(2, [&] {
+        board.system->FailIoctl(0, "VIDIOC_G_MIN_ANNOUNCED_FRAMES", EIO, 1);
+        std::uint32_t frames = 0;
+        EXPECT_EQ(LIBCSI_DRIVER_CALL_FAILED, libcsi_get_min_announced_frames(device, &frames));
+    });
     EXPECT_NE(std::string::npos,
-              reports.text.find(" libcsi_get_min_announced_frames ERROR: VIDIOC_G_MIN_ANNOUNCED_FRAMES failed (errno=5"))
-        << reports.text;
-    EXPECT_EQ(std::string::npos, reports.text.find("operator()"));
-    EXPECT_EQ(LIBCSI_OK, libcsi_update_device_list());
-    device = nullptr;
+              reports.find(" libcsi_get_min_announced_frames ERROR: VIDIOC_G_MIN_ANNOUNCED_FRAMES failed (errno=5"))
+        << reports;
+    EXPECT_EQ(std::string::npos, reports.find("operator()"));
 }
 
 TEST_F(GenCPOverCCI, ArgumentsAndBuffers)
