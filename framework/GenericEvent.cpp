@@ -36,7 +36,10 @@ GC_ERROR GenericWaitSlot::Wait(void* target, std::size_t* targetSize, std::uint6
     data = target;
     size = targetSize;
     state = Waiting;
-    if (timeout == GenericEvent::Infinite) {
+    // Beyond this many milliseconds (about 34 years) a deadline would overflow
+    // the clock; such a wait lasts as long as an infinite one.
+    constexpr std::uint64_t longestTimedWait = std::uint64_t{1} << 40;
+    if (timeout == GenericEvent::Infinite || timeout >= longestTimedWait) {
         while (state == Waiting)
             condition.Wait(*mutex);
     } else {

@@ -143,7 +143,7 @@ using namespace QEL::LibCSIImpl;
 
 extern "C" {
 
-int32_t libcsi_get_version(uint32_t* pVersion)
+int32_t libcsi_get_version(uint32_t pVersion[4])
 {
     if (!pVersion)
         return LIBCSI_INVALID_PARAMETER;

@@ -38,15 +38,18 @@ protected:
         GC_ERROR code = 1;
         ErrorData data{};
         std::pair<GC_ERROR, std::string> error;
+        std::atomic<bool> returned{false};
     };
 
-    std::thread Waiter(EVENT_HANDLE event, Result& result, size_t size = sizeof(ErrorData))
+    std::thread Waiter(EVENT_HANDLE event, Result& result, size_t size = sizeof(ErrorData),
+                       std::uint64_t timeout = kInfinite)
     {
-        return std::thread([this, event, &result, size] {
+        return std::thread([this, event, &result, size, timeout] {
             size_t n = size;
-            result.code = tl.EventGetData(event, &result.data, &n, kInfinite);
+            result.code = tl.EventGetData(event, &result.data, &n, timeout);
             if (result.code != GC_ERR_SUCCESS)
                 result.error = LastError();
+            result.returned = true;
         });
     }
 };
@@ -151,6 +154,23 @@ TEST_F(Events, RegistrationRules)
     ASSERT_EQ(GC_ERR_SUCCESS, tl.GCUnregisterEvent(handle, EVENT_ERROR));
     EXPECT_EQ(GC_ERR_INVALID_HANDLE, tl.EventFlush(event)) << "the event died with its registration";
     EXPECT_EQ(Err(GC_ERR_INVALID_HANDLE, "Invalid handle passed."), LastError());
+}
+
+TEST_F(Events, TimeoutsBeyondTheClockWaitForData)
+{
+    EVENT_HANDLE event = Register(EVENT_ERROR);
+    for (std::uint64_t timeout : {std::uint64_t{1} << 40, std::uint64_t{1} << 63, kInfinite - 1}) {
+        Result result;
+        std::thread waiter = Waiter(event, result, sizeof(ErrorData), timeout);
+        auto generic = std::dynamic_pointer_cast<GenericEvent>(Handleable::FromHandle(event));
+        ASSERT_TRUE(generic);
+        while (generic->GetWaiterCount() < 1 && !result.returned)
+            std::this_thread::sleep_for(1ms);
+        RaiseError(GC_ERR_BUSY, "worth the wait");
+        waiter.join();
+        EXPECT_EQ(GC_ERR_SUCCESS, result.code) << "timeout " << timeout << ": " << result.error.second;
+        EXPECT_STREQ("worth the wait", result.data.text);
+    }
 }
 
 TEST_F(Events, KillsEndTheOldestWaitOrAddUp)

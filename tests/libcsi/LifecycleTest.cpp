@@ -136,9 +136,10 @@ TEST_F(ConfigFolder, LogFileStopsAfterOneMillionEntries)
 
 TEST(Lifecycle, InitDeinitAndCallbacks)
 {
-    std::uint32_t version[4] = {9, 9, 9, 9};
-    EXPECT_EQ(LIBCSI_OK, libcsi_get_version(version));
-    EXPECT_EQ((std::vector<std::uint32_t>{1, 1, 0, 0}), std::vector<std::uint32_t>(version, version + 4));
+    // Four words and not one more: the guards on both sides stay as they were.
+    std::uint32_t guarded[6] = {7, 9, 9, 9, 9, 7};
+    EXPECT_EQ(LIBCSI_OK, libcsi_get_version(guarded + 1));
+    EXPECT_EQ((std::vector<std::uint32_t>{7, 1, 1, 0, 0, 7}), std::vector<std::uint32_t>(guarded, guarded + 6));
     EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_get_version(nullptr));
 
     EXPECT_EQ(LIBCSI_NOT_INITIALIZED, libcsi_deinit());

@@ -136,7 +136,8 @@ typedef void (*libcsi_discovery_callback_t)(void* pContext, const char* sPortID,
  *   thread. */
 typedef void (*libcsi_report_callback_t)(void* pContext, const char* sMessage);
 
-LIBCSI_API int32_t libcsi_get_version(uint32_t* pVersion);
+/* Fills four words: major, minor, patch, build. */
+LIBCSI_API int32_t libcsi_get_version(uint32_t pVersion[4]);
 LIBCSI_API int32_t libcsi_init(void);
 LIBCSI_API int32_t libcsi_deinit(void);
 LIBCSI_API int32_t libcsi_register_discovery_callback(libcsi_discovery_callback_t pCallback, void* pContext);
