@@ -7,6 +7,7 @@
 
 #include <boost/format.hpp>
 
+#include <atomic>
 #include <cstring>
 #include <new>
 
@@ -66,6 +67,28 @@ void Endpoint::Start()
 
 Endpoint::~Endpoint()
 {
+    // libcsi holds pointers into the frame records: they go before the records do.
+    if (number == ENDPOINT_MODE_SI) {
+        try {
+            if (streaming)
+                StopStreaming();
+            if (GetBufferCount())
+                FlushBuffers();
+        } catch (...) {
+        }
+        std::map<frame_handle_t*, std::shared_ptr<DataTransfer>> left;
+        {
+            MutexGuard guard(&frameMutex);
+            left.swap(frames);
+            payloads.clear();
+        }
+        for (const auto& frame : left) {
+            try {
+                wrapper->RevokeFrame(frame.first);
+            } catch (...) {
+            }
+        }
+    }
     {
         MutexGuard guard(&mutex);
         if (state == Running) {
@@ -270,5 +293,182 @@ void Endpoint::OnEventChannelEvent(lib_channel_transfer* transfer)
 }
 
 void Endpoint::OnDebugChannelEvent(lib_channel_transfer*) {}
+
+// Frames.
+
+namespace {
+
+// Counts emulated frames across all endpoints, as a camera counts its blocks.
+std::atomic<std::uint64_t> emulatedBlockId{1};
+
+}
+
+std::shared_ptr<Endpoint::DataTransfer> Endpoint::MakeDataTransfer(DataTransfer::Origin origin, void* payload,
+                                                                   std::size_t size, std::uint32_t leaderSize,
+                                                                   std::uint32_t trailerSize, FrameCallback callback)
+{
+    if (size < 1)
+        throw System::Exception("Invalid size passed.");
+    auto transfer = std::make_shared<DataTransfer>();
+    transfer->origin = origin;
+    transfer->endpoint = this;
+    transfer->callback = std::move(callback);
+    if (emulateLeaderTrailer)
+        leaderSize = trailerSize = 0;
+    lib_frame_transfer& frame = transfer->record.frame;
+    frame.m_nLeaderSize = leaderSize;
+    frame.m_nPayloadSize = size;
+    frame.m_nTrailerSize = trailerSize;
+    if (origin == DataTransfer::Announced) {
+        transfer->leader.resize(leaderSize);
+        transfer->trailer.resize(trailerSize);
+        frame.m_pLeader = leaderSize ? reinterpret_cast<std::uintptr_t>(transfer->leader.data()) : 0;
+        frame.m_pPayload = reinterpret_cast<std::uintptr_t>(payload);
+        frame.m_pTrailer = trailerSize ? reinterpret_cast<std::uintptr_t>(transfer->trailer.data()) : 0;
+    }
+    transfer->record.callback = &Endpoint::OnStreamChannelFrameReady;
+    transfer->record.context = this;
+    return transfer;
+}
+
+void* Endpoint::AllocateBuffer(std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size, std::uint32_t leaderSize,
+                               std::uint32_t trailerSize, FrameCallback callback)
+{
+    MutexGuard guard(&frameMutex);
+    auto transfer =
+        MakeDataTransfer(DataTransfer::Allocated, nullptr, size, leaderSize, trailerSize, std::move(callback));
+    frame_handle_t* handle = wrapper->AllocAndAnnounceFrame(ipuX, ipuY, &transfer->record);
+    if (!handle)
+        return nullptr;
+    void* payload = reinterpret_cast<void*>(transfer->record.frame.m_pPayload);
+    frames[handle] = transfer;
+    payloads[payload] = handle;
+    return payload;
+}
+
+frame_handle_t* Endpoint::AnnounceLocked(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
+                                         std::uint32_t leaderSize, std::uint32_t trailerSize, FrameCallback callback)
+{
+    if (!payload)
+        throw System::Exception("No data passed.");
+    const auto known = payloads.find(payload);
+    if (known != payloads.end())
+        return known->second;
+    auto transfer =
+        MakeDataTransfer(DataTransfer::Announced, payload, size, leaderSize, trailerSize, std::move(callback));
+    frame_handle_t* handle = wrapper->AnnounceFrame(ipuX, ipuY, &transfer->record);
+    if (!handle)
+        return nullptr;
+    frames[handle] = transfer;
+    payloads[payload] = handle;
+    return handle;
+}
+
+frame_handle_t* Endpoint::AnnounceBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
+                                         std::uint32_t leaderSize, std::uint32_t trailerSize, FrameCallback callback)
+{
+    MutexGuard guard(&frameMutex);
+    return AnnounceLocked(payload, ipuX, ipuY, size, leaderSize, trailerSize, std::move(callback));
+}
+
+std::int32_t Endpoint::QueueBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
+                                   std::uint32_t leaderSize, std::uint32_t trailerSize, FrameCallback callback)
+{
+    MutexGuard guard(&frameMutex);
+    frame_handle_t* handle = AnnounceLocked(payload, ipuX, ipuY, size, leaderSize, trailerSize, callback);
+    if (!handle)
+        return LIBCSI_ERROR;
+    const std::shared_ptr<DataTransfer>& transfer = frames.at(handle);
+    // A new round may come with another handler than the announcement had.
+    if (callback)
+        transfer->callback = std::move(callback);
+    return wrapper->QueueFrame(&transfer->record);
+}
+
+std::int32_t Endpoint::FlushBuffers() { return wrapper->FlushFrames(); }
+
+void Endpoint::RevokeBuffers()
+{
+    std::map<frame_handle_t*, std::shared_ptr<DataTransfer>> revoked;
+    {
+        MutexGuard guard(&frameMutex);
+        revoked.swap(frames);
+        payloads.clear();
+    }
+    for (const auto& [handle, transfer] : revoked) {
+        wrapper->RevokeFrame(handle);
+        frame_info canceled;
+        canceled.result = RESULT_Unused;
+        if (transfer->callback)
+            transfer->callback(canceled);
+    }
+}
+
+std::size_t Endpoint::GetBufferCount() const
+{
+    MutexGuard guard(&frameMutex);
+    return frames.size();
+}
+
+void Endpoint::SetEmulateLeaderTrailer(bool emulate)
+{
+    MutexGuard guard(&frameMutex);
+    emulateLeaderTrailer = emulate;
+}
+
+void Endpoint::SetLeaderTrailerParam(const LeaderTrailerParameters& p)
+{
+    Library::MediaLog((boost::format("Endpoint::SetLeaderTrailerParam:\nnGenCPImageSizeX=%1%\nnGenCPImageSizeY=%2%"
+                                     "\nnGenCPImageOffsetX=%3%\nnGenCPImageOffsetY=%4%\nnGenCPImagePaddingX=%5%"
+                                     "\nnGenCPImagePixelFormat=0x%6$x\nnGenCPImagePayloadType=%7%"
+                                     "\nnGenCPValidPayloadSize=%8%\nnGenCPChunkLayoutID=%9%") %
+                       p.sizeX % p.sizeY % p.offsetX % p.offsetY % p.paddingX % p.pixelFormat % p.payloadType %
+                       p.validPayloadSize % p.chunkLayoutId)
+                          .str());
+    MutexGuard guard(&frameMutex);
+    leaderTrailer = p;
+}
+
+std::int32_t Endpoint::StartStreaming(std::uint8_t dataIdentifier)
+{
+    streamRecord = std::make_shared<lib_channel_transfer>();
+    streamRecord->context = this;
+    streamRecord->callback = &Endpoint::OnStreamChannelEvent;
+    Library::MediaLog("Endpoint::StartStreaming(..)");
+    const std::int32_t result = wrapper->StartStream(dataIdentifier, streamRecord.get());
+    streaming = result == 0;
+    return result;
+}
+
+std::int32_t Endpoint::StopStreaming()
+{
+    streaming = false;
+    return wrapper->StopStream();
+}
+
+void Endpoint::OnStreamChannelFrameReady(FrameRecord* record)
+{
+    if (record && record->context)
+        static_cast<Endpoint*>(record->context)->EnqueueMessage(record);
+}
+
+void Endpoint::EnqueueMessage(FrameRecord* record)
+{
+    MutexGuard guard(&frameMutex);
+    const auto found = frames.find(record->handle);
+    if (found == frames.end() || !found->second) {
+        guard.Release();
+        Library::MediaLog("Endpoint::EnqueueMessage Transfer not found or found Transfer = NULL");
+        return;
+    }
+    const std::shared_ptr<DataTransfer> transfer = found->second;
+    const bool emulated = emulateLeaderTrailer;
+    const LeaderTrailerParameters parameters = leaderTrailer;
+    guard.Release();
+    const frame_info info = emulated ? EmulatedFrameInfo(parameters, emulatedBlockId.fetch_add(1))
+                                     : FrameInfoFromLeaderTrailer(record->frame, record->status);
+    if (transfer->callback)
+        transfer->callback(info);
+}
 
 } }

@@ -5,10 +5,14 @@
 #include "base/Object.h"
 #include "transport/ChannelTransfer.h"
 #include "transport/Descriptors.h"
+#include "transport/FrameInfo.h"
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
+#include <vector>
 #include <memory>
 #include <thread>
 
@@ -43,7 +47,50 @@ public:
     void EnqueueEvent(const void* data, std::size_t size);
     std::uint64_t GetDroppedFrames() const;
 
+    // Frames. The callback gets each finished frame, on libcsi's frame
+    // callback thread and without the endpoint's locks.
+    using FrameCallback = std::function<void(const frame_info& frame)>;
+    // A frame buffer of libcsi's own; its payload address, or null when libcsi refused.
+    void* AllocateBuffer(std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size, std::uint32_t leaderSize,
+                         std::uint32_t trailerSize, FrameCallback callback);
+    // The caller's payload memory as a frame buffer; the handle, or null when
+    // libcsi refused. A payload announced before keeps its first handle.
+    frame_handle_t* AnnounceBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
+                                   std::uint32_t leaderSize, std::uint32_t trailerSize, FrameCallback callback);
+    // Hands the frame buffer of `payload` to the driver, announcing it first
+    // if needed; libcsi's result (0 success).
+    std::int32_t QueueBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
+                             std::uint32_t leaderSize, std::uint32_t trailerSize, FrameCallback callback);
+    std::int32_t FlushBuffers();
+    // Revokes every frame buffer; each buffer's callback hears of it with RESULT_Unused.
+    void RevokeBuffers();
+    std::size_t GetBufferCount() const;
+    void SetEmulateLeaderTrailer(bool emulate);
+    void SetLeaderTrailerParam(const LeaderTrailerParameters& parameters);
+    // Starts libcsi's stream with the CSI data identifier.
+    std::int32_t StartStreaming(std::uint8_t dataIdentifier);
+    std::int32_t StopStreaming();
+
 private:
+    struct DataTransfer {
+        enum Origin : std::int32_t { Allocated = 0, Announced = 1 };
+        std::uint64_t userValue = 0;
+        std::uint32_t status = 0;
+        Origin origin = Announced;
+        FrameRecord record;
+        FrameCallback callback;
+        // Where the camera's leader and trailer land for a buffer of the caller.
+        std::vector<std::uint8_t> leader, trailer;
+        Endpoint* endpoint = nullptr;
+    };
+    std::shared_ptr<DataTransfer> MakeDataTransfer(DataTransfer::Origin origin, void* payload, std::size_t size,
+                                                   std::uint32_t leaderSize, std::uint32_t trailerSize,
+                                                   FrameCallback callback);
+    frame_handle_t* AnnounceLocked(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
+                                   std::uint32_t leaderSize, std::uint32_t trailerSize, FrameCallback callback);
+    static void OnStreamChannelFrameReady(FrameRecord* record);
+    void EnqueueMessage(FrameRecord* record);
+
     struct Transfer {
         ControlTransfer control;
         Completion completion;
@@ -74,6 +121,15 @@ private:
     // The record through which libcsi reaches this endpoint's channel.
     std::shared_ptr<lib_channel_transfer> channelRecord;
     std::uint64_t droppedFrames = 0;
+
+    mutable System::Mutex frameMutex;
+    std::map<frame_handle_t*, std::shared_ptr<DataTransfer>> frames;
+    std::map<const void*, frame_handle_t*> payloads;
+    bool emulateLeaderTrailer = false;
+    LeaderTrailerParameters leaderTrailer;
+    std::shared_ptr<lib_channel_transfer> streamRecord;
+    std::atomic<bool> streaming{false};
+
     std::thread thread;
 };
 

@@ -183,3 +183,67 @@ std::string EndpointHandler::GetSerialNumber() { return GetInfo()->GetSerialNumb
 std::string EndpointHandler::GetPortID() { return GetInfo()->GetPortID(); }
 
 } }
+
+namespace QEL { namespace LibCSI {
+
+std::int32_t EndpointHandler::StartStreaming(std::uint8_t dataIdentifier)
+{
+    CheckRunning();
+    return endpoint->StartStreaming(dataIdentifier);
+}
+
+std::int32_t EndpointHandler::StopStreaming()
+{
+    CheckRunning();
+    return endpoint->StopStreaming();
+}
+
+void* EndpointHandler::AllocateBuffer(std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
+                                      std::uint32_t leaderSize, std::uint32_t trailerSize,
+                                      Endpoint::FrameCallback callback)
+{
+    CheckRunning();
+    return endpoint->AllocateBuffer(ipuX, ipuY, size, leaderSize, trailerSize, std::move(callback));
+}
+
+frame_handle_t* EndpointHandler::AnnounceBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY,
+                                                std::size_t size, std::uint32_t leaderSize,
+                                                std::uint32_t trailerSize, Endpoint::FrameCallback callback)
+{
+    CheckRunning();
+    return endpoint->AnnounceBuffer(payload, ipuX, ipuY, size, leaderSize, trailerSize, std::move(callback));
+}
+
+std::int32_t EndpointHandler::QueueBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
+                                          std::uint32_t leaderSize, std::uint32_t trailerSize,
+                                          Endpoint::FrameCallback callback)
+{
+    CheckRunning();
+    return endpoint->QueueBuffer(payload, ipuX, ipuY, size, leaderSize, trailerSize, std::move(callback));
+}
+
+std::int32_t EndpointHandler::FlushBuffers()
+{
+    CheckRunning();
+    return endpoint->FlushBuffers();
+}
+
+void EndpointHandler::RevokeBuffers()
+{
+    CheckRunning();
+    endpoint->RevokeBuffers();
+}
+
+void EndpointHandler::SetEmulateLeaderTrailer(bool emulate)
+{
+    CheckRunning();
+    endpoint->SetEmulateLeaderTrailer(emulate);
+}
+
+void EndpointHandler::SetLeaderTrailerParam(const LeaderTrailerParameters& parameters)
+{
+    CheckRunning();
+    endpoint->SetLeaderTrailerParam(parameters);
+}
+
+} }

@@ -3,6 +3,7 @@
 #include "support/Condition.h"
 #include "support/Mutex.h"
 #include "base/Object.h"
+#include "transport/Endpoint.h"
 #include "transport/Transfer.h"
 
 #include <cstdint>
@@ -15,7 +16,6 @@
 namespace QEL { namespace LibCSI {
 
 class CSIInfo;
-class Endpoint;
 
 // The checked front of an endpoint that the channels hold: it bounds the
 // transfers in flight and turns libcsi's status words into transfer results.
@@ -32,6 +32,22 @@ public:
 
     virtual void Submit(void* buffer, std::size_t size, const Callback& callback);
     virtual void AbortTransfers();
+    // The stream: what the endpoint does with frames, checked for a running handler.
+    virtual std::int32_t StartStreaming(std::uint8_t dataIdentifier);
+    virtual std::int32_t StopStreaming();
+    virtual void* AllocateBuffer(std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size, std::uint32_t leaderSize,
+                                 std::uint32_t trailerSize, Endpoint::FrameCallback callback);
+    virtual frame_handle_t* AnnounceBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
+                                           std::uint32_t leaderSize, std::uint32_t trailerSize,
+                                           Endpoint::FrameCallback callback);
+    virtual std::int32_t QueueBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
+                                     std::uint32_t leaderSize, std::uint32_t trailerSize,
+                                     Endpoint::FrameCallback callback);
+    virtual std::int32_t FlushBuffers();
+    virtual void RevokeBuffers();
+    virtual void SetEmulateLeaderTrailer(bool emulate);
+    virtual void SetLeaderTrailerParam(const LeaderTrailerParameters& parameters);
+
     virtual void SubmitEvent(void* buffer, std::size_t size, const Callback& callback);
     virtual void AbortEvents();
 
