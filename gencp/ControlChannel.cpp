@@ -266,6 +266,11 @@ std::uint8_t ControlChannel::ReadRegister8(std::uint64_t address)
     return static_cast<std::uint8_t>(ReadValue(address, 1));
 }
 
+std::uint16_t ControlChannel::ReadRegister16(std::uint64_t address)
+{
+    return static_cast<std::uint16_t>(ReadValue(address, 2));
+}
+
 std::uint32_t ControlChannel::ReadRegister32(std::uint64_t address)
 {
     return static_cast<std::uint32_t>(ReadValue(address, 4));

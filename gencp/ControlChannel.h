@@ -53,6 +53,7 @@ public:
     void WriteMemory(std::uint64_t address, const void* data, std::size_t size);
 
     std::uint8_t ReadRegister8(std::uint64_t address);
+    std::uint16_t ReadRegister16(std::uint64_t address);
     std::uint32_t ReadRegister32(std::uint64_t address);
     std::uint64_t ReadRegister64(std::uint64_t address);
     void WriteRegister32(std::uint64_t address, std::uint32_t value);

@@ -137,7 +137,8 @@ void ControlChannel::Init(const std::shared_ptr<LibCSI::EndpointHandler>& in,
     }
 
     linkBytesPerSecond = 0x3000;
-    linkBytesPerSecond = GetCurrentSpeed();
+    if (!BytesPerSecondOfSpeedCode(outHandler->GetLinkSpeed(), linkBytesPerSecond))
+        Fail("Unknown link speed speed found.");
     Log((boost::format("ControlChannel::Init: Effective bytes per second: %1%") % linkBytesPerSecond).str());
 }
 
@@ -344,18 +345,23 @@ Base::GenCP::ManifestEntry ControlChannel::GetManifestEntry(std::uint64_t index)
     return entry;
 }
 
+bool ControlChannel::BytesPerSecondOfSpeedCode(std::uint32_t code, std::uint64_t& bytesPerSecond)
+{
+    switch (code) {
+    case 0: bytesPerSecond = 0x3333; return true;
+    case 1: bytesPerSecond = 0xCCCC; return true;
+    case 2: bytesPerSecond = 0x20000; return true;
+    case 4: bytesPerSecond = 0x6CCCC; return true;
+    case 8: bytesPerSecond = 0xA0000; return true;
+    default: return false;
+    }
+}
+
 std::uint64_t ControlChannel::GetCurrentSpeed()
 {
     if (!(cachedFlags & CachedSpeed)) {
-        const std::uint32_t code = outHandler->GetLinkSpeed();
-        switch (code) {
-        case 0: currentSpeed = 0x3333; break;
-        case 1: currentSpeed = 0xCCCC; break;
-        case 2: currentSpeed = 0x20000; break;
-        case 4: currentSpeed = 0x6CCCC; break;
-        case 8: currentSpeed = 0xA0000; break;
-        default: Fail("Invalid device speed found.");
-        }
+        if (!BytesPerSecondOfSpeedCode(outHandler->GetLinkSpeed(), currentSpeed))
+            Fail("Invalid device speed found.");
         cachedFlags |= CachedSpeed;
     }
     Log((boost::format("ControlChannel::GetCurrentSpeed: Current link speed: %1%") % currentSpeed).str());
@@ -434,6 +440,54 @@ void ControlChannel::SetIPURestrictions(std::uint32_t streamIndex, const std::ui
         for (int b = 0; b < 4; ++b)
             bytes[4 * i + b] = static_cast<std::uint8_t>(restrictions[i] >> (8 * b));
     WriteMemory(GetSIRMAddress(streamIndex) + 56, bytes, sizeof bytes);
+}
+
+bool ControlChannel::IsStreamEnabled(std::uint32_t streamIndex)
+{
+    return (ReadRegister8(GetSIRMAddress(streamIndex)) & 1u) != 0;
+}
+
+std::uint32_t ControlChannel::GetMaxLeaderSize(std::uint32_t i) { return ReadRegister32(GetSIRMAddress(i) + 4); }
+std::uint64_t ControlChannel::GetPayloadSize(std::uint32_t i) { return ReadRegister64(GetSIRMAddress(i) + 8); }
+std::uint32_t ControlChannel::GetMaxTrailerSize(std::uint32_t i) { return ReadRegister32(GetSIRMAddress(i) + 16); }
+
+std::set<std::uint32_t> ControlChannel::GetDeviceDataIdentifiers(std::uint32_t streamIndex)
+{
+    std::set<std::uint32_t> identifiers;
+    const std::uint64_t address = GetSIRMAddress(streamIndex);
+    for (std::uint32_t word = 0; word < 4; ++word) {
+        const std::uint64_t bits = ReadRegister64(address + 20 + 8 * word);
+        for (std::uint32_t bit = 0; bit < 64; ++bit)
+            if (bits & (std::uint64_t{1} << bit))
+                identifiers.insert(64 * word + bit);
+    }
+    return identifiers;
+}
+
+std::uint8_t ControlChannel::GetDataIdentifier(std::uint32_t i) { return ReadRegister8(GetSIRMAddress(i) + 52); }
+
+void ControlChannel::SetDataIdentifier(std::uint32_t i, std::uint8_t identifier)
+{
+    WriteRegister32(GetSIRMAddress(i) + 52, identifier);
+}
+
+std::uint32_t ControlChannel::GetIPUX(std::uint32_t i) { return ReadRegister32(GetSIRMAddress(i) + 80); }
+std::uint32_t ControlChannel::GetIPUY(std::uint32_t i) { return ReadRegister32(GetSIRMAddress(i) + 84); }
+std::uint32_t ControlChannel::GetImageSizeX(std::uint32_t i) { return ReadRegister32(GetSIRMAddress(i) + 88); }
+std::uint32_t ControlChannel::GetImageSizeY(std::uint32_t i) { return ReadRegister32(GetSIRMAddress(i) + 92); }
+std::uint32_t ControlChannel::GetImageOffsetX(std::uint32_t i) { return ReadRegister32(GetSIRMAddress(i) + 96); }
+std::uint32_t ControlChannel::GetImageOffsetY(std::uint32_t i) { return ReadRegister32(GetSIRMAddress(i) + 100); }
+std::uint16_t ControlChannel::GetImagePaddingX(std::uint32_t i) { return ReadRegister16(GetSIRMAddress(i) + 104); }
+std::uint32_t ControlChannel::GetImagePixelFormat(std::uint32_t i) { return ReadRegister32(GetSIRMAddress(i) + 108); }
+std::uint16_t ControlChannel::GetImagePayloadType(std::uint32_t i) { return ReadRegister16(GetSIRMAddress(i) + 112); }
+std::uint64_t ControlChannel::GetValidPayloadSize(std::uint32_t i) { return ReadRegister64(GetSIRMAddress(i) + 116); }
+std::uint32_t ControlChannel::GetChunkLayoutID(std::uint32_t i) { return ReadRegister32(GetSIRMAddress(i) + 124); }
+
+void ControlChannel::GetCSIDataIdentifiers(std::uint32_t streamIndex, std::set<std::uint32_t>& host,
+                                           std::set<std::uint32_t>& device)
+{
+    host = outHandler->GetSupportedDataIdentifiers();
+    device = GetDeviceDataIdentifiers(streamIndex);
 }
 
 std::uint32_t ControlChannel::GetMinimumAlignment()

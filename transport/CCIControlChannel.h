@@ -54,6 +54,28 @@ public:
     // SIRM.
     void EnableStream(std::uint32_t streamIndex, bool enable);
     void SetIPURestrictions(std::uint32_t streamIndex, const std::uint32_t (&restrictions)[6]);
+    bool IsStreamEnabled(std::uint32_t streamIndex);
+    std::uint32_t GetMaxLeaderSize(std::uint32_t streamIndex);
+    std::uint64_t GetPayloadSize(std::uint32_t streamIndex);
+    std::uint32_t GetMaxTrailerSize(std::uint32_t streamIndex);
+    // The identifiers of the camera's four inquiry words: bit n of word w is identifier 64 w + n.
+    std::set<std::uint32_t> GetDeviceDataIdentifiers(std::uint32_t streamIndex);
+    std::uint8_t GetDataIdentifier(std::uint32_t streamIndex);
+    void SetDataIdentifier(std::uint32_t streamIndex, std::uint8_t identifier);
+    std::uint32_t GetIPUX(std::uint32_t streamIndex);
+    std::uint32_t GetIPUY(std::uint32_t streamIndex);
+    std::uint32_t GetImageSizeX(std::uint32_t streamIndex);
+    std::uint32_t GetImageSizeY(std::uint32_t streamIndex);
+    std::uint32_t GetImageOffsetX(std::uint32_t streamIndex);
+    std::uint32_t GetImageOffsetY(std::uint32_t streamIndex);
+    std::uint16_t GetImagePaddingX(std::uint32_t streamIndex);
+    std::uint32_t GetImagePixelFormat(std::uint32_t streamIndex);
+    std::uint16_t GetImagePayloadType(std::uint32_t streamIndex);
+    std::uint64_t GetValidPayloadSize(std::uint32_t streamIndex);
+    std::uint32_t GetChunkLayoutID(std::uint32_t streamIndex);
+    // The data identifiers the host (libcsi) and the camera (SIRM) support.
+    void GetCSIDataIdentifiers(std::uint32_t streamIndex, std::set<std::uint32_t>& host,
+                               std::set<std::uint32_t>& device);
     // log2 of the frame buffer alignment; 1 when the driver gives none.
     std::uint32_t GetMinimumAlignment();
 
@@ -70,6 +92,8 @@ private:
     void ApplyLinkSettings(const std::shared_ptr<const Settings>& settings);
     void DumpAndPatchAsic(const std::shared_ptr<const Settings>& settings);
     std::uint32_t TransferTime(std::size_t bytes) const;
+    // The link's bytes per second for libcsi's speed code; false for an unknown code.
+    static bool BytesPerSecondOfSpeedCode(std::uint32_t code, std::uint64_t& bytesPerSecond);
     std::uint32_t CachedSBRM32(std::uint64_t flag, std::uint32_t& cache, std::uint64_t offset);
 
     std::shared_ptr<LibCSI::EndpointHandler> inHandler, outHandler;

@@ -205,6 +205,55 @@ TEST_F(CCIChannel, ATransferIsCompleteOnlyWhenItsEndpointSaysSo)
               Failure([&] { TransportLayer::Transfer(nullptr, data, sizeof data); }));
 }
 
+TEST_F(CCIChannel, TheStreamRegistersOfTheSIRM)
+{
+    auto channel = Open();
+    const auto geometry = system->GetFirmware(0).Geometry();
+    EXPECT_EQ(52u, channel->GetMaxLeaderSize(0));
+    EXPECT_EQ(32u, channel->GetMaxTrailerSize(0));
+    EXPECT_EQ(geometry.payloadSize, channel->GetPayloadSize(0));
+    EXPECT_EQ((std::set<std::uint32_t>{42, 49}), channel->GetDeviceDataIdentifiers(0)) << "bits 42 and 49 of word 0";
+    std::set<std::uint32_t> host, camera;
+    channel->GetCSIDataIdentifiers(0, host, camera);
+    EXPECT_FALSE(host.empty()) << "libcsi's";
+    EXPECT_EQ(camera, channel->GetDeviceDataIdentifiers(0));
+    channel->SetDataIdentifier(0, 49);
+    EXPECT_EQ(49u, channel->GetDataIdentifier(0));
+    EXPECT_EQ(geometry.ipuX, channel->GetIPUX(0));
+    EXPECT_EQ(geometry.ipuY, channel->GetIPUY(0));
+    EXPECT_EQ(64u, channel->GetImageSizeX(0));
+    EXPECT_EQ(16u, channel->GetImageSizeY(0));
+    EXPECT_EQ(0u, channel->GetImageOffsetX(0));
+    EXPECT_EQ(0u, channel->GetImageOffsetY(0));
+    EXPECT_EQ(0u, channel->GetImagePaddingX(0));
+    EXPECT_EQ(geometry.format->pfnc, channel->GetImagePixelFormat(0));
+    EXPECT_EQ(1u, channel->GetImagePayloadType(0));
+    EXPECT_EQ(geometry.imageBytes, channel->GetValidPayloadSize(0));
+    EXPECT_EQ(0u, channel->GetChunkLayoutID(0));
+    EXPECT_FALSE(channel->IsStreamEnabled(0));
+    channel->EnableStream(0, true);
+    EXPECT_TRUE(channel->IsStreamEnabled(0));
+    EXPECT_TRUE(system->GetFirmware(0).IsAcquiring()) << "the camera streams once enabled";
+    channel->EnableStream(0, false);
+    EXPECT_FALSE(channel->IsStreamEnabled(0));
+    EXPECT_EQ(Err(GC_ERR_ERROR, "Invalid index passed."), Failure([&] { channel->GetIPUX(1); }));
+}
+
+// A handler that reports a link speed code libcsi never gives.
+class OddSpeedHandler : public LibCSI::EndpointHandler {
+public:
+    using EndpointHandler::EndpointHandler;
+    std::uint32_t GetLinkSpeed() override { return 3; }
+};
+
+TEST_F(CCIChannel, AnUnknownLinkSpeedEndsTheOpen)
+{
+    OpenEndpoints();
+    auto odd = std::make_shared<OddSpeedHandler>(out, 1, out->GetMaxPacketSize(), LibCSI::CONTROL_CHANNEL);
+    EXPECT_EQ(Err(GC_ERR_ERROR, "Unknown link speed speed found."),
+              Failure([&] { TransportLayer::ControlChannel::Create(inHandler, odd, nullptr, 0, 1000, false); }));
+}
+
 TEST_F(CCIChannel, EventsGoToTheWaitingBufferThatFitsThem)
 {
     device = library->OpenDevice("LEFT-0001", library);
