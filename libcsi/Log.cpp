@@ -40,6 +40,14 @@ long ThreadId() { return static_cast<long>(::syscall(SYS_gettid)); }
 
 }
 
+std::int32_t ExchangeLogLevel(std::int32_t level)
+{
+    std::lock_guard<std::mutex> lock(logMutex);
+    const std::int32_t old = TheConfig().logLevel;
+    TheConfig().logLevel = level;
+    return old;
+}
+
 bool LogWanted(int tier)
 {
     std::lock_guard<std::mutex> lock(logMutex);

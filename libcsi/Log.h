@@ -9,6 +9,8 @@ namespace QEL { namespace LibCSIImpl {
 enum Tier { TierHighest = 0, TierError = 1, TierWarning = 2, TierTrace = 3, TierVerbose = 4 };
 
 bool LogWanted(int tier);
+// The log level changed or read under the log mutex, as the logging threads read it.
+std::int32_t ExchangeLogLevel(std::int32_t level);
 void LogEntry(int tier, int line, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
 // Where log entries go besides stderr and the file: the report queue of the

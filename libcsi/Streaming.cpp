@@ -107,7 +107,7 @@ void WriteDump(const std::string& path, std::initializer_list<std::pair<const vo
 void DumpFrame(Device& device, const lib_frame_transfer& t)
 {
     const Config& config = TheConfig();
-    if (config.logLevel <= 0 || config.numDumpFrames == 0 || device.m_nNumReceivedFrames < config.dumpStartFrameNumber ||
+    if (!LogWanted(0) || config.numDumpFrames == 0 || device.m_nNumReceivedFrames < config.dumpStartFrameNumber ||
         device.dumpedFrames >= config.numDumpFrames)
         return;
     LIBCSI_LOG(TierTrace, "  Dump frame %lu\n", static_cast<unsigned long>(device.m_nNumReceivedFrames));

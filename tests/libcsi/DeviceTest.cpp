@@ -2,6 +2,7 @@
 #include "gencp/CCIPacket.h"
 #include "gencp/Commands.h"
 #include "libcsi/Config.h"
+#include "libcsi/Log.h"
 #include "libcsi/OsSeam.h"
 #include "libcsi/include/libcsi/libcsi.h"
 #include "libcsi/include/libcsi/qel_csi2_driver.h"
@@ -367,11 +368,9 @@ protected:
                                      r->text += line;
                                  },
                                  &reports));
-        auto& config = LibCSIImpl::TheConfig();
-        const auto saved = config.logLevel;
-        config.logLevel = logLevel;
+        const std::int32_t saved = LibCSIImpl::ExchangeLogLevel(logLevel);
         action();
-        config.logLevel = saved;
+        LibCSIImpl::ExchangeLogLevel(saved);
         EXPECT_EQ(LIBCSI_OK, libcsi_deinit());
         EXPECT_EQ(LIBCSI_OK, libcsi_init());
         EXPECT_EQ(LIBCSI_OK, libcsi_update_device_list());

@@ -1,4 +1,5 @@
 #include "libcsi/Config.h"
+#include "libcsi/Log.h"
 #include "libcsi/OsSeam.h"
 #include "libcsi/include/libcsi/libcsi.h"
 #include "sim/VirtualSystem.h"
@@ -185,12 +186,11 @@ TEST_F(Discovery, ErrorsReachTheReportCallback)
                                  r->changed.notify_all();
                              },
                              &reports));
-    const std::int32_t saved = LibCSIImpl::TheConfig().logLevel;
-    LibCSIImpl::TheConfig().logLevel = 3;
+    const std::int32_t saved = LibCSIImpl::ExchangeLogLevel(3);
     std::int32_t type;
     std::uint64_t size = 0;
     EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_get_info(0, 40, &type, nullptr, &size));
-    LibCSIImpl::TheConfig().logLevel = saved;
+    LibCSIImpl::ExchangeLogLevel(saved);
     std::unique_lock<std::mutex> lock(reports.mutex);
     ASSERT_TRUE(reports.changed.wait_for(lock, std::chrono::seconds(5), [&] {
         for (const auto& line : reports.lines)
