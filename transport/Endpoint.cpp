@@ -30,8 +30,10 @@ std::shared_ptr<Endpoint> Endpoint::Open(const std::shared_ptr<Device>& device, 
 }
 
 Endpoint::Endpoint(const std::shared_ptr<Device>& device, std::uint32_t number)
-    : device(device), wrapper(device->GetWrapper()), number(number), descriptor(number)
+    : device(device), wrapper(device->GetWrapper()), number(number), descriptor(number),
+      frameSink(std::make_shared<FrameSink>())
 {
+    frameSink->endpoint = this;
 }
 
 void Endpoint::Start()
@@ -69,6 +71,8 @@ Endpoint::~Endpoint()
 {
     // libcsi holds pointers into the frame records: they go before the records do.
     if (number == ENDPOINT_MODE_SI) {
+        // No frame reaches this endpoint from here on; a frame already inside finishes first.
+        frameSink->gate.Close();
         try {
             if (streaming)
                 StopStreaming();
@@ -87,7 +91,9 @@ Endpoint::~Endpoint()
                 wrapper->RevokeFrame(frame.first);
             } catch (...) {
             }
+            device->KeepUntilClosed(frame.second);
         }
+        device->KeepUntilClosed(frameSink);
     }
     {
         MutexGuard guard(&mutex);
@@ -327,7 +333,7 @@ std::shared_ptr<Endpoint::DataTransfer> Endpoint::MakeDataTransfer(DataTransfer:
         frame.m_pTrailer = trailerSize ? reinterpret_cast<std::uintptr_t>(transfer->trailer.data()) : 0;
     }
     transfer->record.callback = &Endpoint::OnStreamChannelFrameReady;
-    transfer->record.context = this;
+    transfer->record.context = frameSink.get();
     return transfer;
 }
 
@@ -397,6 +403,8 @@ void Endpoint::RevokeBuffers()
     }
     for (const auto& [handle, transfer] : revoked) {
         wrapper->RevokeFrame(handle);
+        // libcsi's callback thread may be about to hand this record back.
+        device->KeepUntilClosed(transfer);
         frame_info canceled;
         canceled.result = RESULT_Unused;
         if (transfer->callback)
@@ -448,8 +456,10 @@ std::int32_t Endpoint::StopStreaming()
 
 void Endpoint::OnStreamChannelFrameReady(FrameRecord* record)
 {
-    if (record && record->context)
-        static_cast<Endpoint*>(record->context)->EnqueueMessage(record);
+    if (!record || !record->context)
+        return;
+    auto* sink = static_cast<FrameSink*>(record->context);
+    sink->gate.Run([&] { sink->endpoint->EnqueueMessage(record); });
 }
 
 void Endpoint::EnqueueMessage(FrameRecord* record)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/CallGate.h"
 #include "support/Condition.h"
 #include "support/Mutex.h"
 #include "base/Object.h"
@@ -88,6 +89,12 @@ private:
                                                    FrameCallback callback);
     frame_handle_t* AnnounceLocked(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
                                    std::uint32_t leaderSize, std::uint32_t trailerSize, FrameCallback callback);
+    // What libcsi's frame records point to. It outlives the endpoint, until
+    // the camera is closed, so that a late frame finds the gate closed.
+    struct FrameSink {
+        Tools::CallGate gate;
+        Endpoint* endpoint = nullptr;
+    };
     static void OnStreamChannelFrameReady(FrameRecord* record);
     void EnqueueMessage(FrameRecord* record);
 
@@ -122,6 +129,7 @@ private:
     std::shared_ptr<lib_channel_transfer> channelRecord;
     std::uint64_t droppedFrames = 0;
 
+    std::shared_ptr<FrameSink> frameSink;
     mutable System::Mutex frameMutex;
     std::map<frame_handle_t*, std::shared_ptr<DataTransfer>> frames;
     std::map<const void*, frame_handle_t*> payloads;

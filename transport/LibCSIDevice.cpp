@@ -14,6 +14,12 @@ Device::Device(const std::string& key, const std::shared_ptr<System::Object>& pa
     configurations.push_back(std::make_shared<ConfigDescriptor>());
 }
 
+void Device::KeepUntilClosed(std::shared_ptr<void> object)
+{
+    std::lock_guard<std::mutex> lock(keptMutex);
+    keptUntilClosed.push_back(std::move(object));
+}
+
 Device::~Device()
 {
     // The guard's release comes before the wrapper closes the camera.

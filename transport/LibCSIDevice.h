@@ -5,6 +5,7 @@
 #include "transport/LibCSIWrapper_Impl.h"
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -20,8 +21,13 @@ public:
     std::shared_ptr<DeviceDescriptor> GetDeviceDescriptor() const { return descriptor; }
     const std::vector<std::shared_ptr<ConfigDescriptor>>& GetConfigurations() const { return configurations; }
     const std::shared_ptr<LibCSIWrapper_Impl>& GetWrapper() const { return wrapper; }
+    // Memory that libcsi may still reach (frame records and what they point
+    // to) stays until the camera is closed and libcsi's threads are gone.
+    void KeepUntilClosed(std::shared_ptr<void> object);
 
 private:
+    std::mutex keptMutex;
+    std::vector<std::shared_ptr<void>> keptUntilClosed; // destroyed after the wrapper below
     std::string key;
     std::shared_ptr<LibCSIWrapper_Impl> wrapper;
     std::shared_ptr<DeviceDescriptor> descriptor;
