@@ -78,7 +78,7 @@ System::~System()
 void System::Initialize()
 {
     // From here on cameras are enumerated: TLOpen waits for one enumeration.
-    driverHandler = DriverHandler::Create(DriverHandler::Options::FromSettings(*settings, "DEV_"));
+    driverHandler = DriverHandler::Create(DriverHandler::Options::FromSettings(settings, "DEV_"));
     if (!driverHandler)
         throw Base::Exception("Could not allocate driver handler.", GC_ERR_ERROR);
     try {

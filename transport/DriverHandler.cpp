@@ -37,10 +37,14 @@ void Log(const std::string& text) { Tools::Logger::Log(text); }
 
 // Options.
 
-DriverHandler::Options DriverHandler::Options::FromSettings(const Settings& settings,
+DriverHandler::Options DriverHandler::Options::FromSettings(const std::shared_ptr<const Settings>& shared,
                                                             const std::string& idPrefix)
 {
+    if (!shared)
+        throw Base::Exception("No settings passed.", GC_ERR_INVALID_PARAMETER);
+    const Settings& settings = *shared;
     Options options;
+    options.settings = shared;
     options.idPrefix = idPrefix;
     options.enumerationEnabled = settings.GetEnableEnumeration();
     options.enumerationInterval = settings.HasEnumerationInterval() ? settings.GetEnumerationInterval() : 10000;
@@ -95,6 +99,11 @@ const std::string& DriverHandler::DeviceData::GetUserDefinedName() const
     return Required(userDefinedName, "No user defined name available.");
 }
 const std::string& DriverHandler::DeviceData::GetPortID() const { return Required(portID, "No port ID available."); }
+
+std::shared_ptr<LibCSI::EndpointDescriptor> DriverHandler::DeviceData::GetEndpointDescriptor(EndpointKind kind) const
+{
+    return kind < endpoints.size() ? endpoints[kind] : nullptr;
+}
 
 // DeviceDetails.
 

@@ -17,6 +17,7 @@
 
 namespace QEL {
 namespace LibCSI { class Device; class Library; }
+namespace TransportLayer { class ControlChannel; class EventChannel; class StreamChannel; }
 class Settings;
 namespace CSI {
 
@@ -39,8 +40,10 @@ public:
         std::uint32_t recordFrameStopFrameID = 0xFFFFFFFF;
         bool mediaLogEnabled = false;
         std::string mediaLogFileName;
+        // Lane counts, clocks and ASIC patches of the cameras' ports.
+        std::shared_ptr<const Settings> settings;
 
-        static Options FromSettings(const Settings& settings, const std::string& idPrefix);
+        static Options FromSettings(const std::shared_ptr<const Settings>& settings, const std::string& idPrefix);
     };
 
     // What one look at a camera yields.
@@ -61,6 +64,10 @@ public:
         const std::string& GetUserDefinedName() const;
         bool HasPortID() const { return portID.has_value(); }
         const std::string& GetPortID() const;
+
+        enum EndpointKind : std::size_t { ControlIn = 0, ControlOut = 1, Event = 2, Stream = 3 };
+        // Empty when the camera has no such endpoint.
+        std::shared_ptr<LibCSI::EndpointDescriptor> GetEndpointDescriptor(EndpointKind kind) const;
 
     private:
         std::string modelName;
@@ -96,11 +103,62 @@ public:
         const std::string& GetUserDefinedName() const { return data.GetUserDefinedName(); }
         bool IsAvailable() const { return available; }
         void SetAvailable(bool value) { available = value; }
+        const DeviceData& GetData() const { return data; }
+        // The mutex that stands for the camera while it is open; empty when closed.
+        std::shared_ptr<QEL::System::Mutex> GetOpenMutex() const { return openMutex.lock(); }
+        void SetOpenMutex(const std::shared_ptr<QEL::System::Mutex>& mutex) { openMutex = mutex; }
 
     private:
         std::string key, id;
         DeviceData data;
         bool available = true;
+        std::weak_ptr<QEL::System::Mutex> openMutex;
+    };
+
+    // Stands for one open camera under the global mutex: made when it opens,
+    // gone when the camera is closed. A camera already open refuses a second one.
+    class DeviceGuard : public virtual System::Object {
+    public:
+        DeviceGuard(const std::shared_ptr<QEL::System::Mutex>& globalMutex, const std::shared_ptr<DeviceDetails>& details);
+        ~DeviceGuard() override;
+
+    private:
+        std::shared_ptr<QEL::System::Mutex> globalMutex;
+        std::shared_ptr<DeviceDetails> details;
+        std::shared_ptr<QEL::System::Mutex> openMutex;
+    };
+
+    // An opened camera: its channels and what identifies it.
+    class Device : public virtual System::Object {
+    public:
+        Device(const std::shared_ptr<LibCSI::Device>& camera,
+               const std::shared_ptr<TransportLayer::ControlChannel>& controlChannel,
+               const std::shared_ptr<TransportLayer::EventChannel>& eventChannel,
+               const std::shared_ptr<TransportLayer::StreamChannel>& streamChannel, const DeviceDetails& details);
+        ~Device() override;
+
+        virtual std::shared_ptr<TransportLayer::ControlChannel> GetControlChannel() const { return controlChannel; }
+        virtual bool HasEventChannel() const { return eventChannel != nullptr; }
+        virtual std::shared_ptr<TransportLayer::EventChannel> GetEventChannel() const;
+        virtual bool HasStreamChannel() const { return streamChannel != nullptr; }
+        virtual std::shared_ptr<TransportLayer::StreamChannel> GetStreamChannel() const;
+        virtual bool HasDeviceKey() const { return true; }
+        virtual std::string GetDeviceKey() const { return key; }
+        virtual bool HasDeviceLocation() const { return location.has_value(); }
+        virtual std::string GetDeviceLocation() const;
+        virtual bool HasSerialNumber() const { return serialNumber.has_value(); }
+        virtual std::string GetSerialNumber() const;
+        virtual bool HasUserDefinedName() const { return userDefinedName.has_value(); }
+        virtual std::string GetUserDefinedName() const;
+
+    private:
+        // Declared first, so that it goes last: the channels need the open camera.
+        std::shared_ptr<LibCSI::Device> camera;
+        std::shared_ptr<TransportLayer::ControlChannel> controlChannel;
+        std::shared_ptr<TransportLayer::EventChannel> eventChannel;
+        std::shared_ptr<TransportLayer::StreamChannel> streamChannel;
+        std::string key;
+        std::optional<std::string> location, serialNumber, userDefinedName;
     };
 
     class DeviceInfo : public TransportLayer::DeviceInfo {
@@ -149,6 +207,11 @@ public:
     std::shared_ptr<TransportLayer::DeviceList> GetDeviceList(bool* changed) override;
     DeviceChangeSignal& GetDeviceChangeSignal() override { return deviceChangeSignal; }
     void OnDeviceDiscovery(const char* portID, unsigned char available);
+
+    // Builds the channels of the camera with `id`; a read-only camera gets
+    // neither event nor stream channel.
+    std::shared_ptr<Device> OpenDevice(const std::string& id, const std::shared_ptr<System::Object>& parent,
+                                       bool readOnly);
 
     const Options& GetOptions() const { return options; }
     const std::shared_ptr<LibCSI::Library>& GetLibrary() const { return library; }

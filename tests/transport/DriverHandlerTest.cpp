@@ -3,7 +3,9 @@
 #include "sim/VirtualSystem.h"
 #include "support/Logger.h"
 #include "support/Sha1.h"
+#include "tests/TestSupport.h"
 #include "tests/transport/TransportTestSupport.h"
+#include "transport/CCIControlChannel.h"
 #include "transport/DriverHandler.h"
 
 #include <gtest/gtest.h>
@@ -132,6 +134,35 @@ TEST_F(Handler, TheFirstListIsCompleteWhenConstructionReturns)
     auto info = list->GetInfo("DEV_RIGHT-0002");
     EXPECT_EQ("SN-RIGHT", info->GetSerialNumber());
     EXPECT_TRUE(info->IsAvailable());
+}
+
+TEST_F(Handler, OpeningBuildsTheChannelsOnceForEachCamera)
+{
+    Start();
+    auto parent = std::make_shared<System::Object>();
+    EXPECT_EQ(Err(GC_ERR_INVALID_ID, "Could not find device with given ID."),
+              Failure([&] { handler->OpenDevice("DEV_NOBODY", parent, false); }));
+
+    auto device = handler->OpenDevice("DEV_LEFT-0001", parent, false);
+    ASSERT_TRUE(device);
+    EXPECT_EQ("LEFT-0001", device->GetDeviceKey());
+    EXPECT_EQ("SN-LEFT", device->GetSerialNumber());
+    EXPECT_TRUE(device->HasDeviceLocation());
+    EXPECT_EQ("Left Camera", device->GetControlChannel()->GetModelName());
+    EXPECT_TRUE(device->HasStreamChannel()) << "a camera with one stream channel, opened for control";
+    EXPECT_FALSE(device->HasEventChannel()) << "camera events are off in this transport";
+    EXPECT_EQ(Err(GC_ERR_ERROR, "No event channel available."), Failure([&] { device->GetEventChannel(); }));
+    EXPECT_EQ(Err(GC_ERR_RESOURCE_IN_USE, "Device not available at the moment."),
+              Failure([&] { handler->OpenDevice("DEV_LEFT-0001", parent, true); }))
+        << "an open camera is not opened twice";
+    auto other = handler->OpenDevice("DEV_RIGHT-0002", parent, true);
+    EXPECT_FALSE(other->HasStreamChannel()) << "read-only: no stream";
+    EXPECT_FALSE(other->HasEventChannel());
+    EXPECT_EQ(Err(GC_ERR_ERROR, "No stream channel available."), Failure([&] { other->GetStreamChannel(); }));
+
+    device.reset();
+    device = handler->OpenDevice("DEV_LEFT-0001", parent, true);
+    EXPECT_FALSE(device->HasStreamChannel()) << "closed, the camera opens again";
 }
 
 TEST_F(Handler, DevicesAreFoundByAnyOfTheirNames)
