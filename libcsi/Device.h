@@ -8,6 +8,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <atomic>
 #include <mutex>
 #include <set>
 #include <string>
@@ -29,7 +30,9 @@ struct libcsi_frame_handle {
     std::uint64_t driverLeaderSize = 0, driverPayloadSize = 0, driverTrailerSize = 0;
     std::uint64_t userValue = 0;
     std::uint32_t status = 1;
-    bool queued = false;
+    // Written by API calls under the frame mutex and by the frame threads under
+    // theirs: atomic, as no one mutex covers every writer.
+    std::atomic<bool> queued{false};
     std::uint32_t origin = 0; // 0 announced, 1 allocated here
     std::uint32_t m_nBufferIndex = 0;
     std::uint64_t totalSize = 0;

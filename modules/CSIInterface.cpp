@@ -1,5 +1,7 @@
 #include "modules/CSIInterface.h"
 
+#include "modules/CSIDevice.h"
+
 #include "framework/GenericRegister.h"
 #include "framework/InfoFeed.h"
 #include "framework/InfoRegisters.h"
@@ -374,7 +376,7 @@ std::size_t Interface::GetDeviceInfoSize(const std::string& id, DEVICE_INFO_CMD 
     return SizeOf(GetDeviceInfo(id, command), type, "Could not get interface device info.");
 }
 
-std::shared_ptr<Base::Device> Interface::OpenDevice(const std::string& id, DEVICE_ACCESS_FLAGS)
+std::shared_ptr<Base::Device> Interface::OpenDevice(const std::string& id, DEVICE_ACCESS_FLAGS flags)
 {
     RequireOpen();
     std::string deviceID;
@@ -382,8 +384,11 @@ std::shared_ptr<Base::Device> Interface::OpenDevice(const std::string& id, DEVIC
     DropClosedDevices();
     if (devices.count(deviceID))
         throw Base::Exception("The requested device is already open.", GC_ERR_RESOURCE_IN_USE);
-    // The Device module is not part of this build yet.
-    throw Base::Exception("Device module not available.", GC_ERR_NOT_IMPLEMENTED);
+    auto device = Device::Create(settings, GetShared<Interface>(), driverHandler, deviceID, flags);
+    if (!device)
+        throw Base::Exception("Could not allocate device.", GC_ERR_ERROR);
+    devices[deviceID] = device;
+    return device;
 }
 
 bool Interface::UpdateDeviceList(std::uint64_t)
@@ -431,6 +436,7 @@ std::shared_ptr<Base::System> Interface::GetParent()
 
 Base::InfoPtr Interface::GetPortInfo(PORT_INFO_CMD command) const
 {
+    QEL::System::SharedMutexGuard guard(GetMutex());
     RequireOpen();
     switch (command) {
     case PORT_INFO_ID: return GetStaticInterfaceInfo(INTERFACE_INFO_ID);

@@ -325,6 +325,7 @@ std::size_t System::GetInfoSize(TL_INFO_CMD command, INFO_DATATYPE* type)
 
 Base::InfoPtr System::GetPortInfo(PORT_INFO_CMD command) const
 {
+    QEL::System::SharedMutexGuard guard(GetMutex());
     RequireOpen();
     auto systemInfo = [&](TL_INFO_CMD tl) { return Library::GetSystemInfo(settings, tl); };
     switch (command) {

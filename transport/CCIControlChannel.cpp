@@ -490,6 +490,40 @@ void ControlChannel::GetCSIDataIdentifiers(std::uint32_t streamIndex, std::set<s
     device = GetDeviceDataIdentifiers(streamIndex);
 }
 
+void ControlChannel::ResetDevice()
+{
+    const std::int32_t result = outHandler->ResetDevice();
+    if (result != 0)
+        Fail((boost::format("Could not reset device (Reason: %1%).") % result).str());
+}
+
+void ControlChannel::GetPacketInfo(std::uint32_t& size, std::uint32_t& count)
+{
+    size = outHandler->GetMaxPacketSize();
+    count = outHandler->GetMaxTransferCount();
+}
+
+std::string ControlChannel::GetDriverVersion()
+{
+    std::string version;
+    outHandler->GetDriverVersion(version);
+    return version;
+}
+
+std::string ControlChannel::GetDriverInterfaceVersion()
+{
+    std::string version;
+    outHandler->GetLibraryVersion(version);
+    return version;
+}
+
+std::string ControlChannel::GetLibcsiVersion()
+{
+    std::string version;
+    outHandler->GetApiVersion(version);
+    return version;
+}
+
 std::uint32_t ControlChannel::GetMinimumAlignment()
 {
     std::uint32_t xMin, xMax, xInc, yMin, yMax, yInc, alignment = 0;

@@ -76,6 +76,14 @@ public:
     // The data identifiers the host (libcsi) and the camera (SIRM) support.
     void GetCSIDataIdentifiers(std::uint32_t streamIndex, std::set<std::uint32_t>& host,
                                std::set<std::uint32_t>& device);
+    // Restarts the camera: from then on it can only be closed.
+    void ResetDevice();
+    // The largest GenCP packet and how many the control endpoint carries at once.
+    void GetPacketInfo(std::uint32_t& size, std::uint32_t& count);
+    // Versions of the CSI-2 driver, its interface and libcsi; empty when unknown.
+    std::string GetDriverVersion();
+    std::string GetDriverInterfaceVersion();
+    std::string GetLibcsiVersion();
     // log2 of the frame buffer alignment; 1 when the driver gives none.
     std::uint32_t GetMinimumAlignment();
 

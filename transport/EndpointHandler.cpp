@@ -159,6 +159,12 @@ bool EndpointHandler::GetIPURestrictions(std::uint32_t& xMin, std::uint32_t& xMa
     return endpoint->GetWrapper()->GetIPURestrictions(xMin, xMax, xInc, yMin, yMax, yInc, alignment);
 }
 
+std::int32_t EndpointHandler::ResetDevice()
+{
+    CheckRunning();
+    return endpoint->GetWrapper()->ResetDevice();
+}
+
 std::uint32_t EndpointHandler::GetMinAnnouncedFrames() { return endpoint->GetWrapper()->GetMinAnnouncedFrames(); }
 std::uint32_t EndpointHandler::GetLinkSpeed() { return endpoint->GetWrapper()->GetCCILinkSpeed(); }
 std::uint64_t EndpointHandler::GetDeliveredFrames() { return endpoint->GetWrapper()->GetDeliveredFrames(); }

@@ -77,6 +77,7 @@ public:
     virtual std::uint64_t GetIncompleteFrames();
     virtual double GetFrameRate();
     virtual void ResetStatistics();
+    virtual std::int32_t ResetDevice();
 
     // The identity of the camera behind the endpoint.
     virtual std::string GetDeviceGuid();

@@ -296,6 +296,12 @@ void LibCSIWrapper_Impl::SetResetOnClose(const std::string& guid, bool reset)
         open->second.resetOnClose = reset;
 }
 
+std::int32_t LibCSIWrapper_Impl::ResetDevice()
+{
+    device_handle_t* handle = RequireDevice("ResetDevice");
+    return Logged("libcsi_reset_device", [&] { return libcsi_reset_device(handle); });
+}
+
 bool LibCSIWrapper_Impl::IsOpen() const
 {
     System::SharedMutexGuard guard(deviceMutex);

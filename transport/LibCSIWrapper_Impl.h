@@ -55,6 +55,8 @@ public:
     void StopChannel(std::int32_t channel);
     void CloseDevice();
     void SetResetOnClose(const std::string& guid, bool reset);
+    // Restarts the camera now; afterwards the open camera can only be closed.
+    std::int32_t ResetDevice();
     bool IsOpen() const;
 
     // Control traffic.

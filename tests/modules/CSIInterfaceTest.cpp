@@ -163,8 +163,10 @@ TEST_F(CSIInterface, OpeningNeedsAKnownDevice)
 {
     EXPECT_EQ((std::pair<GC_ERROR, std::string>{GC_ERR_INVALID_ID, "No device available with the given ID."}),
               ErrorOf([&] { interface->OpenDevice("nobody", DEVICE_ACCESS_CONTROL); }));
-    EXPECT_EQ(GC_ERR_NOT_IMPLEMENTED, ErrorOf([&] { interface->OpenDevice("SN-L", DEVICE_ACCESS_CONTROL); }).first)
-        << "the Device module comes later";
+    auto device = interface->OpenDevice("SN-L", DEVICE_ACCESS_CONTROL);
+    ASSERT_TRUE(device) << "a serial number names the device too";
+    EXPECT_EQ((std::pair<GC_ERROR, std::string>{GC_ERR_RESOURCE_IN_USE, "The requested device is already open."}),
+              ErrorOf([&] { interface->OpenDevice(device->GetInfo(DEVICE_INFO_ID) ? "SN-L" : "", DEVICE_ACCESS_READONLY); }));
 }
 
 TEST_F(CSIInterface, OneOpenInterfaceAtATime)
