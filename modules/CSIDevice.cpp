@@ -6,6 +6,7 @@
 #include "framework/InfoRegisters.h"
 #include "framework/StringRegister.h"
 #include "framework/XMLDescription.h"
+#include "modules/CSIDataStream.h"
 #include "modules/CSIInterface.h"
 #include "modules/CSIRemoteDevice.h"
 #include "support/MutexGuard.h"
@@ -275,6 +276,13 @@ void Device::Close()
 {
     RequireOpen();
     // The stream goes first, then the port to the camera.
+    Swallow([&] {
+        if (dataStream) {
+            QEL::System::SharedMutexGuard guard(dataStream->GetMutex());
+            if (dataStream->IsOpen())
+                dataStream->Close();
+        }
+    });
     dataStream.reset();
     Swallow([&] {
         if (remoteDevice) {
@@ -323,8 +331,16 @@ std::shared_ptr<Base::DataStream> Device::OpenDataStream(const std::string& id)
         throw Exception("Could not get stream channel.", GC_ERR_ERROR);
     if (id != StreamID())
         throw Exception("Invalid data stream ID passed.", GC_ERR_INVALID_ID);
-    // The data stream module is not part of this build yet.
-    throw Exception("Data stream module not available.", GC_ERR_NOT_IMPLEMENTED);
+    if (dataStream) {
+        QEL::System::SharedMutexGuard guard(dataStream->GetMutex());
+        if (dataStream->IsOpen())
+            throw Exception("Data stream already open.", GC_ERR_RESOURCE_IN_USE);
+    }
+    auto created = DataStream::Create(settings, driverDevice->GetStreamChannel(), deviceId, 0, GetShared<Device>());
+    if (!created)
+        throw Exception("Could not allocate data stream.", GC_ERR_ERROR);
+    dataStream = created;
+    return dataStream;
 }
 
 Base::InfoPtr Device::GetInfo(DEVICE_INFO_CMD command)
