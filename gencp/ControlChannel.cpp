@@ -640,6 +640,31 @@ void ControlChannel::StartHeartbeat()
 
 void ControlChannel::HeartbeatLoop()
 {
+    // Nothing may escape the thread: what the inner handlers do not catch is
+    // logged here, and the thread still reports its end.
+    try {
+        HeartbeatBody();
+    } catch (const System::Exception& e) {
+        Tools::Logger::Log(e.GetMessage());
+        EndHeartbeatThreadState();
+    } catch (...) {
+        Tools::Logger::Log("Unexpected error in heartbeat thread.");
+        EndHeartbeatThreadState();
+    }
+}
+
+void ControlChannel::EndHeartbeatThreadState()
+{
+    try {
+        SharedMutexGuard guard(channelMutex);
+        heartbeatThreadRunning = false;
+        condition.Broadcast();
+    } catch (...) {
+    }
+}
+
+void ControlChannel::HeartbeatBody()
+{
     SharedMutexGuard guard(channelMutex);
     try {
         while ((heartbeatState == Running || heartbeatState == Paused) && connected) {

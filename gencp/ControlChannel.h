@@ -129,6 +129,8 @@ private:
     bool CapabilityBit(unsigned bit);
     void RequireAccessPrivilege();
     void HeartbeatLoop();
+    void HeartbeatBody();
+    void EndHeartbeatThreadState();
     void EndHeartbeatThread();
     void StopHeartbeatThread();
 

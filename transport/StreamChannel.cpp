@@ -2,6 +2,7 @@
 
 #include "base/BaseException.h"
 #include "gencp/AckException.h"
+#include "support/Helper.h"
 #include "support/Logger.h"
 #include "support/MutexGuard.h"
 #include "transport/CCIControlChannel.h"
@@ -534,16 +535,16 @@ void StreamChannel::FinishFrame(StreamDataBlock& block, const LibCSI::frame_info
     default: throw Exception("Frame reception state: Unknown.", GC_ERR_ERROR);
     }
     auto infos = std::make_shared<Base::BufferInfos>();
-    auto set = [&](BUFFER_INFO_CMD cmd, Base::InfoPtr value) { (*infos)[cmd] = std::move(value); };
+    using CSITools::Helper;
     // 0x4001 is the extended form of a chunk image: leader and trailer say so, the payload ends in chunks.
     const bool chunkFrame = frame.payloadType == PAYLOAD_TYPE_CHUNK_DATA ||
                             frame.payloadType == LibCSI::PayloadTypeExtendedChunk;
     if (frame.payloadType == PAYLOAD_TYPE_CHUNK_ONLY) {
-        set(BUFFER_INFO_FRAMEID, std::make_shared<Base::UInt64Info>(frame.frameId));
-        set(BUFFER_INFO_PAYLOADTYPE, std::make_shared<Base::SizeTInfo>(8));
-        set(BUFFER_INFO_TIMESTAMP, std::make_shared<Base::UInt64Info>(frame.timestamp));
-        set(BUFFER_INFO_CHUNKLAYOUTID, std::make_shared<Base::UInt64Info>(frame.chunkLayoutId));
-        set(BUFFER_INFO_CONTAINS_CHUNKDATA, std::make_shared<Base::Bool8Info>(true));
+        Helper::SetInfo<Base::UInt64Info>(infos, BUFFER_INFO_FRAMEID, frame.frameId);
+        Helper::SetInfo<Base::SizeTInfo>(infos, BUFFER_INFO_PAYLOADTYPE, 8);
+        Helper::SetInfo<Base::UInt64Info>(infos, BUFFER_INFO_TIMESTAMP, frame.timestamp);
+        Helper::SetInfo<Base::UInt64Info>(infos, BUFFER_INFO_CHUNKLAYOUTID, frame.chunkLayoutId);
+        Helper::SetInfo<Base::Bool8Info>(infos, BUFFER_INFO_CONTAINS_CHUNKDATA, true);
         block.infos = infos;
         return;
     }
@@ -556,25 +557,25 @@ void StreamChannel::FinishFrame(StreamDataBlock& block, const LibCSI::frame_info
     const std::size_t payloadType =
         (frame.chunkSize != 0 || chunkFrame) ? PAYLOAD_TYPE_CHUNK_DATA : PAYLOAD_TYPE_IMAGE;
     const std::uint64_t yPadding = frame.validSize > imageSize ? frame.validSize - imageSize : 0;
-    set(BUFFER_INFO_FRAMEID, std::make_shared<Base::UInt64Info>(frame.frameId));
-    set(BUFFER_INFO_PAYLOADTYPE, std::make_shared<Base::SizeTInfo>(payloadType));
-    set(BUFFER_INFO_TIMESTAMP, std::make_shared<Base::UInt64Info>(frame.timestamp));
-    set(BUFFER_INFO_WIDTH, std::make_shared<Base::SizeTInfo>(frame.width));
-    set(BUFFER_INFO_HEIGHT, std::make_shared<Base::SizeTInfo>(frame.height));
-    set(BUFFER_INFO_XOFFSET, std::make_shared<Base::SizeTInfo>(frame.offsetX));
-    set(BUFFER_INFO_YOFFSET, std::make_shared<Base::SizeTInfo>(frame.offsetY));
-    set(BUFFER_INFO_XPADDING, std::make_shared<Base::SizeTInfo>(frame.paddingX));
-    set(BUFFER_INFO_YPADDING, std::make_shared<Base::SizeTInfo>(yPadding));
-    set(BUFFER_INFO_IMAGEOFFSET, std::make_shared<Base::SizeTInfo>(0));
-    set(BUFFER_INFO_PIXELFORMAT, std::make_shared<Base::UInt64Info>(frame.pixelFormat));
-    set(BUFFER_INFO_PIXELFORMAT_NAMESPACE, std::make_shared<Base::UInt64Info>(PIXELFORMAT_NAMESPACE_GEV));
-    set(BUFFER_INFO_CONTAINS_CHUNKDATA, std::make_shared<Base::Bool8Info>(payloadType == PAYLOAD_TYPE_CHUNK_DATA));
-    set(1000, std::make_shared<Base::SizeTInfo>(imageSize));
-    set(BUFFER_INFO_SIZE_FILLED, std::make_shared<Base::SizeTInfo>(frame.validSize));
-    set(1002, std::make_shared<Base::UInt32Info>(0));
+    Helper::SetInfo<Base::UInt64Info>(infos, BUFFER_INFO_FRAMEID, frame.frameId);
+    Helper::SetInfo<Base::SizeTInfo>(infos, BUFFER_INFO_PAYLOADTYPE, payloadType);
+    Helper::SetInfo<Base::UInt64Info>(infos, BUFFER_INFO_TIMESTAMP, frame.timestamp);
+    Helper::SetInfo<Base::SizeTInfo>(infos, BUFFER_INFO_WIDTH, frame.width);
+    Helper::SetInfo<Base::SizeTInfo>(infos, BUFFER_INFO_HEIGHT, frame.height);
+    Helper::SetInfo<Base::SizeTInfo>(infos, BUFFER_INFO_XOFFSET, frame.offsetX);
+    Helper::SetInfo<Base::SizeTInfo>(infos, BUFFER_INFO_YOFFSET, frame.offsetY);
+    Helper::SetInfo<Base::SizeTInfo>(infos, BUFFER_INFO_XPADDING, frame.paddingX);
+    Helper::SetInfo<Base::SizeTInfo>(infos, BUFFER_INFO_YPADDING, yPadding);
+    Helper::SetInfo<Base::SizeTInfo>(infos, BUFFER_INFO_IMAGEOFFSET, 0);
+    Helper::SetInfo<Base::UInt64Info>(infos, BUFFER_INFO_PIXELFORMAT, frame.pixelFormat);
+    Helper::SetInfo<Base::UInt64Info>(infos, BUFFER_INFO_PIXELFORMAT_NAMESPACE, PIXELFORMAT_NAMESPACE_GEV);
+    Helper::SetInfo<Base::Bool8Info>(infos, BUFFER_INFO_CONTAINS_CHUNKDATA, payloadType == PAYLOAD_TYPE_CHUNK_DATA);
+    Helper::SetInfo<Base::SizeTInfo>(infos, 1000, imageSize);
+    Helper::SetInfo<Base::SizeTInfo>(infos, BUFFER_INFO_SIZE_FILLED, frame.validSize);
+    Helper::SetInfo<Base::UInt32Info>(infos, 1002, 0);
     if (chunkFrame) {
-        set(BUFFER_INFO_CHUNKLAYOUTID, std::make_shared<Base::UInt64Info>(frame.chunkLayoutId));
-        set(BUFFER_INFO_DELIVERED_CHUNKPAYLOADSIZE, std::make_shared<Base::SizeTInfo>(frame.chunkSize));
+        Helper::SetInfo<Base::UInt64Info>(infos, BUFFER_INFO_CHUNKLAYOUTID, frame.chunkLayoutId);
+        Helper::SetInfo<Base::SizeTInfo>(infos, BUFFER_INFO_DELIVERED_CHUNKPAYLOADSIZE, frame.chunkSize);
     }
     Log(boost::format("BUFFER_INFO_WIDTH: %1%") % frame.width);
     Log(boost::format("BUFFER_INFO_HEIGHT: %1%") % frame.height);

@@ -1,3 +1,5 @@
+#include "base/Info.h"
+#include "support/Helper.h"
 #include "support/MediaLogger.h"
 
 #include "tests/TestSupport.h"
@@ -8,6 +10,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -108,6 +111,33 @@ TEST(MediaLog, UnopenablePathRunsSilently)
     logger.Log("dropped");
     const char byte = 1;
     logger.Dump("dropped", &byte, 1);
+}
+
+}
+
+namespace {
+
+TEST(Helper, SetInfoStoresTypedInfosAndReplaces)
+{
+    using Infos = std::map<std::int32_t, QEL::Base::InfoPtr>;
+    auto infos = std::make_shared<Infos>();
+    QEL::CSITools::Helper::SetInfo<QEL::Base::UInt64Info>(infos, 16, std::uint64_t{42});
+    QEL::CSITools::Helper::SetInfo<QEL::Base::SizeTInfo>(infos, 10, std::size_t{640});
+    ASSERT_EQ(2u, infos->size());
+    EXPECT_EQ(INFO_DATATYPE_UINT64, infos->at(16)->GetType());
+    EXPECT_EQ(INFO_DATATYPE_SIZET, infos->at(10)->GetType()) << "the type asked for, not the value's";
+    QEL::CSITools::Helper::SetInfo<QEL::Base::UInt64Info>(infos, 16, std::uint64_t{43});
+    std::uint64_t value = 0;
+    std::size_t size = sizeof value;
+    infos->at(16)->Read(&value, &size);
+    EXPECT_EQ(43u, value) << "replaced";
+    try {
+        QEL::CSITools::Helper::SetInfo<QEL::Base::UInt64Info>(std::shared_ptr<Infos>(), 16, std::uint64_t{1});
+        FAIL() << "a null map was taken";
+    } catch (const QEL::Base::Exception& e) {
+        EXPECT_EQ(GC_ERR_INVALID_PARAMETER, e.GetCode());
+        EXPECT_EQ("No infos map passed.", e.GetText());
+    }
 }
 
 }
