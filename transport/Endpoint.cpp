@@ -388,7 +388,17 @@ std::int32_t Endpoint::QueueBuffer(void* payload, std::uint32_t ipuX, std::uint3
     // A new round may come with another handler than the announcement had.
     if (callback)
         transfer->callback = std::move(callback);
-    return wrapper->QueueFrame(&transfer->record);
+    // Records of two streams ago can no longer come back: libcsi delivers or
+    // drops what it holds before a stream after the next one starts.
+    for (auto it = transfer->tickets.begin(); it != transfer->tickets.end();)
+        it = it->second->round + 2 <= round ? transfer->tickets.erase(it) : std::next(it);
+    auto ticket = std::make_shared<FrameRecord>(transfer->record);
+    ticket->round = round;
+    transfer->tickets[ticket.get()] = ticket;
+    const std::int32_t result = wrapper->QueueFrame(ticket.get());
+    if (result != 0)
+        transfer->tickets.erase(ticket.get());
+    return result;
 }
 
 std::int32_t Endpoint::FlushBuffers() { return wrapper->FlushFrames(); }
@@ -451,7 +461,10 @@ std::int32_t Endpoint::StartStreaming(std::uint8_t dataIdentifier)
 std::int32_t Endpoint::StopStreaming()
 {
     streaming = false;
-    return wrapper->StopStream();
+    const std::int32_t result = wrapper->StopStream();
+    MutexGuard guard(&frameMutex);
+    ++round;
+    return result;
 }
 
 void Endpoint::OnStreamChannelFrameReady(FrameRecord* record)
@@ -474,9 +487,24 @@ void Endpoint::EnqueueMessage(FrameRecord* record)
     const std::shared_ptr<DataTransfer> transfer = found->second;
     const bool emulated = emulateLeaderTrailer;
     const LeaderTrailerParameters parameters = leaderTrailer;
+    const lib_frame_transfer frame = record->frame;
+    const std::uint32_t status = record->status;
+    const bool stale = record->round != round;
+    // The record was this queueing's own; it is done with (the caller no longer reads it).
+    const auto ticket = transfer->tickets.find(record);
+    std::shared_ptr<FrameRecord> keep;
+    if (ticket != transfer->tickets.end()) {
+        keep = ticket->second;
+        transfer->tickets.erase(ticket);
+    }
     guard.Release();
+    if (stale) {
+        // Its buffer went back to the consumer's queue when that stream stopped.
+        Library::MediaLog("Endpoint::EnqueueMessage Frame of an earlier stream dropped");
+        return;
+    }
     const frame_info info = emulated ? EmulatedFrameInfo(parameters, emulatedBlockId.fetch_add(1))
-                                     : FrameInfoFromLeaderTrailer(record->frame, record->status);
+                                     : FrameInfoFromLeaderTrailer(frame, status);
     if (transfer->callback)
         transfer->callback(info);
 }

@@ -80,6 +80,8 @@ private:
         Origin origin = Announced;
         FrameRecord record;
         FrameCallback callback;
+        // One record per queueing, handed to libcsi as the frame's context.
+        std::map<FrameRecord*, std::shared_ptr<FrameRecord>> tickets;
         // Where the camera's leader and trailer land for a buffer of the caller.
         std::vector<std::uint8_t> leader, trailer;
         Endpoint* endpoint = nullptr;
@@ -134,6 +136,7 @@ private:
     std::map<frame_handle_t*, std::shared_ptr<DataTransfer>> frames;
     std::map<const void*, frame_handle_t*> payloads;
     bool emulateLeaderTrailer = false;
+    std::uint64_t round = 1; // rises with every stop of the stream
     LeaderTrailerParameters leaderTrailer;
     std::shared_ptr<lib_channel_transfer> streamRecord;
     std::atomic<bool> streaming{false};

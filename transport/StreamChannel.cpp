@@ -513,13 +513,23 @@ void StreamChannel::OnFrameFinished(const std::weak_ptr<StreamDataBlock>& weakBl
     }
     try {
         FinishFrame(*block, frame);
+        return;
     } catch (const System::Exception& e) {
         Tools::Logger::Log(e.GetMessage());
-        try {
-            queue->ReturnToInputQueue(block->buffer);
-            SubmitBuffers();
-        } catch (...) {
-        }
+    }
+    // The frame is lost; its buffer goes round again. A buffer that is not in
+    // use any more (a frame of an earlier stream that libcsi handed over late)
+    // stays where it is, but libcsi may take the waiting buffers now.
+    try {
+        queue->ReturnToInputQueue(block->buffer);
+    } catch (...) {
+    }
+    try {
+        SubmitBuffers();
+    } catch (const Exception& e) {
+        Abort(e.GetMessage(), e.GetCode());
+    } catch (...) {
+        Abort("Unknown error occurred while streaming.", GC_ERR_ERROR);
     }
 }
 
