@@ -7,11 +7,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <atomic>
 #include <cstring>
 #include <fstream>
 #include <map>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -225,6 +227,50 @@ TEST_F(Acquisition, AWaitingConsumerIsWokenByTheStopOfAKill)
     size_t size = sizeof data;
     EXPECT_EQ(GC_ERR_ABORT, LORUN_FN(EventGetData)(newBuffer, &data, &size, 5000)) << "a kill ends the wait";
     EXPECT_EQ(GC_ERR_TIMEOUT, LORUN_FN(EventGetData)(newBuffer, &data, &size, 20)) << "nothing streams yet";
+}
+
+TEST_F(Acquisition, ConsumerThreadsSideBySide)
+{
+    AnnounceAndQueue(4, 0);
+    PORT_HANDLE remote = nullptr;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevGetPort)(device, &remote));
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE));
+    std::atomic<bool> done{false};
+    std::atomic<int> failures{0};
+    auto readFunctions = [&] {
+        auto getInfo = LORUN_FN(DSGetInfo);
+        auto readPort = LORUN_FN(GCReadPort);
+        auto bufferInfo = LORUN_FN(DSGetBufferInfo);
+        while (!done) {
+            std::uint64_t delivered = 0, statistic = 0;
+            INFO_DATATYPE type = 0;
+            size_t size = sizeof delivered;
+            failures += getInfo(stream, STREAM_INFO_NUM_DELIVERED, &type, &delivered, &size) != GC_ERR_SUCCESS;
+            size = sizeof statistic;
+            failures += readPort(stream, 0x10E0000, &statistic, &size) != GC_ERR_SUCCESS;
+            size_t width = 0;
+            size = sizeof width;
+            // A buffer may be anywhere at this moment; asking must never fail in a bad way.
+            const GC_ERROR answer = bufferInfo(stream, buffers[1], BUFFER_INFO_WIDTH, &type, &width, &size);
+            failures += answer != GC_ERR_SUCCESS && answer != GC_ERR_NO_DATA && answer != GC_ERR_NOT_AVAILABLE;
+        }
+    };
+    auto readCamera = [&] {
+        auto readPort = LORUN_FN(GCReadPort);
+        while (!done) {
+            std::uint32_t width = 0;
+            size_t size = sizeof width;
+            failures += readPort(remote, 0x10200010, &width, &size) != GC_ERR_SUCCESS || width != 64;
+        }
+    };
+    std::thread statistics(readFunctions), registers(readCamera);
+    Grab(300);
+    done = true;
+    statistics.join();
+    registers.join();
+    EXPECT_EQ(0, failures.load());
+    EXPECT_EQ(0, wrongPixels);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
 }
 
 }
