@@ -499,8 +499,13 @@ void Endpoint::EnqueueMessage(FrameRecord* record)
     }
     guard.Release();
     if (stale) {
-        // Its buffer went back to the consumer's queue when that stream stopped.
+        // Its buffer went back to the consumer's queue when that stream stopped;
+        // the frame only says that libcsi has let go of it.
         Library::MediaLog("Endpoint::EnqueueMessage Frame of an earlier stream dropped");
+        frame_info unused;
+        unused.result = RESULT_Unused;
+        if (transfer->callback)
+            transfer->callback(unused);
         return;
     }
     const frame_info info = emulated ? EmulatedFrameInfo(parameters, emulatedBlockId.fetch_add(1))

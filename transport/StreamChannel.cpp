@@ -511,6 +511,19 @@ void StreamChannel::OnFrameFinished(const std::weak_ptr<StreamDataBlock>& weakBl
         }
         return;
     }
+    if (frame.result == LibCSI::RESULT_Unused) {
+        // libcsi gave back a frame that is no longer this stream's (revoked, or of
+        // a stream stopped before): the buffer is not ours to move, but libcsi can
+        // take the buffers that waited for it now.
+        try {
+            SubmitBuffers();
+        } catch (const Exception& e) {
+            Abort(e.GetMessage(), e.GetCode());
+        } catch (...) {
+            Abort("Unknown error occurred while streaming.", GC_ERR_ERROR);
+        }
+        return;
+    }
     try {
         FinishFrame(*block, frame);
         return;
