@@ -5,6 +5,7 @@
 #include "framework/InfoRegisters.h"
 #include "framework/XMLDescription.h"
 #include "modules/CSIDevice.h"
+#include "modules/Construction.h"
 #include "support/MutexGuard.h"
 #include "transport/StreamChannel.h"
 
@@ -48,25 +49,6 @@ using IntRegister = Base::GenericRegister<int>;
 using DoubleRegister = Base::GenericRegister<double>;
 using StringInfoRegister = Base::VariableInfoRegister<const Base::StringInfo>;
 using UInt64InfoRegister = Base::FixedInfoRegister<const Base::UInt64Info>;
-
-template <class R, class... Args>
-std::shared_ptr<R> Make(const char* failure, Args&&... args)
-{
-    try {
-        return std::make_shared<R>(std::forward<Args>(args)...);
-    } catch (const std::bad_alloc&) {
-        throw Exception(failure ? failure : "Could not allocate register.", GC_ERR_ERROR);
-    }
-}
-
-template <class T>
-void Swallow(T&& step)
-{
-    try {
-        step();
-    } catch (...) {
-    }
-}
 
 // A size_t info as the 64-bit value that an 8-byte register mirrors.
 Base::InfoPtr AsUInt64(const Base::InfoPtr& info)

@@ -9,6 +9,7 @@
 #include "modules/CSIDataStream.h"
 #include "modules/CSIInterface.h"
 #include "modules/CSIRemoteDevice.h"
+#include "modules/Construction.h"
 #include "support/MutexGuard.h"
 #include "transport/CCIControlChannel.h"
 
@@ -44,25 +45,6 @@ constexpr std::uint64_t PacketCountAddress = 0x1130000;
 
 using UIntRegister = Base::GenericRegister<unsigned int>;
 using StringInfoRegister = Base::VariableInfoRegister<Base::StringInfo>;
-
-template <class R, class... Args>
-std::shared_ptr<R> Make(const char* failure, Args&&... args)
-{
-    try {
-        return std::make_shared<R>(std::forward<Args>(args)...);
-    } catch (const std::bad_alloc&) {
-        throw Exception(failure, GC_ERR_ERROR);
-    }
-}
-
-template <class T>
-void Swallow(T&& step)
-{
-    try {
-        step();
-    } catch (...) {
-    }
-}
 
 }
 

@@ -1,12 +1,12 @@
 #include "modules/CSIInterface.h"
 
-#include "modules/CSIDevice.h"
-
 #include "framework/GenericRegister.h"
 #include "framework/InfoFeed.h"
 #include "framework/InfoRegisters.h"
 #include "framework/XMLDescription.h"
+#include "modules/CSIDevice.h"
 #include "modules/CSISystem.h"
+#include "modules/Construction.h"
 #include "modules/StaticInterfaceInfo.h"
 #include "support/MutexGuard.h"
 
@@ -35,16 +35,6 @@ constexpr std::uint64_t ListUpdatedAddress = 0x10C0000;
 using UIntRegister = Base::GenericRegister<unsigned int>;
 using StringInfoRegister = Base::VariableInfoRegister<Base::StringInfo>;
 using Int32InfoRegister = Base::FixedInfoRegister<Base::Int32Info>;
-
-template <class R, class... Args>
-std::shared_ptr<R> Make(const char* failure, Args&&... args)
-{
-    try {
-        return std::make_shared<R>(std::forward<Args>(args)...);
-    } catch (const std::bad_alloc&) {
-        throw Base::Exception(failure, GC_ERR_ERROR);
-    }
-}
 
 Base::InfoPtr Text(const std::string& text) { return std::make_shared<Base::StringInfo>(text); }
 

@@ -7,6 +7,7 @@
 #include "framework/XMLDescription.h"
 #include "modules/CSIInterface.h"
 #include "modules/CSILibrary.h"
+#include "modules/Construction.h"
 #include "modules/StaticInterfaceInfo.h"
 #include "support/MutexGuard.h"
 #include "transport/DriverHandler.h"
@@ -38,16 +39,6 @@ constexpr std::uint64_t ListUpdatedAddress = 0x10E0000;
 
 using UIntRegister = Base::GenericRegister<unsigned int>;
 using StringInfoRegister = Base::VariableInfoRegister<Base::StringInfo>;
-
-template <class R, class... Args>
-std::shared_ptr<R> Make(const char* failure, Args&&... args)
-{
-    try {
-        return std::make_shared<R>(std::forward<Args>(args)...);
-    } catch (const std::bad_alloc&) {
-        throw Base::Exception(failure, GC_ERR_ERROR);
-    }
-}
 
 }
 

@@ -23,3 +23,13 @@ ArvDevice* NewDevice(Memory memory);
 
 }
 
+
+namespace QEL { namespace Base { class Port; } }
+
+namespace AravisTest {
+
+// A device whose memory is a module's port, as GCReadPort and GCWritePort
+// reach it; a failure is a failed access.
+ArvDevice* DeviceOverPort(QEL::Base::Port& port);
+
+}

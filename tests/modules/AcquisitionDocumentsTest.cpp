@@ -20,24 +20,6 @@ namespace {
 
 using namespace QEL;
 
-ArvDevice* DeviceOver(Base::Port& port)
-{
-    auto through = [&port](auto access) {
-        return [&port, access](std::uint64_t address, std::uint32_t size, void* buffer) {
-            try {
-                std::size_t done = size;
-                access(port, address, buffer, &done);
-                return done == size;
-            } catch (...) {
-                return false;
-            }
-        };
-    };
-    return AravisTest::NewDevice(
-        {through([](Base::Port& p, std::uint64_t a, void* b, std::size_t* s) { p.ReadPort(a, b, s); }),
-         through([](Base::Port& p, std::uint64_t a, void* b, std::size_t* s) { p.WritePort(a, b, s); })});
-}
-
 // The document a port's first URL points to, read through the port.
 std::string DocumentOf(Base::Port& port)
 {
@@ -113,7 +95,7 @@ protected:
 
     std::set<std::string> Evaluate(Base::Port& port, const std::string& document)
     {
-        ArvDevice* aravis = DeviceOver(port);
+        ArvDevice* aravis = AravisTest::DeviceOverPort(port);
         ArvGc* genicam = arv_gc_new(aravis, document.data(), document.size());
         EXPECT_NE(nullptr, genicam);
         std::set<std::string> read;

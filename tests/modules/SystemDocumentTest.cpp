@@ -13,26 +13,6 @@ namespace {
 
 using namespace QEL;
 
-// An Aravis device whose memory is a module's port, as GCReadPort and
-// GCWritePort reach it; a failure is a failed access.
-ArvDevice* DeviceOver(Base::Port& port)
-{
-    auto through = [&port](auto access) {
-        return [&port, access](std::uint64_t address, std::uint32_t size, void* buffer) {
-            try {
-                std::size_t done = size;
-                access(port, address, buffer, &done);
-                return done == size;
-            } catch (...) {
-                return false;
-            }
-        };
-    };
-    return AravisTest::NewDevice(
-        {through([](Base::Port& p, std::uint64_t a, void* b, std::size_t* s) { p.ReadPort(a, b, s); }),
-         through([](Base::Port& p, std::uint64_t a, void* b, std::size_t* s) { p.WritePort(a, b, s); })});
-}
-
 TEST(SystemDocument, FeaturesReadThroughTheSystemPort)
 {
     Os::Install(std::make_shared<Sim::VirtualSystem>(
@@ -42,7 +22,7 @@ TEST(SystemDocument, FeaturesReadThroughTheSystemPort)
     auto system = library->GetSystem();
     const auto& xml = *settings->GetSystemXML()->GetData();
 
-    ArvDevice* device = DeviceOver(*system);
+    ArvDevice* device = AravisTest::DeviceOverPort(*system);
     ArvGc* genicam = arv_gc_new(device, xml.data(), xml.size());
     ASSERT_NE(nullptr, genicam);
     GError* error = nullptr;
@@ -88,7 +68,7 @@ TEST(InterfaceDocument, TheDeviceListThroughTheInterfacePort)
     auto system = library->GetSystem();
     auto interface = system->OpenInterface("LorunCSIInterface_0x0");
     const auto& xml = *settings->GetInterfaceXML()->GetData();
-    ArvDevice* device = DeviceOver(*interface);
+    ArvDevice* device = AravisTest::DeviceOverPort(*interface);
     ArvGc* genicam = arv_gc_new(device, xml.data(), xml.size());
     ASSERT_NE(nullptr, genicam);
     GError* error = nullptr;
