@@ -37,9 +37,10 @@ GC_ERROR GenericWaitSlot::Wait(void* target, std::size_t* targetSize, std::uint6
     size = targetSize;
     state = Waiting;
     // Beyond this many milliseconds (about 34 years) a deadline would overflow
-    // the clock; such a wait lasts as long as an infinite one.
+    // the clock; such a wait, GENTL_INFINITE among them, lasts as long as an infinite one.
     constexpr std::uint64_t longestTimedWait = std::uint64_t{1} << 40;
-    if (timeout == GenericEvent::Infinite || timeout >= longestTimedWait) {
+    static_assert(GenericEvent::Infinite >= longestTimedWait, "the infinite wait is among the long ones");
+    if (timeout >= longestTimedWait) {
         while (state == Waiting)
             condition.Wait(*mutex);
     } else {

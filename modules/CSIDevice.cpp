@@ -203,7 +203,8 @@ void Device::AddRegisters(std::uint32_t inquiry, const std::string& driverPath, 
             self);
         AddRegister(reg);
     };
-    auto valueRegister = [&](std::uint64_t address, const char* failure, std::function<unsigned(TransportLayer::ControlChannel&)> query) {
+    auto valueRegister = [&](std::uint64_t address, const char* failure,
+                             const std::function<unsigned(TransportLayer::ControlChannel&)>& query) {
         auto reg = Make<UIntRegister>(failure, address, Base::AccessRead);
         reg->GetPreReadSignal().Connect(
             [raw, query](UIntRegister& r) {

@@ -456,7 +456,7 @@ std::set<std::uint32_t> ControlChannel::GetDeviceDataIdentifiers(std::uint32_t s
     std::set<std::uint32_t> identifiers;
     const std::uint64_t address = GetSIRMAddress(streamIndex);
     for (std::uint32_t word = 0; word < 4; ++word) {
-        const std::uint64_t bits = ReadRegister64(address + 20 + 8 * word);
+        const std::uint64_t bits = ReadRegister64(address + 20 + std::uint64_t{8} * word);
         for (std::uint32_t bit = 0; bit < 64; ++bit)
             if (bits & (std::uint64_t{1} << bit))
                 identifiers.insert(64 * word + bit);
