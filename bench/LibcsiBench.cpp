@@ -1,6 +1,7 @@
 // Frames through libcsi in each memory mode, side by side with a minimal raw
 // V4L2 capture loop over the same virtual driver (the floor), and GenCP
 // register reads against the limit of the modelled control bus.
+#include "entry/TransportLayerHandler.h"
 #include "libcsi/Config.h"
 #include "libcsi/OsSeam.h"
 #include "libcsi/include/libcsi/libcsi.h"
@@ -166,6 +167,73 @@ Row ThroughLibcsi(Sim::VirtualSystem& system, const char* name, bool userptr, bo
     return {name, Frames / wallUsed, cpuUsed * 1000 / Frames};
 }
 
+
+// The whole producer: the GenTL functions a consumer calls, on the same
+// camera. libcsi is handed to the producer for the row and taken back after.
+Row ThroughGenTL(const char* name, bool allocate)
+{
+    libcsi_deinit();
+    auto tl = Base::TransportLayerHandler::Get();
+    TL_HANDLE system = nullptr;
+    IF_HANDLE interface = nullptr;
+    DEV_HANDLE device = nullptr;
+    DS_HANDLE stream = nullptr;
+    EVENT_HANDLE event = nullptr;
+    bool8_t changed = 0;
+    char id[256] = {};
+    std::size_t size = sizeof id;
+    tl->GCInitLib();
+    tl->TLOpen(&system);
+    tl->TLOpenInterface(system, "LorunCSIInterface_0x0", &interface);
+    tl->IFUpdateDeviceList(interface, &changed, 100);
+    tl->IFGetDeviceID(interface, 0, id, &size);
+    tl->IFOpenDevice(interface, id, DEVICE_ACCESS_CONTROL, &device);
+    size = sizeof id;
+    tl->DevGetDataStreamID(device, 0, id, &size);
+    tl->DevOpenDataStream(device, id, &stream);
+    std::size_t payload = 0;
+    INFO_DATATYPE type = 0;
+    size = sizeof payload;
+    tl->DSGetInfo(stream, STREAM_INFO_PAYLOAD_SIZE, &type, &payload, &size);
+    std::vector<void*> memory;
+    std::vector<BUFFER_HANDLE> buffers(Buffers);
+    for (auto& buffer : buffers) {
+        if (allocate) {
+            tl->DSAllocAndAnnounceBuffer(stream, payload, nullptr, &buffer);
+        } else {
+            memory.push_back(std::aligned_alloc(4096, (payload + 4095) / 4096 * 4096));
+            tl->DSAnnounceBuffer(stream, memory.back(), payload, nullptr, &buffer);
+        }
+        tl->DSQueueBuffer(stream, buffer);
+    }
+    tl->GCRegisterEvent(stream, EVENT_NEW_BUFFER, &event);
+    tl->DSStartAcquisition(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE);
+    const double wall = WallSeconds(), cpu = CpuSeconds();
+    int frames = 0;
+    while (frames < Frames) {
+        EVENT_NEW_BUFFER_DATA data{};
+        size = sizeof data;
+        if (tl->EventGetData(event, &data, &size, 2000) != GC_ERR_SUCCESS)
+            break;
+        ++frames;
+        tl->DSQueueBuffer(stream, data.BufferHandle);
+    }
+    const double wallUsed = WallSeconds() - wall, cpuUsed = CpuSeconds() - cpu;
+    tl->DSStopAcquisition(stream, ACQ_STOP_FLAGS_DEFAULT);
+    tl->DSFlushQueue(stream, ACQ_QUEUE_ALL_DISCARD);
+    for (BUFFER_HANDLE buffer : buffers)
+        tl->DSRevokeBuffer(stream, buffer, nullptr, nullptr);
+    tl->DSClose(stream);
+    tl->DevClose(device);
+    tl->GCCloseLib();
+    for (void* block : memory)
+        std::free(block);
+    libcsi_init();
+    libcsi_update_device_list();
+    if (frames < Frames)
+        std::fprintf(stderr, "%s: only %d frames\n", name, frames);
+    return {name, frames / wallUsed, cpuUsed * 1000 / std::max(frames, 1)};
+}
 }
 
 int main()
@@ -187,6 +255,9 @@ int main()
         rows.push_back(ThroughLibcsi(*system, "libcsi MMAP, allocated", false, true));
         rows.push_back(ThroughLibcsi(*system, "libcsi USERPTR_EXT", true, false));
         rows.push_back(ThroughLibcsi(*system, "libcsi USERPTR_INT", true, true));
+        LibCSIImpl::TheConfig().enableUserptr = false;
+        rows.push_back(ThroughGenTL("GenTL, announced buffers (copy)", false));
+        rows.push_back(ThroughGenTL("GenTL, allocated buffers", true));
         rounds.push_back(rows);
     }
     auto median = [](std::vector<double> values) {

@@ -11,7 +11,7 @@ set(allowed_transport transport framework gencp libcsi-public support base)
 set(allowed_modules modules framework transport gencp libcsi-public support base)
 set(allowed_entry entry modules framework transport gencp libcsi-public support base)
 set(allowed_tools tools base)
-set(allowed_bench bench libcsi libcsi-public sim support base)
+set(allowed_bench bench entry libcsi libcsi-public sim support base)
 
 set(violations "")
 foreach(layer base support libcsi sim framework gencp transport modules entry tools bench)
