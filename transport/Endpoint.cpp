@@ -485,6 +485,8 @@ void Endpoint::EnqueueMessage(FrameRecord* record)
         return;
     }
     const std::shared_ptr<DataTransfer> transfer = found->second;
+    // The handler of this queueing: a later queueing of the buffer may replace it meanwhile.
+    const FrameCallback callback = transfer->callback;
     const bool emulated = emulateLeaderTrailer;
     const LeaderTrailerParameters parameters = leaderTrailer;
     const lib_frame_transfer frame = record->frame;
@@ -504,14 +506,14 @@ void Endpoint::EnqueueMessage(FrameRecord* record)
         Library::MediaLog("Endpoint::EnqueueMessage Frame of an earlier stream dropped");
         frame_info unused;
         unused.result = RESULT_Unused;
-        if (transfer->callback)
-            transfer->callback(unused);
+        if (callback)
+            callback(unused);
         return;
     }
     const frame_info info = emulated ? EmulatedFrameInfo(parameters, emulatedBlockId.fetch_add(1))
                                      : FrameInfoFromLeaderTrailer(frame, status);
-    if (transfer->callback)
-        transfer->callback(info);
+    if (callback)
+        callback(info);
 }
 
 } }

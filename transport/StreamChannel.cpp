@@ -118,8 +118,8 @@ StreamChannel::~StreamChannel()
 LibCSI::Endpoint::FrameCallback StreamChannel::FrameHandler(const std::shared_ptr<StreamDataBlock>& block)
 {
     std::weak_ptr<StreamDataBlock> weakBlock = block;
-    return [gate = frameGate, this, weakBlock](const LibCSI::frame_info& frame) {
-        gate->Run([&] { OnFrameFinished(weakBlock, frame); });
+    return [gate = frameGate, this, weakBlock, made = round](const LibCSI::frame_info& frame) {
+        gate->Run([&] { OnFrameFinished(weakBlock, made, frame); });
     };
 }
 
@@ -350,6 +350,7 @@ void StreamChannel::StartStreaming(std::uint32_t driverBuffers, std::uint64_t im
     }
 
     try {
+        ++round;
         SetState(Streaming);
         imagesToAcquire = images;
         streamPayloadSize = size;
@@ -492,7 +493,8 @@ void StreamChannel::OnNewBuffer()
     }
 }
 
-void StreamChannel::OnFrameFinished(const std::weak_ptr<StreamDataBlock>& weakBlock, const LibCSI::frame_info& frame)
+void StreamChannel::OnFrameFinished(const std::weak_ptr<StreamDataBlock>& weakBlock, std::uint64_t madeInRound,
+                                    const LibCSI::frame_info& frame)
 {
     auto queue = std::atomic_load(&bufferQueue);
     std::shared_ptr<StreamDataBlock> block = weakBlock.lock();
@@ -511,7 +513,9 @@ void StreamChannel::OnFrameFinished(const std::weak_ptr<StreamDataBlock>& weakBl
         }
         return;
     }
-    if (frame.result == LibCSI::RESULT_Unused) {
+    // A frame of an earlier stream that waited for the locks while this one
+    // started: its buffer has gone round again, and only libcsi's hold is over.
+    if (frame.result == LibCSI::RESULT_Unused || madeInRound != round) {
         // libcsi gave back a frame that is no longer this stream's (revoked, or of
         // a stream stopped before): the buffer is not ours to move, but libcsi can
         // take the buffers that waited for it now.

@@ -104,7 +104,8 @@ private:
     std::shared_ptr<StreamDataBlock> BlockOf(const std::shared_ptr<Base::Buffer>& buffer);
     void SubmitBuffers();
     void OnNewBuffer();
-    void OnFrameFinished(const std::weak_ptr<StreamDataBlock>& block, const LibCSI::frame_info& frame);
+    void OnFrameFinished(const std::weak_ptr<StreamDataBlock>& block, std::uint64_t round,
+                         const LibCSI::frame_info& frame);
     void FinishFrame(StreamDataBlock& block, const LibCSI::frame_info& frame);
     void Abort(const std::string& text, GC_ERROR code);
     void DisconnectInput();
@@ -115,6 +116,8 @@ private:
     std::uint32_t FrameSizeFor(const std::shared_ptr<Base::Buffer>& buffer) const;
 
     std::shared_ptr<Tools::CallGate> frameGate;
+    // Rises with every start: a handler made for an earlier stream is recognised by it.
+    std::uint64_t round = 0;
     const std::uint32_t streamIndex = 0;
     std::shared_ptr<ControlChannel> control;
     std::shared_ptr<LibCSI::EndpointHandler> handler;
