@@ -90,6 +90,7 @@ CameraDescription ReadCamera(const Tree& section, const std::string& name)
            {"frame_rate", Into(c.frameRate)},
            {"bus_speed", Into(c.busSpeed)},
            {"bus_timing", Into(c.busTiming)},
+           {"leader_trailer", Into(c.leaderTrailer)},
            {"layout_version", Into(c.layoutVersion)},
            {"cci_layout_version", Into(c.cciLayoutVersion)},
            {"device_capabilities", Into(c.deviceCapabilities)},

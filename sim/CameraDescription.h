@@ -29,6 +29,7 @@ struct CameraDescription {
     double frameRate = 30;            // 0: as fast as buffers allow
     std::uint32_t busSpeed = 400000;  // hertz: 100000 or 400000
     bool busTiming = true;            // register traffic costs what it would on the bus
+    bool leaderTrailer = true;        // false: frames are the bare payload, the host emulates leader and trailer
     std::uint32_t layoutVersion = 0x00010000; // GCPRM layout, major << 16 | minor
     std::uint32_t cciLayoutVersion = 0x00010000;
     std::uint64_t deviceCapabilities = 0x4; // bit 2: GenCP mode supported

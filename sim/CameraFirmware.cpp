@@ -99,7 +99,8 @@ void CameraFirmware::BuildMemory()
 
     // Technology specific bootstrap registers.
     memory.AddValue(Sbrm + 0, 4, 0x00010000, false);
-    memory.AddValue(Sbrm + 4, 4, 0x7, false); // SIRM, leader and trailer sent, DPHY reset
+    // SIRM, leader and trailer sent (bit 1, unless the description says not), DPHY reset.
+    memory.AddValue(Sbrm + 4, 4, description.leaderTrailer ? 0x7 : 0x5, false);
     memory.AddValue(Sbrm + 8, 4, 0, false);
     memory.AddValue(Sbrm + 12, 4, 1, false);
     memory.AddValue(Sbrm + 16, 4, description.laneMask, false);
@@ -115,9 +116,9 @@ void CameraFirmware::BuildMemory()
 
     // Streaming interface registers of stream 0.
     memory.AddValue(Sirm + 0, 4, 0, true);
-    memory.AddValue(Sirm + 4, 4, MaxLeaderSize, false);
+    memory.AddValue(Sirm + 4, 4, LeaderSize(), false);
     memory.Add(Sirm + 8, 8, false).onRead = [this](MemoryMap::Field& f) { Put<std::uint64_t>(f.bytes, 0, ComputeGeometry().payloadSize); };
-    memory.AddValue(Sirm + 16, 4, MaxTrailerSize, false);
+    memory.AddValue(Sirm + 16, 4, TrailerSize(), false);
     memory.AddValue(Sirm + 20, 8, (std::uint64_t{1} << 49) | (std::uint64_t{1} << 42), false);
     memory.AddValue(Sirm + 28, 8, 0, false);
     memory.AddValue(Sirm + 36, 8, 0, false);
@@ -453,14 +454,14 @@ CameraFirmware::FrameGeometry CameraFirmware::ComputeGeometry()
     const std::uint64_t xMin = memory.GetValue(Sirm + 56), xMax = memory.GetValue(Sirm + 60);
     const std::uint64_t xInc = std::max<std::uint64_t>(1, memory.GetValue(Sirm + 64));
     const std::uint64_t yMin = memory.GetValue(Sirm + 68), yInc = std::max<std::uint64_t>(1, memory.GetValue(Sirm + 76));
-    const std::uint64_t total = MaxLeaderSize + g.imageBytes + MaxTrailerSize;
+    const std::uint64_t total = LeaderSize() + g.imageBytes + TrailerSize();
     std::uint64_t x = RoundUp(std::max<std::uint64_t>(xMin, (g.width * g.format->bitsPerPixel + 7) / 8), xInc);
     if (x > xMax)
         x = std::max<std::uint64_t>(xInc, xMax / xInc * xInc);
     std::uint64_t y = RoundUp(std::max<std::uint64_t>(yMin, (total + x - 1) / x), yInc);
     g.ipuX = static_cast<std::uint32_t>(x);
     g.ipuY = static_cast<std::uint32_t>(y);
-    g.payloadSize = x * y - MaxLeaderSize - MaxTrailerSize;
+    g.payloadSize = x * y - LeaderSize() - TrailerSize();
     return g;
 }
 
@@ -481,40 +482,48 @@ double CameraFirmware::FrameRate()
 bool CameraFirmware::RenderFrame(std::uint8_t* buffer, std::size_t size, std::uint64_t blockID, std::uint64_t timestamp)
 {
     const FrameGeometry g = Geometry();
-    const std::uint64_t needed = MaxLeaderSize + g.payloadSize + MaxTrailerSize;
+    const std::uint64_t leaderSize = LeaderSize(), trailerSize = TrailerSize();
+    const std::uint64_t needed = leaderSize + g.payloadSize + trailerSize;
     std::vector<std::uint8_t> scratch;
     std::uint8_t* frame = buffer;
     if (size < needed) {
         scratch.assign(needed, 0);
         frame = scratch.data();
     }
-    qel_frame_leader leader{};
-    leader.magic_key = QEL_LEADER_MAGIC;
-    leader.leader_size = MaxLeaderSize;
-    leader.block_id = blockID;
-    leader.payload_type = 1;
-    leader.timestamp = timestamp;
-    leader.pixel_format = g.format->pfnc;
-    leader.size_x = g.width;
-    leader.size_y = g.height;
-    leader.offset_x = g.offsetX;
-    leader.offset_y = g.offsetY;
-    std::memcpy(frame, &leader, sizeof leader);
-    RenderPattern(frame + MaxLeaderSize, g.width, g.height, *g.format, blockID, g.pattern);
-    std::memset(frame + MaxLeaderSize + g.imageBytes, 0, g.payloadSize - g.imageBytes);
-    qel_frame_trailer trailer{};
-    trailer.magic_key = QEL_TRAILER_MAGIC;
-    trailer.trailer_size = MaxTrailerSize;
-    trailer.block_id = blockID;
-    trailer.valid_payload_size = g.imageBytes;
-    trailer.delivered_size_y = g.height;
-    std::memcpy(frame + MaxLeaderSize + g.payloadSize, &trailer, sizeof trailer);
+    if (leaderSize) {
+        qel_frame_leader leader{};
+        leader.magic_key = QEL_LEADER_MAGIC;
+        leader.leader_size = static_cast<std::uint16_t>(leaderSize);
+        leader.block_id = blockID;
+        leader.payload_type = 1;
+        leader.timestamp = timestamp;
+        leader.pixel_format = g.format->pfnc;
+        leader.size_x = g.width;
+        leader.size_y = g.height;
+        leader.offset_x = g.offsetX;
+        leader.offset_y = g.offsetY;
+        std::memcpy(frame, &leader, sizeof leader);
+    }
+    RenderPattern(frame + leaderSize, g.width, g.height, *g.format, blockID, g.pattern);
+    std::memset(frame + leaderSize + g.imageBytes, 0, g.payloadSize - g.imageBytes);
+    if (trailerSize) {
+        qel_frame_trailer trailer{};
+        trailer.magic_key = QEL_TRAILER_MAGIC;
+        trailer.trailer_size = static_cast<std::uint16_t>(trailerSize);
+        trailer.block_id = blockID;
+        trailer.valid_payload_size = g.imageBytes;
+        trailer.delivered_size_y = g.height;
+        std::memcpy(frame + leaderSize + g.payloadSize, &trailer, sizeof trailer);
+    }
     if (frame != buffer) {
         std::memcpy(buffer, frame, size);
         return false;
     }
     return true;
 }
+
+std::uint64_t CameraFirmware::LeaderSize() const { return description.leaderTrailer ? MaxLeaderSize : 0; }
+std::uint64_t CameraFirmware::TrailerSize() const { return description.leaderTrailer ? MaxTrailerSize : 0; }
 
 std::uint64_t CameraFirmware::ReadValue(std::uint64_t address)
 {

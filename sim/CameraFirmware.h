@@ -46,6 +46,9 @@ public:
     // Writes leader, payload and trailer into `buffer` of `size` bytes; false
     // when the frame did not fit (the buffer then holds what did).
     bool RenderFrame(std::uint8_t* buffer, std::size_t size, std::uint64_t blockID, std::uint64_t timestamp);
+    // What the camera sends round each payload: 52 and 32 bytes, or nothing.
+    std::uint64_t LeaderSize() const;
+    std::uint64_t TrailerSize() const;
 
     // Direct access for tests and for the driver's bookkeeping.
     std::uint64_t ReadValue(std::uint64_t address);

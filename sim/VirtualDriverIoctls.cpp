@@ -439,11 +439,11 @@ void VirtualSystem::FrameLoop(Camera& camera)
         lock.unlock();
         const bool complete = camera.firmware->RenderFrame(memory, size, blockID, nanoseconds);
         std::uint32_t flags = complete ? QEL_BUF_FLAG_VALID : QEL_BUF_FLAG_INVALID_31;
-        if (camera.faults.Take(Fault::BadLeaderKey) && size >= 4)
+        if (camera.faults.Take(Fault::BadLeaderKey) && camera.firmware->LeaderSize() && size >= 4)
             std::memset(memory, 0xEE, 4);
         if (camera.faults.Take(Fault::BadTrailerKey)) {
-            const std::uint64_t trailer = CameraMap::MaxLeaderSize + camera.firmware->Geometry().payloadSize;
-            if (trailer + 4 <= size)
+            const std::uint64_t trailer = camera.firmware->LeaderSize() + camera.firmware->Geometry().payloadSize;
+            if (camera.firmware->TrailerSize() && trailer + 4 <= size)
                 std::memset(memory + trailer, 0xEE, 4);
         }
         if (camera.faults.Take(Fault::ZeroFrame))

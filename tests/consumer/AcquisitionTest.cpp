@@ -115,16 +115,21 @@ protected:
             EXPECT_EQ(64u, BufferInfo<size_t>(buffer, BUFFER_INFO_WIDTH));
             EXPECT_EQ(16u, BufferInfo<size_t>(buffer, BUFFER_INFO_HEIGHT));
             EXPECT_EQ(format.pfnc, BufferInfo<std::uint64_t>(buffer, BUFFER_INFO_PIXELFORMAT));
-            EXPECT_EQ(payloadSize, BufferInfo<size_t>(buffer, BUFFER_INFO_SIZE_FILLED));
+            // With leader and trailer the frame fills the payload; emulated, it
+            // is as large as the camera's valid payload, the image itself.
+            EXPECT_EQ(emulated ? 64u * 16u : payloadSize, BufferInfo<size_t>(buffer, BUFFER_INFO_SIZE_FILLED));
             EXPECT_EQ(0, BufferInfo<bool8_t>(buffer, BUFFER_INFO_IS_INCOMPLETE));
             EXPECT_NE(0, BufferInfo<bool8_t>(buffer, BUFFER_INFO_NEW_DATA));
             EXPECT_EQ(std::size_t{PAYLOAD_TYPE_IMAGE}, BufferInfo<size_t>(buffer, BUFFER_INFO_PAYLOADTYPE));
             timestamps.insert(BufferInfo<std::uint64_t>(buffer, BUFFER_INFO_TIMESTAMP));
             const auto* image = static_cast<const std::uint8_t*>(BufferInfo<void*>(buffer, BUFFER_INFO_BASE));
+            // Emulated frame IDs are the producer's count, not the camera's: the
+            // camera's block ID is then read from the first pixel of its ramp.
+            const std::uint64_t block = emulated ? image[0] : id;
             for (std::uint32_t y = 0; y < 16; ++y)
                 for (std::uint32_t x = 0; x < 64; ++x)
                     if (QEL::Sim::ReadSample(image, 64, x, y, 0, format) !=
-                        QEL::Sim::PatternSample(x, y, 0, id, format, 0))
+                        QEL::Sim::PatternSample(x, y, 0, block, format, 0))
                         ++wrongPixels;
             ++seen[index];
             ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSQueueBuffer)(stream, buffer));
@@ -155,6 +160,7 @@ protected:
     std::set<std::uint64_t> timestamps;
     std::uint64_t lastFrameId = 0;
     int wrongPixels = 0;
+    bool emulated = false;
 };
 
 TEST_F(Acquisition, EveryPixelOfThreeHundredFramesInOwnAndAllocatedBuffers)
@@ -270,6 +276,28 @@ TEST_F(Acquisition, ConsumerThreadsSideBySide)
     registers.join();
     EXPECT_EQ(0, failures.load());
     EXPECT_EQ(0, wrongPixels);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+}
+
+// A camera that sends the bare payload: the producer stands in for leader and
+// trailer with the image parameters of the camera's SIRM.
+class EmulatedAcquisition : public Acquisition {
+protected:
+    EmulatedAcquisition()
+        : Acquisition("width = 64\nheight = 16\npixel_format = Mono8\nframe_rate = 0\nleader_trailer = 0\n")
+    {
+        emulated = true;
+    }
+};
+
+TEST_F(EmulatedAcquisition, FramesWithoutLeaderAndTrailer)
+{
+    AnnounceAndQueue(4, 0);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE))
+        << producer.LastError().second;
+    Grab(300);
+    EXPECT_EQ(0, wrongPixels);
+    EXPECT_EQ(1u, timestamps.size()) << "an emulated frame has no timestamp";
     ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
 }
 
