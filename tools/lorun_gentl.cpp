@@ -2,7 +2,9 @@
 #include "base/GenTL.h"
 
 #include <dlfcn.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -40,6 +42,16 @@ struct Producer {
         // A bare file name would make dlopen search the library path instead of the folder at hand.
         char resolved[PATH_MAX];
         std::string path = realpath(given.c_str(), resolved) ? resolved : given;
+        // dlopen of a FIFO waits for a writer for ever, and of a directory says little.
+        struct stat status {};
+        if (::stat(path.c_str(), &status) != 0) {
+            std::fprintf(stderr, "Could not load %s: %s\n", path.c_str(), std::strerror(errno));
+            return false;
+        }
+        if (!S_ISREG(status.st_mode)) {
+            std::fprintf(stderr, "Could not load %s: not a regular file.\n", path.c_str());
+            return false;
+        }
         library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (!library) {
             std::fprintf(stderr, "Could not load %s: %s\n", path.c_str(), dlerror());
@@ -62,9 +74,10 @@ struct Producer {
     {
         GC_ERROR code = 0;
         size_t size = 0;
-        if (getLastError(&code, nullptr, &size) != GC_ERR_SUCCESS)
+        if (getLastError(&code, nullptr, &size) != GC_ERR_SUCCESS || size == 0)
             return "<no error text>";
-        std::vector<char> text(size);
+        // One more byte than asked for: a producer's text need not end in a terminator.
+        std::vector<char> text(size + 1, 0);
         if (getLastError(&code, text.data(), &size) != GC_ERR_SUCCESS)
             return "<no error text>";
         return text.data();
@@ -81,6 +94,10 @@ struct Producer {
         rc = getInfo(command, &type, buffer.data(), &size);
         if (rc != GC_ERR_SUCCESS)
             return "error " + std::to_string(rc) + ": " + LastError();
+        // An answer shorter than its datatype is shown as what it is, not read past.
+        const std::string raw = "<datatype " + std::to_string(type) + ", " + std::to_string(size) + " bytes>";
+        if ((type == INFO_DATATYPE_INT32 || type == INFO_DATATYPE_UINT32) && size < sizeof(int32_t))
+            return raw;
         switch (type) {
         case INFO_DATATYPE_STRING:
             return reinterpret_cast<const char*>(buffer.data());
@@ -95,7 +112,7 @@ struct Producer {
             return std::to_string(v);
         }
         default:
-            return "<datatype " + std::to_string(type) + ", " + std::to_string(size) + " bytes>";
+            return raw;
         }
     }
 };
