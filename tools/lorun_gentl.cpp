@@ -95,7 +95,7 @@ struct Producer {
         if (rc != GC_ERR_SUCCESS)
             return "error " + std::to_string(rc) + ": " + LastError();
         // An answer shorter than its datatype is shown as what it is, not read past.
-        const std::string raw = "<datatype " + std::to_string(type) + ", " + std::to_string(size) + " bytes>";
+        std::string raw = "<datatype " + std::to_string(type) + ", " + std::to_string(size) + " bytes>";
         if ((type == INFO_DATATYPE_INT32 || type == INFO_DATATYPE_UINT32) && size < sizeof(int32_t))
             return raw;
         switch (type) {
