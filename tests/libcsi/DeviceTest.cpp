@@ -301,6 +301,11 @@ TEST(DeviceOpen, WithoutDescriptorsForItsPipeTheOpenFailsCleanly)
     GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own";
 #endif
     VirtualBoard board(kOneCamera);
+    // One open and close first: what libcsi opens on first use (its log file)
+    // then holds its descriptor already, and cannot take the one left below.
+    device_handle_t* warm = nullptr;
+    ASSERT_EQ(LIBCSI_OK, board.Open(&warm));
+    ASSERT_EQ(LIBCSI_OK, libcsi_close_device(warm));
     rlimit saved{};
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
     // Leave exactly one free descriptor: the node opens, its stop pipe cannot.
@@ -309,8 +314,8 @@ TEST(DeviceOpen, WithoutDescriptorsForItsPipeTheOpenFailsCleanly)
     ::close(lowestFree);
     rlimit tight = saved;
     tight.rlim_cur = static_cast<rlim_t>(lowestFree) + 1;
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
     device_handle_t* device = nullptr;
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
     const std::int32_t result = board.Open(&device);
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
     EXPECT_EQ(LIBCSI_ERROR, result);
