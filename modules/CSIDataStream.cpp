@@ -1,5 +1,6 @@
 #include "modules/CSIDataStream.h"
 
+#include "framework/ChunkData.h"
 #include "framework/GenericRegister.h"
 #include "framework/InfoFeed.h"
 #include "framework/InfoRegisters.h"
@@ -13,7 +14,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <deque>
 #include <limits>
 #include <new>
 
@@ -585,27 +585,7 @@ void DataStream::GetBufferChunkData(const std::shared_ptr<Base::Buffer>& buffer,
     if (status != 0)
         throw Exception("Buffer is not valid.", GC_ERR_NOT_AVAILABLE);
 
-    // Chunks are read from the end: each ends in its ID and length.
-    std::deque<SINGLE_CHUNK_DATA> chunks;
-    std::uint64_t remaining = filled;
-    while (remaining >= 9) {
-        std::uint32_t chunkId = 0, length = 0;
-        std::memcpy(&chunkId, base + remaining - 8, 4);
-        std::memcpy(&length, base + remaining - 4, 4);
-        remaining -= 8;
-        if (length % 4)
-            throw Exception("Chunk data not aligned to 4 bytes.", GC_ERR_ERROR);
-        if (length > remaining)
-            throw Exception("Invalid chunk data found.", GC_ERR_ERROR);
-        remaining -= length;
-        SINGLE_CHUNK_DATA chunk{};
-        chunk.ChunkID = chunkId;
-        chunk.ChunkOffset = static_cast<std::ptrdiff_t>(remaining);
-        chunk.ChunkLength = length;
-        chunks.push_front(chunk);
-    }
-    if (remaining != 0)
-        throw Exception("Chunk data cannot be parsed correctly.", GC_ERR_ERROR);
+    const std::vector<SINGLE_CHUNK_DATA> chunks = Base::ParseChunks(base, filled);
     if (chunkData) {
         if (chunks.size() > *numChunks)
             throw Exception("Insufficient chunk data entries passed.", GC_ERR_BUFFER_TOO_SMALL);

@@ -35,9 +35,6 @@ struct FrameRecord {
     void* context = nullptr;
     lib_frame_transfer frame{};
     std::uint32_t status = 0;
-    // The stream a queued frame belongs to; a frame of an earlier one that
-    // libcsi hands back late is recognised by it.
-    std::uint64_t round = 0;
 };
 
 // Status words of a control transfer.

@@ -385,19 +385,19 @@ std::int32_t Endpoint::QueueBuffer(void* payload, std::uint32_t ipuX, std::uint3
     if (!handle)
         return LIBCSI_ERROR;
     const std::shared_ptr<DataTransfer>& transfer = frames.at(handle);
-    // A new round may come with another handler than the announcement had.
+    // Queueings of two streams ago can no longer come back: libcsi delivers or
+    // drops what it holds before a stream after the next one starts.
+    auto& queueings = transfer->queueings;
+    for (auto it = queueings.begin(); it != queueings.end();)
+        it = it->second->stops + 2 <= stops ? queueings.erase(it) : std::next(it);
+    // The latest handler also hears of a revoke; frames go to the one of their own queueing.
     if (callback)
         transfer->callback = std::move(callback);
-    // Records of two streams ago can no longer come back: libcsi delivers or
-    // drops what it holds before a stream after the next one starts.
-    for (auto it = transfer->tickets.begin(); it != transfer->tickets.end();)
-        it = it->second->round + 2 <= round ? transfer->tickets.erase(it) : std::next(it);
-    auto ticket = std::make_shared<FrameRecord>(transfer->record);
-    ticket->round = round;
-    transfer->tickets[ticket.get()] = ticket;
-    const std::int32_t result = wrapper->QueueFrame(ticket.get());
+    auto queueing = std::make_shared<DataTransfer::Queueing>(DataTransfer::Queueing{transfer->record, transfer->callback, stops});
+    queueings[&queueing->record] = queueing;
+    const std::int32_t result = wrapper->QueueFrame(&queueing->record);
     if (result != 0)
-        transfer->tickets.erase(ticket.get());
+        queueings.erase(&queueing->record);
     return result;
 }
 
@@ -463,7 +463,7 @@ std::int32_t Endpoint::StopStreaming()
     streaming = false;
     const std::int32_t result = wrapper->StopStream();
     MutexGuard guard(&frameMutex);
-    ++round;
+    ++stops;
     return result;
 }
 
@@ -485,31 +485,21 @@ void Endpoint::EnqueueMessage(FrameRecord* record)
         return;
     }
     const std::shared_ptr<DataTransfer> transfer = found->second;
-    // The handler of this queueing: a later queueing of the buffer may replace it meanwhile.
-    const FrameCallback callback = transfer->callback;
+    // This queueing is done with; the caller no longer reads its record.
+    const auto queueing = transfer->queueings.find(record);
+    if (queueing == transfer->queueings.end()) {
+        guard.Release();
+        Library::MediaLog("Endpoint::EnqueueMessage Transfer not found or found Transfer = NULL");
+        return;
+    }
+    const std::shared_ptr<DataTransfer::Queueing> done = queueing->second;
+    transfer->queueings.erase(queueing);
+    const FrameCallback callback = done->callback;
     const bool emulated = emulateLeaderTrailer;
     const LeaderTrailerParameters parameters = leaderTrailer;
     const lib_frame_transfer frame = record->frame;
     const std::uint32_t status = record->status;
-    const bool stale = record->round != round;
-    // The record was this queueing's own; it is done with (the caller no longer reads it).
-    const auto ticket = transfer->tickets.find(record);
-    std::shared_ptr<FrameRecord> keep;
-    if (ticket != transfer->tickets.end()) {
-        keep = ticket->second;
-        transfer->tickets.erase(ticket);
-    }
     guard.Release();
-    if (stale) {
-        // Its buffer went back to the consumer's queue when that stream stopped;
-        // the frame only says that libcsi has let go of it.
-        Library::MediaLog("Endpoint::EnqueueMessage Frame of an earlier stream dropped");
-        frame_info unused;
-        unused.result = RESULT_Unused;
-        if (callback)
-            callback(unused);
-        return;
-    }
     const frame_info info = emulated ? EmulatedFrameInfo(parameters, emulatedBlockId.fetch_add(1))
                                      : FrameInfoFromLeaderTrailer(frame, status);
     if (callback)

@@ -80,8 +80,15 @@ private:
         Origin origin = Announced;
         FrameRecord record;
         FrameCallback callback;
-        // One record per queueing, handed to libcsi as the frame's context.
-        std::map<FrameRecord*, std::shared_ptr<FrameRecord>> tickets;
+        // One per queueing, its record handed to libcsi as the frame's context:
+        // a frame libcsi gives back late still reaches the handler it was queued
+        // with, which knows whether its stream is still the current one.
+        struct Queueing {
+            FrameRecord record;
+            FrameCallback callback;
+            std::uint64_t stops;
+        };
+        std::map<const FrameRecord*, std::shared_ptr<Queueing>> queueings;
         // Where the camera's leader and trailer land for a buffer of the caller.
         std::vector<std::uint8_t> leader, trailer;
         Endpoint* endpoint = nullptr;
@@ -136,7 +143,7 @@ private:
     std::map<frame_handle_t*, std::shared_ptr<DataTransfer>> frames;
     std::map<const void*, frame_handle_t*> payloads;
     bool emulateLeaderTrailer = false;
-    std::uint64_t round = 1; // rises with every stop of the stream
+    std::uint64_t stops = 0; // how often the stream stopped: when a queueing can be let go
     LeaderTrailerParameters leaderTrailer;
     std::shared_ptr<lib_channel_transfer> streamRecord;
     std::atomic<bool> streaming{false};

@@ -398,21 +398,15 @@ void StreamChannel::RefreshIPU()
 
 // libcsi takes frames whose leader, payload and trailer fill the IPU geometry
 // exactly: a larger buffer is announced with the camera's payload size.
-std::uint32_t StreamChannel::FrameSizeFor(const std::shared_ptr<Base::Buffer>& buffer) const
+std::uint32_t StreamChannel::FrameSizeFor(const Base::BasicBuffer& buffer) const
 {
-    auto basic = std::dynamic_pointer_cast<Base::BasicBuffer>(buffer);
-    if (!basic)
-        throw Exception("Could not retrieve info.", GC_ERR_ERROR);
-    const std::uint64_t size = basic->GetSize();
+    const std::uint64_t size = buffer.GetSize();
     return static_cast<std::uint32_t>(cameraPayloadSize && size >= cameraPayloadSize ? cameraPayloadSize : size);
 }
 
-std::shared_ptr<StreamDataBlock> StreamChannel::BlockOf(const std::shared_ptr<Base::Buffer>& buffer)
+std::shared_ptr<StreamDataBlock> StreamChannel::BlockOf(const std::shared_ptr<Base::BasicBuffer>& buffer)
 {
-    auto basic = std::dynamic_pointer_cast<Base::BasicBuffer>(buffer);
-    if (!basic)
-        throw Exception("Could not retrieve info.", GC_ERR_ERROR);
-    auto& block = blocks[basic->GetBase()];
+    auto& block = blocks[buffer->GetBase()];
     if (!block)
         block = std::make_shared<StreamDataBlock>();
     block->buffer = buffer;
@@ -428,10 +422,9 @@ void StreamChannel::AnnounceBuffer(const std::shared_ptr<Base::Buffer>& buffer)
     auto basic = std::dynamic_pointer_cast<Base::BasicBuffer>(buffer);
     if (!basic)
         throw Exception("Could not retrieve info.", GC_ERR_ERROR);
-    std::shared_ptr<StreamDataBlock> block = BlockOf(buffer);
-    frame_handle_t* handle = handler->AnnounceBuffer(
-        basic->GetBase(), ipuX, ipuY, FrameSizeFor(buffer), m_nMaxLeaderSize, m_nMaxTrailerSize,
-        FrameHandler(block));
+    std::shared_ptr<StreamDataBlock> block = BlockOf(basic);
+    frame_handle_t* handle = handler->AnnounceBuffer(basic->GetBase(), ipuX, ipuY, FrameSizeFor(*basic),
+                                                     m_nMaxLeaderSize, m_nMaxTrailerSize, FrameHandler(block));
     if (!handle)
         throw Exception("AnnounceTransfers returned invalid handle. IPU/transfersize mismatch?.", GC_ERR_ERROR);
     block->transferHandle = handle;
@@ -461,9 +454,8 @@ void StreamChannel::SubmitBuffers()
         if (!buffer)
             return;
         std::shared_ptr<StreamDataBlock> block = BlockOf(buffer);
-        const std::int32_t result = handler->QueueBuffer(
-            buffer->GetBase(), ipuX, ipuY, FrameSizeFor(buffer), m_nMaxLeaderSize, m_nMaxTrailerSize,
-            FrameHandler(block));
+        const std::int32_t result = handler->QueueBuffer(buffer->GetBase(), ipuX, ipuY, FrameSizeFor(*buffer),
+                                                         m_nMaxLeaderSize, m_nMaxTrailerSize, FrameHandler(block));
         if (result != 0) {
             // The endpoint takes no more for now.
             bufferQueue->ReturnToInputQueue(buffer);
@@ -516,9 +508,9 @@ void StreamChannel::OnFrameFinished(const std::weak_ptr<StreamDataBlock>& weakBl
     // A frame of an earlier stream that waited for the locks while this one
     // started: its buffer has gone round again, and only libcsi's hold is over.
     if (frame.result == LibCSI::RESULT_Unused || madeInRound != round) {
-        // libcsi gave back a frame that is no longer this stream's (revoked, or of
-        // a stream stopped before): the buffer is not ours to move, but libcsi can
-        // take the buffers that waited for it now.
+        // libcsi gave back a frame that is no longer this stream's (revoked, or
+        // queued by a stream stopped before): the buffer is not ours to move, but
+        // libcsi can take the buffers that waited for it now.
         try {
             SubmitBuffers();
         } catch (const Exception& e) {

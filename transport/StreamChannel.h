@@ -101,7 +101,7 @@ private:
     LibCSI::Endpoint::FrameCallback FrameHandler(const std::shared_ptr<StreamDataBlock>& block);
     void SetState(State newState);
     void RefreshIPU();
-    std::shared_ptr<StreamDataBlock> BlockOf(const std::shared_ptr<Base::Buffer>& buffer);
+    std::shared_ptr<StreamDataBlock> BlockOf(const std::shared_ptr<Base::BasicBuffer>& buffer);
     void SubmitBuffers();
     void OnNewBuffer();
     void OnFrameFinished(const std::weak_ptr<StreamDataBlock>& block, std::uint64_t round,
@@ -113,7 +113,7 @@ private:
     std::uint64_t DeterminePayloadSize(std::uint32_t mode, std::uint64_t manual);
     std::vector<PlanEntry> PlanTransfers(std::uint64_t size, bool singleFinalTransfer);
     void SetUpEmulation();
-    std::uint32_t FrameSizeFor(const std::shared_ptr<Base::Buffer>& buffer) const;
+    std::uint32_t FrameSizeFor(const Base::BasicBuffer& buffer) const;
 
     std::shared_ptr<Tools::CallGate> frameGate;
     // Rises with every start: a handler made for an earlier stream is recognised by it.
