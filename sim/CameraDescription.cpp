@@ -5,7 +5,13 @@
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 
-#include <fstream>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <sstream>
@@ -68,6 +74,7 @@ std::function<void(const std::string&)> Into(T& target)
 CameraDescription ReadCamera(const Tree& section, const std::string& name)
 {
     CameraDescription c;
+    c.name = name;
     Apply(section, name,
           {{"node", Into(c.node)},
            {"port", Into(c.port)},
@@ -91,6 +98,9 @@ CameraDescription ReadCamera(const Tree& section, const std::string& name)
            {"bus_speed", Into(c.busSpeed)},
            {"bus_timing", Into(c.busTiming)},
            {"leader_trailer", Into(c.leaderTrailer)},
+           {"chunk_data", Into(c.chunkData)},
+           {"manifest_entries", Into(c.manifestEntries)},
+           {"document", Into(c.documentFile)},
            {"layout_version", Into(c.layoutVersion)},
            {"cci_layout_version", Into(c.cciLayoutVersion)},
            {"device_capabilities", Into(c.deviceCapabilities)},
@@ -105,6 +115,9 @@ CameraDescription ReadCamera(const Tree& section, const std::string& name)
     PixelFormatByName(c.pixelFormat);
     if (c.width == 0 || c.height == 0 || c.width > c.widthMax || c.height > c.heightMax)
         throw std::invalid_argument("bad geometry in [" + name + "]");
+    if (c.manifestEntries < 1 || c.manifestEntries > MaxManifestEntries)
+        throw std::invalid_argument("manifest_entries must be 1 to " + std::to_string(MaxManifestEntries) + " in [" +
+                                    name + "]");
     if (c.stringEncoding > 2)
         throw std::invalid_argument("string_encoding must be 0, 1 or 2 in [" + name + "]");
     c.deviceCapabilities = (c.deviceCapabilities & ~std::uint64_t{0xF0}) | (std::uint64_t{c.stringEncoding} << 4);
@@ -113,7 +126,51 @@ CameraDescription ReadCamera(const Tree& section, const std::string& name)
 
 }
 
-SystemDescription SystemDescription::FromText(const std::string& text)
+namespace {
+
+// A whole regular file of at most `limit` bytes; anything else is refused by
+// name, so that /dev/zero, a FIFO or a folder cannot hang or swell the reader.
+std::string ReadRegularFile(const std::string& path, std::uint64_t limit, const char* what)
+{
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        throw std::invalid_argument(std::string("cannot read ") + what + " '" + path + "': " + std::strerror(errno));
+    std::string text;
+    struct stat status {};
+    const bool regular = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    const bool small = regular && static_cast<std::uint64_t>(status.st_size) <= limit;
+    if (small) {
+        text.resize(static_cast<std::size_t>(status.st_size));
+        std::size_t done = 0;
+        while (done < text.size()) {
+            const ssize_t got = ::read(fd, &text[done], text.size() - done);
+            if (got <= 0)
+                break;
+            done += static_cast<std::size_t>(got);
+        }
+        text.resize(done);
+    }
+    ::close(fd);
+    if (!regular)
+        throw std::invalid_argument(std::string(what) + " '" + path + "' is not a regular file");
+    if (!small)
+        throw std::invalid_argument(std::string(what) + " '" + path + "' is larger than " + std::to_string(limit) +
+                                    " bytes");
+    return text;
+}
+
+// Files named in a description lie beside it unless the path is absolute.
+std::string Beside(const std::string& description, const std::string& path)
+{
+    if (path.empty() || path[0] == '/')
+        return path;
+    const std::size_t slash = description.rfind('/');
+    return slash == std::string::npos ? path : description.substr(0, slash + 1) + path;
+}
+
+}
+
+SystemDescription SystemDescription::FromText(const std::string& text, const std::string& origin)
 {
     Tree tree;
     std::istringstream in(text);
@@ -135,7 +192,8 @@ SystemDescription SystemDescription::FromText(const std::string& text)
                    {"ipu_y_max", Into(d.ipuYMax)},
                    {"ipu_y_inc", Into(d.ipuYInc)},
                    {"min_announced_frames", Into(d.minAnnouncedFrames)},
-                   {"statistics_capabilities", Into(d.statisticsCapabilities)}});
+                   {"statistics_capabilities", Into(d.statisticsCapabilities)},
+                   {"control", Into(d.control)}});
             static const char* const boards[] = {"nitrogen", "wandboard", "tegra", "imx8", "imx8m", "imx8x"};
             if (std::find(std::begin(boards), std::end(boards), d.board) == std::end(boards))
                 throw std::invalid_argument("unknown board '" + d.board + "'");
@@ -145,17 +203,17 @@ SystemDescription SystemDescription::FromText(const std::string& text)
             throw std::invalid_argument("unknown section [" + name + "]");
         }
     }
+    d.control = Beside(origin, d.control);
+    for (CameraDescription& camera : d.cameras)
+        if (!camera.documentFile.empty())
+            camera.document =
+                ReadRegularFile(Beside(origin, camera.documentFile), MaxDocumentSize, "camera document");
     return d;
 }
 
 SystemDescription SystemDescription::FromFile(const std::string& path)
 {
-    std::ifstream in(path);
-    if (!in)
-        throw std::invalid_argument("cannot read camera description '" + path + "'");
-    std::stringstream text;
-    text << in.rdbuf();
-    return FromText(text.str());
+    return FromText(ReadRegularFile(path, 1u << 20, "camera description"), path);
 }
 
 } }

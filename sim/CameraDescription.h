@@ -8,6 +8,7 @@ namespace QEL { namespace Sim {
 
 // One virtual camera as a description file gives it.
 struct CameraDescription {
+    std::string name = "camera0";     // its section, by which the control file names it
     std::string node = "video0";      // V4L2 node name
     std::uint32_t port = 0;           // I2C port number
     std::uint32_t bus = 2;            // I2C bus number
@@ -30,6 +31,10 @@ struct CameraDescription {
     std::uint32_t busSpeed = 400000;  // hertz: 100000 or 400000
     bool busTiming = true;            // register traffic costs what it would on the bus
     bool leaderTrailer = true;        // false: frames are the bare payload, the host emulates leader and trailer
+    bool chunkData = false;           // frames of payload type 0x4001: the image and a frame counter as chunks
+    std::uint32_t manifestEntries = 1; // 1 to MaxManifestEntries copies of the document, file versions 1.0.0, 1.0.1, ...
+    std::string documentFile;         // the camera's GenApi document from this file, in place of the built-in one
+    std::string document;             // its contents, read with the description
     std::uint32_t layoutVersion = 0x00010000; // GCPRM layout, major << 16 | minor
     std::uint32_t cciLayoutVersion = 0x00010000;
     std::uint64_t deviceCapabilities = 0x4; // bit 2: GenCP mode supported
@@ -43,6 +48,9 @@ struct CameraDescription {
     bool available = true;
 };
 
+constexpr std::uint32_t MaxManifestEntries = 8;
+constexpr std::uint64_t MaxDocumentSize = 16u << 20;
+
 // The board and driver, and the cameras on it.
 struct SystemDescription {
     std::string board = "imx8m";      // nitrogen, wandboard, tegra, imx8, imx8m, imx8x
@@ -54,12 +62,15 @@ struct SystemDescription {
     std::uint32_t ipuYMin = 32, ipuYMax = 32768, ipuYInc = 1;
     std::uint32_t minAnnouncedFrames = 3;
     std::uint64_t statisticsCapabilities = 0x3F;
+    std::string control;              // a file of commands that other processes append to; empty: none
     std::vector<CameraDescription> cameras;
 
     // Reads an ini file: a [system] section and one section per camera whose
     // name begins with "camera". Unknown keys are an error.
     static SystemDescription FromFile(const std::string& path);
-    static SystemDescription FromText(const std::string& text);
+    // Relative file names in it are taken from the folder of `origin`, the
+    // description's own path, or from the working folder.
+    static SystemDescription FromText(const std::string& text, const std::string& origin = "");
 };
 
 } }

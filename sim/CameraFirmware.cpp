@@ -65,7 +65,8 @@ MemoryMap::Status Refuse(bool bad) { return bad ? MemoryMap::InvalidParameter : 
 }
 
 CameraFirmware::CameraFirmware(const CameraDescription& camera, FaultPlan& plan)
-    : description(camera), faults(plan), cci(0x10000, 0), xml(CameraXML(camera))
+    : description(camera), faults(plan), cci(0x10000, 0),
+      xml(camera.document.empty() ? CameraXML(camera) : camera.document)
 {
     BuildMemory();
     ResetState();
@@ -146,26 +147,34 @@ void CameraFirmware::BuildMemory()
     geometryField(100, 4, [](const FrameGeometry& g) -> std::uint64_t { return g.offsetY; });
     memory.AddValue(Sirm + 104, 4, 0, false);
     geometryField(108, 4, [](const FrameGeometry& g) -> std::uint64_t { return g.format->pfnc; });
-    memory.AddValue(Sirm + 112, 4, 1, false);
-    geometryField(116, 8, [](const FrameGeometry& g) -> std::uint64_t { return g.imageBytes; });
-    memory.AddValue(Sirm + 124, 4, 0, false);
+    memory.AddValue(Sirm + 112, 4, description.chunkData ? ChunkPayloadType : 1, false);
+    geometryField(116, 8, [](const FrameGeometry& g) -> std::uint64_t { return g.validBytes; });
+    memory.AddValue(Sirm + 124, 4, description.chunkData ? ChunkLayoutID : 0, false);
 
-    // Manifest with the GenApi document.
-    std::vector<std::uint8_t> document(xml.begin(), xml.end());
-    const auto digest = Tools::Sha1Digest(document.data(), document.size());
-    std::vector<std::uint8_t> manifest(8 + 64, 0);
-    Put<std::uint64_t>(manifest, 0, 1);
-    Put<std::uint16_t>(manifest, 8 + 0, 0); // file version 1.0.0
-    manifest[8 + 2] = 0;
-    manifest[8 + 3] = 1;
-    manifest[8 + 5] = 0;                    // uncompressed
-    manifest[8 + 6] = 1;                    // schema 1.1
-    manifest[8 + 7] = 1;
-    Put<std::uint64_t>(manifest, 8 + 8, XmlFile);
-    Put<std::uint64_t>(manifest, 8 + 16, document.size());
-    std::copy(digest.begin(), digest.end(), manifest.begin() + 8 + 24);
+    // Manifest with the GenApi document; further entries are copies that a
+    // comment at their end tells apart, file versions 1.0.1, 1.0.2, ...
+    const std::uint32_t entries = description.manifestEntries;
+    std::vector<std::uint8_t> manifest(8 + std::size_t{64} * entries, 0);
+    Put<std::uint64_t>(manifest, 0, entries);
+    for (std::uint32_t i = 0; i < entries; ++i) {
+        std::string text = xml;
+        if (i > 0)
+            text += "<!-- manifest entry " + std::to_string(i) + " -->\n";
+        std::vector<std::uint8_t> document(text.begin(), text.end());
+        const auto digest = Tools::Sha1Digest(document.data(), document.size());
+        const std::size_t entry = 8 + std::size_t{64} * i;
+        Put<std::uint16_t>(manifest, entry + 0, static_cast<std::uint16_t>(i)); // file version 1.0.i
+        manifest[entry + 2] = 0;
+        manifest[entry + 3] = 1;
+        manifest[entry + 5] = 0;                    // uncompressed
+        manifest[entry + 6] = 1;                    // schema 1.1
+        manifest[entry + 7] = 1;
+        Put<std::uint64_t>(manifest, entry + 8, XmlFileAddress(i));
+        Put<std::uint64_t>(manifest, entry + 16, document.size());
+        std::copy(digest.begin(), digest.end(), manifest.begin() + static_cast<std::ptrdiff_t>(entry) + 24);
+        memory.AddBytes(XmlFileAddress(i), document);
+    }
     memory.AddBytes(Manifest, manifest);
-    memory.AddBytes(XmlFile, document);
 
     // Features.
     memory.AddValue(WidthMax, 4, description.widthMax, false);
@@ -449,12 +458,14 @@ CameraFirmware::FrameGeometry CameraFirmware::ComputeGeometry()
     g.format = &PixelFormatByCode(static_cast<std::uint32_t>(memory.GetValue(PixelFormatRegister)));
     g.pattern = static_cast<std::uint32_t>(memory.GetValue(TestPattern));
     g.imageBytes = PayloadBytes(g.width, g.height, *g.format);
+    g.validBytes = description.chunkData ? RoundUp(g.imageBytes, 4) + ChunkTrailerSize + FrameIDChunkSize + ChunkTrailerSize
+                                         : g.imageBytes;
     // The host's IPU restrictions decide the geometry the frame is sent as:
     // lines of ipuX bytes, enough of them for leader, image and trailer.
     const std::uint64_t xMin = memory.GetValue(Sirm + 56), xMax = memory.GetValue(Sirm + 60);
     const std::uint64_t xInc = std::max<std::uint64_t>(1, memory.GetValue(Sirm + 64));
     const std::uint64_t yMin = memory.GetValue(Sirm + 68), yInc = std::max<std::uint64_t>(1, memory.GetValue(Sirm + 76));
-    const std::uint64_t total = LeaderSize() + g.imageBytes + TrailerSize();
+    const std::uint64_t total = LeaderSize() + g.validBytes + TrailerSize();
     std::uint64_t x = RoundUp(std::max<std::uint64_t>(xMin, (g.width * g.format->bitsPerPixel + 7) / 8), xInc);
     if (x > xMax)
         x = std::max<std::uint64_t>(xInc, xMax / xInc * xInc);
@@ -495,7 +506,7 @@ bool CameraFirmware::RenderFrame(std::uint8_t* buffer, std::size_t size, std::ui
         leader.magic_key = QEL_LEADER_MAGIC;
         leader.leader_size = static_cast<std::uint16_t>(leaderSize);
         leader.block_id = blockID;
-        leader.payload_type = 1;
+        leader.payload_type = description.chunkData ? ChunkPayloadType : 1;
         leader.timestamp = timestamp;
         leader.pixel_format = g.format->pfnc;
         leader.size_x = g.width;
@@ -505,15 +516,27 @@ bool CameraFirmware::RenderFrame(std::uint8_t* buffer, std::size_t size, std::ui
         std::memcpy(frame, &leader, sizeof leader);
     }
     RenderPattern(frame + leaderSize, g.width, g.height, *g.format, blockID, g.pattern);
-    std::memset(frame + leaderSize + g.imageBytes, 0, g.payloadSize - g.imageBytes);
+    std::uint8_t* const payload = frame + leaderSize;
+    std::memset(payload + g.imageBytes, 0, g.payloadSize - g.imageBytes);
+    if (description.chunkData) {
+        const std::uint64_t imageChunk = RoundUp(g.imageBytes, 4);
+        auto putWord = [payload](std::uint64_t at, std::uint32_t word) { std::memcpy(payload + at, &word, 4); };
+        putWord(imageChunk, ImageChunkID);
+        putWord(imageChunk + 4, static_cast<std::uint32_t>(imageChunk));
+        std::memcpy(payload + imageChunk + ChunkTrailerSize, &blockID, sizeof blockID);
+        putWord(imageChunk + ChunkTrailerSize + FrameIDChunkSize, FrameIDChunkID);
+        putWord(imageChunk + ChunkTrailerSize + FrameIDChunkSize + 4, static_cast<std::uint32_t>(FrameIDChunkSize));
+    }
     if (trailerSize) {
         qel_frame_trailer trailer{};
         trailer.magic_key = QEL_TRAILER_MAGIC;
         trailer.trailer_size = static_cast<std::uint16_t>(trailerSize);
         trailer.block_id = blockID;
-        trailer.valid_payload_size = g.imageBytes;
+        trailer.valid_payload_size = g.validBytes;
         trailer.delivered_size_y = g.height;
         std::memcpy(frame + leaderSize + g.payloadSize, &trailer, sizeof trailer);
+        if (description.chunkData)
+            std::memcpy(frame + leaderSize + g.payloadSize + sizeof trailer, &ChunkLayoutID, 4);
     }
     if (frame != buffer) {
         std::memcpy(buffer, frame, size);
@@ -523,7 +546,10 @@ bool CameraFirmware::RenderFrame(std::uint8_t* buffer, std::size_t size, std::ui
 }
 
 std::uint64_t CameraFirmware::LeaderSize() const { return description.leaderTrailer ? MaxLeaderSize : 0; }
-std::uint64_t CameraFirmware::TrailerSize() const { return description.leaderTrailer ? MaxTrailerSize : 0; }
+std::uint64_t CameraFirmware::TrailerSize() const
+{
+    return description.leaderTrailer ? MaxTrailerSize + (description.chunkData ? 4 : 0) : 0;
+}
 
 std::uint64_t CameraFirmware::ReadValue(std::uint64_t address)
 {

@@ -33,7 +33,8 @@ public:
         std::uint32_t width, height, offsetX, offsetY;
         const PixelFormat* format;
         std::uint32_t pattern;
-        std::uint64_t imageBytes;   // valid payload
+        std::uint64_t imageBytes;   // the image
+        std::uint64_t validBytes;   // valid payload: the image, or the image and its chunks
         std::uint64_t payloadSize;  // valid payload padded to the IPU geometry
         std::uint32_t ipuX, ipuY;
     };

@@ -35,8 +35,20 @@ constexpr std::uint64_t Sirm = 0x00020000;
 constexpr std::uint64_t SirmLength = 0x80;
 constexpr std::uint64_t Manifest = 0x00030000;
 constexpr std::uint64_t XmlFile = 0x00100000;
+constexpr std::uint64_t XmlFileSpacing = 0x01000000; // room for a document of up to 16 MiB
+constexpr std::uint64_t XmlFileAddress(std::uint32_t entry) { return XmlFile + XmlFileSpacing * entry; }
 constexpr std::uint64_t MaxLeaderSize = 52;
 constexpr std::uint64_t MaxTrailerSize = 32;
+
+// Frames with chunk data: payload type 0x4001, the trailer four bytes longer
+// for the chunk layout ID. The payload is the image as one chunk, then a
+// chunk with the block ID; each chunk ends in its ID and length.
+constexpr std::uint16_t ChunkPayloadType = 0x4001;
+constexpr std::uint32_t ChunkLayoutID = 0x1;
+constexpr std::uint32_t ImageChunkID = 0xA5A5A5A5;
+constexpr std::uint32_t FrameIDChunkID = 0x1001;
+constexpr std::uint64_t ChunkTrailerSize = 8;
+constexpr std::uint64_t FrameIDChunkSize = 8;
 
 // Feature registers of the camera's GenApi document.
 constexpr std::uint64_t WidthMax = 0x10200000;

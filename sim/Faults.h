@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <string>
 
 namespace QEL { namespace Sim {
 
@@ -30,6 +31,9 @@ enum class Fault {
     FlushHangs,          // the flush attribute never reaches "2"
     NodeOpenFailure,     // opening the V4L2 node fails with errno `value` (0: EBUSY)
 };
+
+// The fault of that name, as in the enumeration; an unknown name throws std::invalid_argument.
+Fault FaultByName(const std::string& name);
 
 class FaultPlan {
 public:

@@ -2,6 +2,7 @@
 
 #include "libcsi/include/libcsi/qel_csi2_driver.h"
 #include "sim/CameraMap.h"
+#include "sim/ControlFile.h"
 #include "sim/Scheduler.h"
 #include "sim/TextEncoding.h"
 #include "sim/VirtualSystemState.h"
@@ -78,10 +79,21 @@ VirtualSystem::VirtualSystem(const SystemDescription& system) : description(syst
         cameras.push_back(std::move(camera));
     }
     BuildTree();
+    if (!description.control.empty())
+        controlFile = std::make_unique<ControlFile>(description.control, [this](const std::string& line,
+                                                                                std::uint64_t number) {
+            try {
+                ApplyCommand(line);
+            } catch (const std::exception& e) {
+                std::fprintf(stderr, "Virtual camera control file '%s', line %llu: %s\n", description.control.c_str(),
+                             static_cast<unsigned long long>(number), e.what());
+            }
+        });
 }
 
 VirtualSystem::~VirtualSystem()
 {
+    controlFile.reset();
     scheduler.reset();
     std::unique_lock<std::mutex> lock(mutex);
     for (auto& camera : cameras) {

@@ -17,6 +17,7 @@
 namespace QEL { namespace Sim {
 
 class Scheduler;
+class ControlFile;
 
 // The virtual camera seen from libcsi: a user-space model of the CSI-2 kernel
 // driver (sysfs tree, V4L2 nodes, private ioctls, buffers, frame timing) over
@@ -53,6 +54,12 @@ public:
     // The same by the ioctl's name, such as "VIDIOC_DQBUF"; an unknown name throws.
     void FailIoctl(std::size_t camera, const std::string& name, int error, std::uint32_t count);
     void ClearFaults(std::size_t camera);
+    // One line of the control file: "unplug CAMERA", "replug CAMERA",
+    // "fault CAMERA NAME [COUNT [VALUE]]", "ioctl CAMERA VIDIOC_NAME ERRNO COUNT",
+    // "identity CAMERA NAME VALUE", "clear CAMERA"; CAMERA is the name of the
+    // camera's section. A bad line throws std::invalid_argument and changes nothing.
+    void ApplyCommand(const std::string& line);
+    std::size_t CameraByName(const std::string& name) const;
     // Frames the camera produced, and those it lost for want of a queued buffer.
     std::uint64_t GetFramesSent(std::size_t camera);
     std::uint64_t GetFramesLost(std::size_t camera);
@@ -91,6 +98,7 @@ private:
     std::map<int, std::shared_ptr<OpenFile>> files;
     std::set<int> waiters; // write ends of the pipes of threads in Select
     std::unique_ptr<Scheduler> scheduler;
+    std::unique_ptr<ControlFile> controlFile; // last: its thread calls into everything above
 };
 
 } }
