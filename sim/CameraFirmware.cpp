@@ -473,6 +473,10 @@ CameraFirmware::FrameGeometry CameraFirmware::ComputeGeometry()
     g.ipuX = static_cast<std::uint32_t>(x);
     g.ipuY = static_cast<std::uint32_t>(y);
     g.payloadSize = x * y - LeaderSize() - TrailerSize();
+    // The host takes the last word of the payload for the length of the last
+    // chunk, so chunks fill the payload: the image chunk takes the padding.
+    if (description.chunkData)
+        g.validBytes = g.payloadSize;
     return g;
 }
 
@@ -519,7 +523,7 @@ bool CameraFirmware::RenderFrame(std::uint8_t* buffer, std::size_t size, std::ui
     std::uint8_t* const payload = frame + leaderSize;
     std::memset(payload + g.imageBytes, 0, g.payloadSize - g.imageBytes);
     if (description.chunkData) {
-        const std::uint64_t imageChunk = RoundUp(g.imageBytes, 4);
+        const std::uint64_t imageChunk = g.payloadSize - ChunkTrailerSize - FrameIDChunkSize - ChunkTrailerSize;
         auto putWord = [payload](std::uint64_t at, std::uint32_t word) { std::memcpy(payload + at, &word, 4); };
         putWord(imageChunk, ImageChunkID);
         putWord(imageChunk + 4, static_cast<std::uint32_t>(imageChunk));

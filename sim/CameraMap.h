@@ -41,8 +41,8 @@ constexpr std::uint64_t MaxLeaderSize = 52;
 constexpr std::uint64_t MaxTrailerSize = 32;
 
 // Frames with chunk data: payload type 0x4001, the trailer four bytes longer
-// for the chunk layout ID. The payload is the image as one chunk, then a
-// chunk with the block ID; each chunk ends in its ID and length.
+// for the chunk layout ID. The payload is the image with its padding as one
+// chunk, then a chunk with the block ID; each chunk ends in its ID and length.
 constexpr std::uint16_t ChunkPayloadType = 0x4001;
 constexpr std::uint32_t ChunkLayoutID = 0x1;
 constexpr std::uint32_t ImageChunkID = 0xA5A5A5A5;

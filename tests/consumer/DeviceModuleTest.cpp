@@ -11,7 +11,9 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <regex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -24,13 +26,17 @@ namespace fs = boost::filesystem;
 
 class DeviceFamily : public ::testing::Test {
 protected:
-    DeviceFamily()
+    // `files` are written beside the producer before it starts.
+    explicit DeviceFamily(const std::string& settings = "", const std::string& camera = "",
+                          const std::map<std::string, std::string>& files = {})
         : producer("<Settings><LogFileName>lorun.log</LogFileName><XMLCacheFolder>" +
                    (fs::temp_directory_path() / fs::unique_path("lorun-cache-%%%%-%%%%")).string() +
-                   "</XMLCacheFolder></Settings>")
+                   "</XMLCacheFolder>" + settings + "</Settings>")
     {
         std::ofstream(producer.File("cameras.ini"))
-            << "[camera0]\nguid = CAM-1\nserial_number = SN-1\nbus_timing = 0\nwidth = 64\nheight = 16\n";
+            << "[camera0]\nguid = CAM-1\nserial_number = SN-1\nbus_timing = 0\nwidth = 64\nheight = 16\n" << camera;
+        for (const auto& [name, text] : files)
+            std::ofstream(producer.File(name)) << text;
         setenv("LORUN_VIRTUAL_CAMERA", producer.File("cameras.ini").c_str(), 1);
         EXPECT_EQ(GC_ERR_SUCCESS, producer.GCInitLib());
         EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(TLOpen)(&tl));
@@ -90,14 +96,18 @@ protected:
 
     // The camera's document through the remote port, where its URL says it lies:
     // "local:<file name>;<hex address>;<hex length>[?...]".
-    std::string RemoteDocument(PORT_HANDLE port)
+    std::string RemoteDocument(PORT_HANDLE port, std::uint32_t index = 0, std::string* name = nullptr)
     {
         char url[512] = {};
         size_t size = sizeof url;
-        EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(GCGetPortURL)(port, url, &size)) << producer.LastError().second;
+        INFO_DATATYPE type = 0;
+        EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(GCGetPortURLInfo)(port, index, URL_INFO_URL, &type, url, &size))
+            << producer.LastError().second;
         std::cmatch match;
         EXPECT_TRUE(std::regex_search(url, match, std::regex("^local:(///)?[^;]+;([0-9A-Fa-f]+);([0-9A-Fa-f]+)")))
             << url;
+        if (name)
+            *name = std::regex_replace(std::string(match[0]), std::regex("^local:(///)?([^;]+);.*"), "$2");
         const std::uint64_t address = std::stoull(match[2], nullptr, 16);
         const std::uint64_t length = std::stoull(match[3], nullptr, 16);
         std::string document(length, '\0');
@@ -231,6 +241,70 @@ TEST_F(DeviceFamily, TheCamerasDocumentComesFromTheCameraThenFromTheCache)
     // From the cache now: the same document.
     device = Open(DEVICE_ACCESS_READONLY);
     EXPECT_EQ(document, RemoteDocument(RemotePort(device)));
+}
+
+// A camera whose manifest lists three documents, saved for debugging on opening.
+class DeviceWithThreeDocuments : public DeviceFamily {
+protected:
+    DeviceWithThreeDocuments()
+        : DeviceFamily("<SaveRemoteDeviceXMLFiles>true</SaveRemoteDeviceXMLFiles><DebugFilesFolder>debug"
+                       "</DebugFilesFolder>",
+                       "manifest_entries = 3\n")
+    {
+    }
+};
+
+TEST_F(DeviceWithThreeDocuments, EachManifestEntryIsADescriptionAndASavedFile)
+{
+    DEV_HANDLE device = Open(DEVICE_ACCESS_CONTROL);
+    PORT_HANDLE remote = RemotePort(device);
+    uint32_t urls = 0;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(GCGetNumPortURLs)(remote, &urls));
+    ASSERT_EQ(3u, urls);
+    std::set<std::string> documents;
+    for (std::uint32_t i = 0; i < 3; ++i) {
+        std::string name;
+        const std::string document = RemoteDocument(remote, i, &name);
+        EXPECT_EQ("RemoteDevice" + std::to_string(i) + ".xml", name);
+        EXPECT_NE(std::string::npos, document.find("<RegisterDescription")) << name;
+        EXPECT_EQ(document, ReadFile(producer.File("debug/DEV_CAM-1/" + name))) << "saved as the camera sent it";
+        documents.insert(document);
+    }
+    EXPECT_EQ(3u, documents.size());
+    EXPECT_EQ(3u, CacheFiles().size()) << "one cache file per document";
+}
+
+// The settings name a document of their own for this camera.
+class DeviceWithOverride : public DeviceFamily {
+protected:
+    static std::string Override()
+    {
+        return "<RemoteDeviceXMLFile CameraID=\"DEV_CAM-1\">override.xml</RemoteDeviceXMLFile>"
+               "<RemoteDeviceXMLFile CameraID=\"DEV_OTHER\">override.xml</RemoteDeviceXMLFile>"
+               "<RemoteDeviceXMLAddress CameraID=\"DEV_CAM-1\">0x7000000</RemoteDeviceXMLAddress>";
+    }
+    static constexpr const char* Own =
+        "<?xml version=\"1.0\"?>\n<RegisterDescription ModelName=\"Override\" SchemaMajorVersion=\"1\" "
+        "SchemaMinorVersion=\"1\" SchemaSubMinorVersion=\"0\" MajorVersion=\"2\" MinorVersion=\"0\" "
+        "SubMinorVersion=\"0\" ProductGuid=\"0d1e4d10-0000-4000-8000-000000000001\"/>\n";
+    DeviceWithOverride() : DeviceFamily(Override(), "", {{"override.xml", Own}}) {}
+};
+
+TEST_F(DeviceWithOverride, TheSettingsDocumentReplacesTheCamerasAndItsCache)
+{
+    DEV_HANDLE device = Open(DEVICE_ACCESS_CONTROL);
+    PORT_HANDLE remote = RemotePort(device);
+    uint32_t urls = 0;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(GCGetNumPortURLs)(remote, &urls));
+    EXPECT_EQ(1u, urls);
+    char url[512] = {};
+    size_t size = sizeof url;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(GCGetPortURL)(remote, url, &size));
+    EXPECT_EQ(0u, std::string(url).find("local:override.xml;7000000;")) << url;
+    std::string name;
+    EXPECT_EQ(Own, RemoteDocument(remote, 0, &name));
+    EXPECT_TRUE(CacheFiles().empty()) << "the camera's manifest is not looked at";
+    EXPECT_EQ("Virtual CSI-2 Camera", ReadText(remote, 0x0044, 64)) << "the camera's registers still answer";
 }
 
 }
