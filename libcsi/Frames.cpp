@@ -205,6 +205,15 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
     const Config& config = TheConfig();
     const std::uint32_t alignment = std::max<std::uint32_t>(1, device.driverInfo.usrptr_alignment);
     if (!allocate && config.enableUserptr) {
+        // The driver fills one user block from its start: parts that lie apart would be overrun.
+        const bool contiguous = (t.m_pLeader == 0 || t.m_pPayload == t.m_pLeader + t.m_nLeaderSize) &&
+                                (t.m_pTrailer == 0 || t.m_pTrailer == t.m_pPayload + t.m_nPayloadSize);
+        if (!contiguous) {
+            LIBCSI_LOG(TierError, " %s ERROR: USRPTR frame parts are not one block (leader, payload and trailer must follow each other).\n",
+                       function);
+            giveBack();
+            return LIBCSI_INVALID_PARAMETER;
+        }
         if (FirstPointer(t) % alignment != 0) {
             LIBCSI_LOG(TierError, " %s ERROR: USRPTR memory alignment invalid. BufferStart=%p, ReqAlignment=%u\n",
                        function, reinterpret_cast<void*>(FirstPointer(t)), alignment);

@@ -376,6 +376,13 @@ void StreamChannel::StartStreaming(std::uint32_t driverBuffers, std::uint64_t im
         control->EnableStream(streamIndex, true);
     } catch (...) {
         SetState(Finishing);
+        // Frames queued before the failure go back, in libcsi and to the consumer's input queue.
+        try {
+            handler->StopStreaming();
+            handler->FlushBuffers();
+        } catch (...) {
+        }
+        ReturnUnfilledBuffers();
         DisconnectInput();
         controlGuard.Release();
         SetState(Idle);
@@ -454,8 +461,14 @@ void StreamChannel::SubmitBuffers()
         if (!buffer)
             return;
         std::shared_ptr<StreamDataBlock> block = BlockOf(buffer);
-        const std::int32_t result = handler->QueueBuffer(buffer->GetBase(), ipuX, ipuY, FrameSizeFor(*buffer),
-                                                         m_nMaxLeaderSize, m_nMaxTrailerSize, FrameHandler(block));
+        std::int32_t result = 0;
+        try {
+            result = handler->QueueBuffer(buffer->GetBase(), ipuX, ipuY, FrameSizeFor(*buffer), m_nMaxLeaderSize,
+                                          m_nMaxTrailerSize, FrameHandler(block));
+        } catch (...) {
+            bufferQueue->ReturnToInputQueue(buffer); // not lost to the consumer: flushable and revocable
+            throw;
+        }
         if (result != 0) {
             // The endpoint takes no more for now.
             bufferQueue->ReturnToInputQueue(buffer);

@@ -45,7 +45,16 @@ protected:
         EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(TLOpenInterface)(tl, "LorunCSIInterface_0x0", &interface));
         bool8_t changed = 0;
         EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(IFUpdateDeviceList)(interface, &changed, 100));
-        EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(IFOpenDevice)(interface, "DEV_CAM-1", DEVICE_ACCESS_CONTROL, &device));
+        OpenCamera();
+    }
+
+    // Opens the camera and its data stream, with an EVENT_NEW_BUFFER event and no buffers.
+    void OpenCamera()
+    {
+        buffers.clear();
+        lastFrameId = 0;
+        EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(IFOpenDevice)(interface, "DEV_CAM-1", DEVICE_ACCESS_CONTROL, &device))
+            << producer.LastError().second;
         EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevOpenDataStream)(device, "DEV_CAM-1_DS_0x0", &stream))
             << producer.LastError().second;
         EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(GCRegisterEvent)(stream, EVENT_NEW_BUFFER, &newBuffer));

@@ -236,6 +236,17 @@ TEST_F(Stream, ExternalUserPointerFrames)
     for (Buffer& b : buffers)
         std::free(b.memory);
     buffers.clear();
+    // The driver fills one block from the leader on: a payload elsewhere would be overrun.
+    lib_frame_transfer apart = Sizes();
+    std::vector<std::uint8_t> leader(apart.m_nLeaderSize + 256), rest(apart.m_nPayloadSize + apart.m_nTrailerSize + 256);
+    apart.m_pLeader = (reinterpret_cast<std::uintptr_t>(leader.data()) + 255) / 256 * 256;
+    apart.m_pPayload = (reinterpret_cast<std::uintptr_t>(rest.data()) + 255) / 256 * 256;
+    apart.m_pTrailer = apart.m_pPayload + apart.m_nPayloadSize;
+    frame_handle_t* handle = nullptr;
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_announce_frame(device, geometry.ipuX, geometry.ipuY, &apart, &handle));
+    apart.m_pPayload = apart.m_pLeader + apart.m_nLeaderSize;
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_announce_frame(device, geometry.ipuX, geometry.ipuY, &apart, &handle))
+        << "a trailer apart from the payload";
     ASSERT_EQ(LIBCSI_OK, Announce(3));
     QueueAll();
     StreamAndVerify(300);

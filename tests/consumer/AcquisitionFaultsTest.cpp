@@ -1,0 +1,295 @@
+// Acquisition through the built producer in each of libcsi's memory modes,
+// with chunk data, and with faults that the virtual camera's control file
+// injects from outside while a consumer acquires: broken frames, a camera
+// pulled out and put back, bad GenCP answers, and a library closed under a
+// waiting consumer.
+#include "tests/consumer/AcquisitionFixture.h"
+
+#include <chrono>
+#include <functional>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// True once `done` holds, false when it still does not after `limit`.
+bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(5))
+{
+    const auto deadline = Clock::now() + limit;
+    while (!done()) {
+        if (Clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+// Libcsi's user-pointer modes: the consumer's own buffers are given to the
+// driver (USERPTR_EXT; a camera without leader and trailer, so that a buffer
+// is the whole frame), and allocated buffers come from libcsi (USERPTR_INT).
+class UserPointerAcquisition : public Acquisition {
+protected:
+    explicit UserPointerAcquisition(const std::string& camera = DefaultCamera)
+        : Acquisition(Setup{camera, "", "enable_userptr=1\n"})
+    {
+    }
+};
+
+class OwnUserPointerAcquisition : public UserPointerAcquisition {
+protected:
+    OwnUserPointerAcquisition() : UserPointerAcquisition(DefaultCamera + "leader_trailer = 0\n") {}
+};
+
+TEST_F(OwnUserPointerAcquisition, EveryPixelOfThreeHundredFramesInTheConsumersOwnMemory)
+{
+    AnnounceAndQueue(4, 0);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE))
+        << producer.LastError().second;
+    Grab(300);
+    EXPECT_EQ(0, wrongPixels);
+    for (std::size_t i = 0; i < buffers.size(); ++i)
+        EXPECT_GT(seen[i], 0) << "buffer " << i;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_DISCARD));
+    RevokeAll();
+}
+
+TEST_F(UserPointerAcquisition, EveryPixelOfThreeHundredFramesInAllocatedMemory)
+{
+    // With leader and trailer a consumer's buffer holds only the payload, which
+    // the driver cannot fill in place: refused, nothing written anywhere.
+    std::vector<std::uint8_t> own(payloadSize + Alignment);
+    auto* aligned = own.data() + (Alignment - reinterpret_cast<std::uintptr_t>(own.data()) % Alignment) % Alignment;
+    BUFFER_HANDLE refused = nullptr;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSAnnounceBuffer)(stream, aligned, payloadSize, nullptr, &refused));
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSQueueBuffer)(stream, refused));
+    EXPECT_EQ(GC_ERR_ERROR, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE));
+    EXPECT_EQ(0, StreamInfo<bool8_t>(STREAM_INFO_IS_GRABBING));
+    // The failed start gives the buffer back: it can be flushed and revoked.
+    EXPECT_EQ(1u, StreamInfo<size_t>(STREAM_INFO_NUM_QUEUED));
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_DISCARD)) << producer.LastError().second;
+    void* base = nullptr;
+    void* user = nullptr;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSRevokeBuffer)(stream, refused, &base, &user)) << producer.LastError().second;
+    EXPECT_EQ(aligned, base);
+
+    AnnounceAndQueue(0, 4);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE))
+        << producer.LastError().second;
+    Grab(300);
+    EXPECT_EQ(0, wrongPixels);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_DISCARD));
+    RevokeAll();
+}
+
+class ChunkAcquisition : public Acquisition {
+protected:
+    ChunkAcquisition() : Acquisition(Setup{DefaultCamera + "chunk_data = 1\n"}) {}
+};
+
+TEST_F(ChunkAcquisition, EachFrameCarriesItsImageAndBlockIDAsChunks)
+{
+    AnnounceAndQueue(3, 1);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE))
+        << producer.LastError().second;
+    Grab(300); // checks the chunks of every frame
+    EXPECT_EQ(0, wrongPixels);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+}
+
+// A camera whose faults are armed from outside, through its control file.
+class ControlledAcquisition : public Acquisition {
+protected:
+    ControlledAcquisition() : Acquisition(Setup{DefaultCamera, "control = control.txt\n"}) {}
+
+    void Command(const std::string& line) { std::ofstream(producer.File("control.txt"), std::ios::app) << line << "\n"; }
+
+    struct Frame {
+        GC_ERROR result = GC_ERR_ERROR;
+        std::uint64_t id = 0;
+        bool incomplete = false;
+    };
+
+    // One frame, its buffer queued again at once.
+    Frame Next(std::uint64_t timeoutMs = 5000)
+    {
+        Frame frame;
+        EVENT_NEW_BUFFER_DATA data{};
+        size_t size = sizeof data;
+        frame.result = LORUN_FN(EventGetData)(newBuffer, &data, &size, timeoutMs);
+        if (frame.result != GC_ERR_SUCCESS)
+            return frame;
+        frame.incomplete = BufferInfo<bool8_t>(data.BufferHandle, BUFFER_INFO_IS_INCOMPLETE) != 0;
+        if (!frame.incomplete)
+            frame.id = BufferInfo<std::uint64_t>(data.BufferHandle, BUFFER_INFO_FRAMEID);
+        EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSQueueBuffer)(stream, data.BufferHandle));
+        return frame;
+    }
+
+    std::size_t AccessStatus()
+    {
+        bool8_t changed = 0;
+        EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(IFUpdateDeviceList)(interface, &changed, 100));
+        std::int32_t status = 0;
+        INFO_DATATYPE type = 0;
+        size_t size = sizeof status;
+        if (LORUN_FN(IFGetDeviceInfo)(interface, "DEV_CAM-1", DEVICE_INFO_ACCESS_STATUS, &type, &status, &size) !=
+            GC_ERR_SUCCESS)
+            return 0;
+        return static_cast<std::size_t>(status);
+    }
+
+    // Takes frames until `expected` frame IDs have been skipped (or five
+    // seconds passed) and returns the number skipped; every frame delivered is whole.
+    std::uint64_t MissingFrames(std::uint64_t expected)
+    {
+        std::uint64_t missing = 0;
+        // Commands take effect within the control file's polling interval; frames come faster.
+        const auto deadline = Clock::now() + std::chrono::seconds(5);
+        while (missing < expected && Clock::now() < deadline) {
+            const Frame frame = Next();
+            EXPECT_EQ(GC_ERR_SUCCESS, frame.result) << producer.LastError().second;
+            if (frame.result != GC_ERR_SUCCESS)
+                break;
+            EXPECT_FALSE(frame.incomplete);
+            EXPECT_GT(frame.id, lastFrameId);
+            missing += frame.id - lastFrameId - 1;
+            lastFrameId = frame.id;
+        }
+        return missing;
+    }
+
+    void Start()
+    {
+        AnnounceAndQueue(4, 0);
+        ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE))
+            << producer.LastError().second;
+    }
+};
+
+TEST_F(ControlledAcquisition, BrokenFramesAreLostToTheConsumerAndTheStreamGoesOn)
+{
+    Start();
+    Grab(10);
+    // A frame the driver or the camera marks bad never reaches the consumer:
+    // its buffer is queued again, and the frame IDs show what was lost.
+    const std::uint64_t incompleteBefore = Read64(stream, 0x1100000);
+    Command("fault camera0 IncompleteFrame 3");
+    EXPECT_EQ(3u, MissingFrames(3));
+    EXPECT_EQ(3u, Read64(stream, 0x1100000) - incompleteBefore) << "StatFrameIncomplete";
+    Command("fault camera0 BlockIDGap 1 5");
+    EXPECT_EQ(5u, MissingFrames(5)) << "frames the camera lost";
+    Command("fault camera0 BadLeaderKey 2");
+    EXPECT_EQ(2u, MissingFrames(2)) << "a wrong leader key";
+    Command("fault camera0 BadTrailerKey 2");
+    EXPECT_EQ(2u, MissingFrames(2)) << "a wrong trailer key";
+    Grab(30);
+    EXPECT_EQ(0, wrongPixels) << "good frames after the faults";
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+}
+
+TEST_F(ControlledAcquisition, ACameraPulledOutMidStreamAndPutBack)
+{
+    Start();
+    Grab(10);
+    std::atomic<int> frames{0};
+    GC_ERROR last = GC_ERR_SUCCESS;
+    std::thread consumer([&] {
+        for (;;) {
+            const Frame frame = Next(GENTL_INFINITE);
+            if (frame.result != GC_ERR_SUCCESS) {
+                last = frame.result;
+                return;
+            }
+            ++frames;
+        }
+    });
+    ASSERT_TRUE(WaitFor([&] { return frames > 20; }));
+    Command("unplug camera0");
+    EXPECT_TRUE(WaitFor([&] { return AccessStatus() == DEVICE_ACCESS_STATUS_NOACCESS; }))
+        << "the interface reports the camera gone";
+    const int before = frames;
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_LE(frames - before, 4) << "no frames from a camera that is gone (a few may have been under way)";
+
+    PORT_HANDLE remote = nullptr;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevGetPort)(device, &remote));
+    std::uint32_t width = 0;
+    size_t size = sizeof width;
+    EXPECT_NE(GC_ERR_SUCCESS, LORUN_FN(GCReadPort)(remote, 0x10200010, &width, &size)) << "its registers fail";
+
+    // The waiting consumer is woken, and everything closes without a hang.
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(EventKill)(newBuffer));
+    consumer.join();
+    EXPECT_EQ(GC_ERR_ABORT, last);
+    LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_KILL);
+    EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevClose)(device));
+
+    Command("replug camera0");
+    ASSERT_TRUE(WaitFor([&] { return AccessStatus() == DEVICE_ACCESS_STATUS_READWRITE; }));
+    OpenCamera();
+    Start();
+    Grab(50);
+    EXPECT_EQ(0, wrongPixels) << "the camera put back streams as before";
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+}
+
+TEST_F(ControlledAcquisition, BadGenCPAnswersDuringAcquisitionFailOneReadAndPass)
+{
+    Start();
+    PORT_HANDLE remote = nullptr;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevGetPort)(device, &remote));
+    std::atomic<bool> done{false};
+    std::atomic<int> good{0}, bad{0};
+    std::thread reader([&] {
+        auto readPort = LORUN_FN(GCReadPort);
+        while (!done) {
+            std::uint32_t width = 0;
+            size_t size = sizeof width;
+            if (readPort(remote, 0x10200010, &width, &size) == GC_ERR_SUCCESS && width == 64)
+                ++good;
+            else
+                ++bad;
+        }
+    });
+    // A bad checksum and a stale request ID once each are retried unseen; eight
+    // in a row exhaust the attempts of a read or two, and reads then pass again.
+    Command("fault camera0 BadAckCRC 1");
+    Command("fault camera0 StaleRequestID 1");
+    Grab(50);
+    EXPECT_EQ(0, bad.load()) << "single faults are absorbed by the retries";
+    Command("fault camera0 BadAckCRC 8");
+    EXPECT_TRUE(WaitFor([&] { return bad > 0; })) << "the fault arrived";
+    const int goodBefore = good;
+    EXPECT_TRUE(WaitFor([&] { return good > goodBefore + 5; })) << "reads recover";
+    Grab(50);
+    done = true;
+    reader.join();
+    EXPECT_EQ(0, wrongPixels) << "frames flowed throughout";
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+}
+
+TEST_F(Acquisition, CloseLibWithBuffersQueuedWhileAConsumerWaits)
+{
+    AnnounceAndQueue(3, 2);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE));
+    Grab(10);
+    GC_ERROR last = GC_ERR_SUCCESS;
+    std::thread waiter([&] {
+        auto getData = LORUN_FN(EventGetData);
+        EVENT_NEW_BUFFER_DATA data{};
+        for (;;) {
+            size_t size = sizeof data;
+            last = getData(newBuffer, &data, &size, GENTL_INFINITE);
+            if (last != GC_ERR_SUCCESS)
+                return; // the buffers are not queued again, so the wait is endless unless closing ends it
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(GC_ERR_SUCCESS, producer.GCCloseLib());
+    waiter.join();
+    EXPECT_NE(GC_ERR_SUCCESS, last);
+}
+
+}
