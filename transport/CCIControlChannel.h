@@ -47,9 +47,12 @@ public:
     std::uint8_t GetCurrentLaneCount();
     std::uint32_t GetClockFrequency();
     std::uint64_t GetSIRMAddress(std::uint32_t streamIndex);
-    bool GetEventSupport() const { return false; }
+    // This transport keeps camera events off; the event channel asks these.
+    virtual bool GetEventSupport() const { return false; }
+    virtual std::uint32_t GetMaxEventTransferLength() const { return 0; }
+    virtual bool IsEventEnabled() { return false; }
     std::uint64_t GetEIRMAddress() const;
-    void EnableEvents(bool enable);
+    virtual void EnableEvents(bool enable);
 
     // SIRM.
     void EnableStream(std::uint32_t streamIndex, bool enable);

@@ -40,6 +40,12 @@ EndpointHandler::EndpointHandler(const std::shared_ptr<Endpoint>& endpoint, std:
     running = true;
 }
 
+EndpointHandler::EndpointHandler(std::uint32_t maxTransferCount, std::uint32_t maxTransferSize,
+                                 std::uint32_t maxPacketSize)
+    : running(true), maxTransferCount(maxTransferCount), maxTransferSize(maxTransferSize), maxPacketSize(maxPacketSize)
+{
+}
+
 EndpointHandler::~EndpointHandler()
 {
     // Control transfers cannot be aborted; each completes on the endpoint's thread.

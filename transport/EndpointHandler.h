@@ -93,6 +93,10 @@ public:
 
     const std::shared_ptr<Endpoint>& GetEndpoint() const { return endpoint; }
 
+protected:
+    // A handler without an endpoint, for stand-ins that override what they use.
+    EndpointHandler(std::uint32_t maxTransferCount, std::uint32_t maxTransferSize, std::uint32_t maxPacketSize);
+
 private:
     void CheckRunning() const;
     std::shared_ptr<CSIInfo> GetInfo();
