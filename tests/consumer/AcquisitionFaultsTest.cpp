@@ -291,3 +291,72 @@ TEST_F(Acquisition, CloseLibWithBuffersQueuedWhileAConsumerWaits)
 }
 
 }
+
+namespace {
+
+// A board whose user pointers align to 16 bytes: the stream payload size
+// alignment is 16.
+class PayloadSizeModes : public Acquisition {
+protected:
+    PayloadSizeModes() : Acquisition(Setup{DefaultCamera, "usrptr_alignment = 16\n"}) {}
+
+    std::uint32_t Read32(std::uint64_t address)
+    {
+        std::uint32_t value = 0;
+        size_t size = sizeof value;
+        EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(GCReadPort)(stream, address, &value, &size)) << producer.LastError().second;
+        return value;
+    }
+    GC_ERROR Write(std::uint64_t address, std::uint64_t value, size_t size)
+    {
+        return LORUN_FN(GCWritePort)(stream, address, &value, &size);
+    }
+
+    static constexpr std::uint64_t Mode = 0x1090000, Alignment16 = 0x10A0000, ManualSize = 0x10B0000;
+};
+
+TEST_F(PayloadSizeModes, ManualSizeRulesAndAStreamOfALargerPayload)
+{
+    ASSERT_EQ(16u, Read64(stream, Alignment16));
+    const std::uint64_t alignedUp = (payloadSize + 15) / 16 * 16;
+    ASSERT_NE(alignedUp, payloadSize) << "the camera's payload is no multiple of 16 here";
+    EXPECT_EQ(0u, Read32(Mode)) << "Auto";
+    std::uint64_t manual = 0;
+    size_t size = sizeof manual;
+    EXPECT_EQ(GC_ERR_INVALID_PARAMETER, LORUN_FN(GCReadPort)(stream, ManualSize, &manual, &size))
+        << "out of the reachable space outside Manual";
+    EXPECT_EQ("Register not accessible.", producer.LastError().second);
+    EXPECT_EQ(GC_ERR_INVALID_VALUE, Write(Mode, 3, 4));
+    EXPECT_EQ(0u, Read32(Mode)) << "a refused mode leaves the register as it was";
+
+    // With buffers announced, Manual starts from the smallest of them rounded
+    // down to the alignment when that is more than the payload rounded up.
+    const std::size_t bufferSize = alignedUp + 100;
+    AnnounceAndQueue(3, 0, bufferSize);
+    ASSERT_EQ(GC_ERR_SUCCESS, Write(Mode, 2, 4)) << producer.LastError().second;
+    EXPECT_EQ(bufferSize / 16 * 16, Read64(stream, ManualSize)) << "not " << alignedUp;
+    // A value the register refuses reaches the consumer as an invalid value.
+    EXPECT_EQ(GC_ERR_INVALID_VALUE, Write(ManualSize, alignedUp + 8, 8)) << "not a multiple of 16";
+    EXPECT_EQ("Value cannot be written to port.", producer.LastError().second);
+    EXPECT_EQ(GC_ERR_INVALID_VALUE, Write(ManualSize, alignedUp - 16, 8)) << "below the payload size";
+    ASSERT_EQ(GC_ERR_SUCCESS, Write(ManualSize, alignedUp, 8)) << producer.LastError().second;
+    EXPECT_EQ(alignedUp, Read64(stream, ManualSize));
+
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE))
+        << producer.LastError().second;
+    EXPECT_EQ(GC_ERR_NOT_AVAILABLE, Write(ManualSize, alignedUp + 16, 8)) << "locked while streaming";
+    Grab(50);
+    EXPECT_EQ(0, wrongPixels);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+
+    // Back in Auto, a buffer smaller than the payload stops the start.
+    ASSERT_EQ(GC_ERR_SUCCESS, Write(Mode, 0, 4));
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_DISCARD));
+    RevokeAll();
+    AnnounceAndQueue(2, 0, payloadSize - 4);
+    EXPECT_EQ(GC_ERR_BUFFER_TOO_SMALL,
+              LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE));
+    EXPECT_EQ("One or more buffers are too small for current stream payload size.", producer.LastError().second);
+}
+
+}

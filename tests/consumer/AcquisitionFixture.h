@@ -96,14 +96,17 @@ protected:
         return value;
     }
 
-    // Announces `own` buffers of the consumer and `allocated` ones of the producer, and queues them all.
-    void AnnounceAndQueue(std::size_t own, std::size_t allocated)
+    // Announces `own` buffers of the consumer and `allocated` ones of the producer,
+    // of `size` bytes or the payload size, and queues them all.
+    void AnnounceAndQueue(std::size_t own, std::size_t allocated, std::size_t size = 0)
     {
+        if (size == 0)
+            size = payloadSize;
         memory.resize(own);
         for (std::size_t i = 0; i < own; ++i) {
-            memory[i].assign(payloadSize + Alignment, 0);
+            memory[i].assign(size + Alignment, 0);
             BUFFER_HANDLE buffer = nullptr;
-            ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSAnnounceBuffer)(stream, OwnBuffer(i), payloadSize,
+            ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSAnnounceBuffer)(stream, OwnBuffer(i), size,
                                                                  reinterpret_cast<void*>(buffers.size()), &buffer))
                 << producer.LastError().second;
             buffers.push_back(buffer);
@@ -111,7 +114,7 @@ protected:
         for (std::size_t i = 0; i < allocated; ++i) {
             BUFFER_HANDLE buffer = nullptr;
             ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSAllocAndAnnounceBuffer)(
-                                          stream, payloadSize, reinterpret_cast<void*>(buffers.size()), &buffer))
+                                          stream, size, reinterpret_cast<void*>(buffers.size()), &buffer))
                 << producer.LastError().second;
             buffers.push_back(buffer);
         }
