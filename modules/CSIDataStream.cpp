@@ -383,7 +383,11 @@ void DataStream::RevokeBuffer(const std::shared_ptr<Base::Buffer>& buffer, void*
             throw Exception("Cannot revoke buffers during acquisition.", GC_ERR_BUSY);
     }
     SharedMutexGuard guard(bufferQueue->GetMutex());
+    auto basic = std::dynamic_pointer_cast<Base::BasicBuffer>(buffer);
+    void* const address = basic ? basic->GetBase() : nullptr;
     bufferQueue->RevokeBuffer(buffer, base, userPointer);
+    if (address)
+        streamChannel->RevokeBuffer(address);
 }
 
 // The queue's lock comes before the channel's here, as on every other path

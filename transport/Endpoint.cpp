@@ -422,6 +422,30 @@ void Endpoint::RevokeBuffers()
     }
 }
 
+std::int32_t Endpoint::RevokeBuffer(void* payload)
+{
+    frame_handle_t* handle = nullptr;
+    std::shared_ptr<DataTransfer> transfer;
+    {
+        MutexGuard guard(&frameMutex);
+        const auto known = payloads.find(payload);
+        if (known == payloads.end())
+            return 0;
+        handle = known->second;
+        payloads.erase(known);
+        const auto frame = frames.find(handle);
+        if (frame != frames.end()) {
+            transfer = frame->second;
+            frames.erase(frame);
+        }
+    }
+    const std::int32_t result = wrapper->RevokeFrame(handle);
+    // libcsi's callback thread may be about to hand this record back.
+    if (transfer)
+        device->KeepUntilClosed(transfer);
+    return result;
+}
+
 std::size_t Endpoint::GetBufferCount() const
 {
     MutexGuard guard(&frameMutex);

@@ -65,6 +65,9 @@ public:
     std::int32_t FlushBuffers();
     // Revokes every frame buffer; each buffer's callback hears of it with RESULT_Unused.
     void RevokeBuffers();
+    // Gives one frame back to libcsi (its memory too, when libcsi allocated it);
+    // the address may then come back as another buffer.
+    std::int32_t RevokeBuffer(void* payload);
     std::size_t GetBufferCount() const;
     void SetEmulateLeaderTrailer(bool emulate);
     void SetLeaderTrailerParam(const LeaderTrailerParameters& parameters);

@@ -240,6 +240,8 @@ std::int32_t EndpointHandler::FlushBuffers()
     return endpoint->FlushBuffers();
 }
 
+std::int32_t EndpointHandler::RevokeBuffer(void* payload) { return endpoint->RevokeBuffer(payload); }
+
 void EndpointHandler::RevokeBuffers()
 {
     CheckRunning();

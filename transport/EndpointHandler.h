@@ -45,6 +45,7 @@ public:
                                      Endpoint::FrameCallback callback);
     virtual std::int32_t FlushBuffers();
     virtual void RevokeBuffers();
+    virtual std::int32_t RevokeBuffer(void* payload);
     virtual void SetEmulateLeaderTrailer(bool emulate);
     virtual void SetLeaderTrailerParam(const LeaderTrailerParameters& parameters);
 

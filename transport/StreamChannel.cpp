@@ -437,6 +437,16 @@ void StreamChannel::AnnounceBuffer(const std::shared_ptr<Base::Buffer>& buffer)
     block->transferHandle = handle;
 }
 
+void StreamChannel::RevokeBuffer(void* base)
+{
+    SharedMutexGuard guard(GetMutex());
+    blocks.erase(base);
+    const std::int32_t result = handler->RevokeBuffer(base);
+    if (result != 0)
+        Tools::Logger::Log((boost::format("StreamChannel::RevokeBuffer: libcsi kept the frame (Reason: %1%).") % result)
+                               .str());
+}
+
 bool StreamChannel::AllocateBuffer(void** base, std::size_t size, const std::shared_ptr<StreamDataBlock>& block)
 {
     if (!block)

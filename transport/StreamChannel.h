@@ -79,6 +79,9 @@ public:
 
     // A consumer's buffer made known to the transfers.
     void AnnounceBuffer(const std::shared_ptr<Base::Buffer>& buffer);
+    // A revoked buffer's frame goes back to libcsi, so that its address can
+    // come back as a buffer of another size.
+    void RevokeBuffer(void* base);
     // Frame memory of libcsi's own for `block`; false when libcsi refused.
     bool AllocateBuffer(void** base, std::size_t size, const std::shared_ptr<StreamDataBlock>& block);
 

@@ -360,3 +360,50 @@ TEST_F(PayloadSizeModes, ManualSizeRulesAndAStreamOfALargerPayload)
 }
 
 }
+
+namespace {
+
+// A revoked buffer's frame leaves libcsi with it: the same memory announced
+// again after the camera's image grew streams at the new size.
+TEST_F(Acquisition, TheSameMemoryRevokedAndAnnouncedAgainAfterTheImageChanged)
+{
+    constexpr std::size_t Slot = 65536;
+    std::vector<std::uint8_t> arena(3 * Slot + Alignment);
+    auto* first = arena.data() + (Alignment - reinterpret_cast<std::uintptr_t>(arena.data()) % Alignment) % Alignment;
+    auto announce = [&] {
+        for (std::size_t i = 0; i < 3; ++i) {
+            BUFFER_HANDLE buffer = nullptr;
+            ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSAnnounceBuffer)(stream, first + i * Slot, payloadSize,
+                                                                 reinterpret_cast<void*>(i), &buffer))
+                << producer.LastError().second;
+            buffers.push_back(buffer);
+            ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSQueueBuffer)(stream, buffer));
+        }
+    };
+    announce();
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE));
+    Grab(20);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_DISCARD));
+    RevokeAll();
+
+    PORT_HANDLE remote = nullptr;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevGetPort)(device, &remote));
+    std::uint32_t taller = 400; // more IPU lines than the old frames had
+    size_t size = sizeof taller;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(GCWritePort)(remote, 0x10200014, &taller, &size)) << producer.LastError().second;
+    height = taller;
+    const size_t oldPayload = payloadSize;
+    payloadSize = StreamInfo<size_t>(STREAM_INFO_PAYLOAD_SIZE);
+    ASSERT_GT(payloadSize, oldPayload);
+    ASSERT_LE(payloadSize, Slot);
+    announce();
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE))
+        << producer.LastError().second;
+    lastFrameId = 0;
+    Grab(50);
+    EXPECT_EQ(0, wrongPixels);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+}
+
+}

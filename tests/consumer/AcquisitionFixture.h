@@ -145,12 +145,12 @@ protected:
             const auto id = BufferInfo<std::uint64_t>(buffer, BUFFER_INFO_FRAMEID);
             EXPECT_GT(id, lastFrameId);
             lastFrameId = id;
-            EXPECT_EQ(64u, BufferInfo<size_t>(buffer, BUFFER_INFO_WIDTH));
-            EXPECT_EQ(16u, BufferInfo<size_t>(buffer, BUFFER_INFO_HEIGHT));
+            EXPECT_EQ(width, BufferInfo<size_t>(buffer, BUFFER_INFO_WIDTH));
+            EXPECT_EQ(height, BufferInfo<size_t>(buffer, BUFFER_INFO_HEIGHT));
             EXPECT_EQ(format.pfnc, BufferInfo<std::uint64_t>(buffer, BUFFER_INFO_PIXELFORMAT));
             // With leader and trailer the frame fills the payload; emulated, it
             // is as large as the camera's valid payload, the image itself.
-            EXPECT_EQ(emulated ? 64u * 16u : payloadSize, BufferInfo<size_t>(buffer, BUFFER_INFO_SIZE_FILLED));
+            EXPECT_EQ(emulated ? width * height : payloadSize, BufferInfo<size_t>(buffer, BUFFER_INFO_SIZE_FILLED));
             if (chunks)
                 CheckChunks(buffer, id);
             EXPECT_EQ(0, BufferInfo<bool8_t>(buffer, BUFFER_INFO_IS_INCOMPLETE));
@@ -162,9 +162,9 @@ protected:
             // Emulated frame IDs are the producer's count, not the camera's: the
             // camera's block ID is then read from the first pixel of its ramp.
             const std::uint64_t block = emulated ? image[0] : id;
-            for (std::uint32_t y = 0; y < 16; ++y)
-                for (std::uint32_t x = 0; x < 64; ++x)
-                    if (QEL::Sim::ReadSample(image, 64, x, y, 0, format) !=
+            for (std::uint32_t y = 0; y < height; ++y)
+                for (std::uint32_t x = 0; x < width; ++x)
+                    if (QEL::Sim::ReadSample(image, width, x, y, 0, format) !=
                         QEL::Sim::PatternSample(x, y, 0, block, format, 0))
                         ++wrongPixels;
             ++seen[index];
@@ -220,6 +220,7 @@ protected:
     int wrongPixels = 0;
     bool emulated = false;
     bool chunks = false;
+    std::uint32_t width = 64, height = 16; // of the frames Grab expects
     static constexpr std::size_t Alignment = 256;
 };
 
