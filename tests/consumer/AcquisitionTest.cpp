@@ -140,3 +140,55 @@ TEST_F(EmulatedAcquisition, FramesWithoutLeaderAndTrailer)
 }
 
 }
+
+namespace {
+
+TEST_F(Acquisition, TheFiveFlushesAndStatisticsThatAgreeWithTheConsumer)
+{
+    AnnounceAndQueue(5, 0);
+    auto queued = [&] { return StreamInfo<size_t>(STREAM_INFO_NUM_QUEUED); };
+    auto waiting = [&] { return StreamInfo<size_t>(STREAM_INFO_NUM_AWAIT_DELIVERY); };
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_INPUT_TO_OUTPUT));
+    EXPECT_EQ(0u, queued());
+    EXPECT_EQ(5u, waiting()) << "unfilled buffers handed to the consumer";
+    EVENT_NEW_BUFFER_DATA data{};
+    size_t size = sizeof data;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(EventGetData)(newBuffer, &data, &size, 0));
+    EXPECT_EQ(0, BufferInfo<bool8_t>(data.BufferHandle, BUFFER_INFO_NEW_DATA)) << "no frame in it";
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_OUTPUT_DISCARD));
+    EXPECT_EQ(0u, waiting());
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_UNQUEUED_TO_INPUT));
+    EXPECT_EQ(5u, queued()) << "every announced buffer that was nowhere, the one taken by the consumer too";
+
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE));
+    Grab(100);
+    // A consumer waiting while the stream stops is not left hanging: its wait runs out.
+    GC_ERROR waited = GC_ERR_SUCCESS;
+    std::uint64_t taken = 0; // frames filled before the stop, not queued again
+    std::thread consumer([&] {
+        EVENT_NEW_BUFFER_DATA late{};
+        size_t lateSize = sizeof late;
+        for (int i = 0; i < 10 && waited == GC_ERR_SUCCESS; ++i) {
+            waited = LORUN_FN(EventGetData)(newBuffer, &late, &lateSize, 300);
+            taken += waited == GC_ERR_SUCCESS;
+        }
+    });
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+    consumer.join();
+    EXPECT_EQ(GC_ERR_TIMEOUT, waited);
+    EXPECT_EQ(101u + taken, StreamInfo<std::uint64_t>(STREAM_INFO_NUM_DELIVERED))
+        << "every buffer the consumer took: the unfilled one, 100 frames and those taken while stopping";
+    EXPECT_GE(Read64(stream, 0x10E0000), 100u) << "StatFrameDelivered counts the frames at the driver";
+    EXPECT_EQ(0u, StreamInfo<std::uint64_t>(STREAM_INFO_NUM_UNDERRUN)) << "as fast as buffers come back";
+
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_TO_INPUT));
+    EXPECT_EQ(0u, waiting());
+    const size_t inInput = queued();
+    EXPECT_GT(inInput, 0u);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_DISCARD));
+    EXPECT_EQ(0u, queued());
+    EXPECT_EQ(0u, waiting());
+    RevokeAll();
+}
+
+}
