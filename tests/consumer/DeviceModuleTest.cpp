@@ -308,3 +308,24 @@ TEST_F(DeviceWithOverride, TheSettingsDocumentReplacesTheCamerasAndItsCache)
 }
 
 }
+
+namespace {
+
+TEST_F(DeviceFamily, DeviceResetRestartsTheCameraWhichThenOpensAnew)
+{
+    DEV_HANDLE device = Open(DEVICE_ACCESS_CONTROL);
+    PORT_HANDLE remote = RemotePort(device);
+    EXPECT_EQ("Virtual CSI-2 Camera", ReadText(remote, 0x0044, 64));
+    std::uint32_t one = 1;
+    size_t size = sizeof one;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(GCWritePort)(device, 0x10C0000, &one, &size)) << producer.LastError().second;
+    // The camera left GenCP mode with its restart: the open device can only be closed.
+    char text[64] = {};
+    size = sizeof text;
+    EXPECT_NE(GC_ERR_SUCCESS, LORUN_FN(GCReadPort)(remote, 0x0044, text, &size));
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevClose)(device));
+    device = Open(DEVICE_ACCESS_CONTROL);
+    EXPECT_EQ("Virtual CSI-2 Camera", ReadText(RemotePort(device), 0x0044, 64)) << "opened anew, it answers";
+}
+
+}
