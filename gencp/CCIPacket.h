@@ -1,6 +1,7 @@
 #pragma once
 
 #include "gencp/Packet.h"
+#include "support/ByteOrder.h"
 
 #include <memory>
 #include <vector>
@@ -34,12 +35,8 @@ public:
     std::uint8_t* GetData() { return bytes.data(); }
 
 private:
-    void Put16(std::size_t at, std::uint16_t value)
-    {
-        bytes[at] = static_cast<std::uint8_t>(value);
-        bytes[at + 1] = static_cast<std::uint8_t>(value >> 8);
-    }
-    std::uint16_t Get16(std::size_t at) const { return static_cast<std::uint16_t>(bytes[at] | bytes[at + 1] << 8); }
+    void Put16(std::size_t at, std::uint16_t value) { QEL::System::PutLE16(&bytes[at], value); }
+    std::uint16_t Get16(std::size_t at) const { return QEL::System::GetLE16(&bytes[at]); }
 
     std::vector<std::uint8_t> bytes;
 };

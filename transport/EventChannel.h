@@ -2,6 +2,7 @@
 
 #include "gencp/EventChannel.h"
 #include "support/BasicLockable.h"
+#include "support/ByteOrder.h"
 #include "support/Condition.h"
 #include "transport/Transfer.h"
 
@@ -46,15 +47,8 @@ public:
         std::int32_t GetByteOrder() const override { return 0; }
 
     private:
-        void Put16(std::size_t at, std::uint16_t value)
-        {
-            bytes[at] = static_cast<std::uint8_t>(value);
-            bytes[at + 1] = static_cast<std::uint8_t>(value >> 8);
-        }
-        std::uint16_t Get16(std::size_t at) const
-        {
-            return static_cast<std::uint16_t>(bytes[at] | bytes[at + 1] << 8);
-        }
+        void Put16(std::size_t at, std::uint16_t value) { QEL::System::PutLE16(&bytes[at], value); }
+        std::uint16_t Get16(std::size_t at) const { return QEL::System::GetLE16(&bytes[at]); }
         std::vector<std::uint8_t> bytes;
     };
 

@@ -42,14 +42,7 @@ protected:
 
 TEST_F(OwnUserPointerAcquisition, EveryPixelOfThreeHundredFramesInTheConsumersOwnMemory)
 {
-    AnnounceAndQueue(4, 0);
-    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE))
-        << producer.LastError().second;
-    Grab(300);
-    EXPECT_EQ(0, wrongPixels);
-    for (std::size_t i = 0; i < buffers.size(); ++i)
-        EXPECT_GT(seen[i], 0) << "buffer " << i;
-    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+    StreamVerified(4, 0, 300);
     ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_DISCARD));
     RevokeAll();
 }
@@ -73,12 +66,7 @@ TEST_F(UserPointerAcquisition, EveryPixelOfThreeHundredFramesInAllocatedMemory)
     ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSRevokeBuffer)(stream, refused, &base, &user)) << producer.LastError().second;
     EXPECT_EQ(aligned, base);
 
-    AnnounceAndQueue(0, 4);
-    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE))
-        << producer.LastError().second;
-    Grab(300);
-    EXPECT_EQ(0, wrongPixels);
-    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+    StreamVerified(0, 4, 300);
     ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_DISCARD));
     RevokeAll();
 }
@@ -90,12 +78,7 @@ protected:
 
 TEST_F(ChunkAcquisition, EachFrameCarriesItsImageAndBlockIDAsChunks)
 {
-    AnnounceAndQueue(3, 1);
-    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE))
-        << producer.LastError().second;
-    Grab(300); // checks the chunks of every frame
-    EXPECT_EQ(0, wrongPixels);
-    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+    StreamVerified(3, 1, 300); // checks the chunks of every frame
 }
 
 // A camera whose faults are armed from outside, through its control file.

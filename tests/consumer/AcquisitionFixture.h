@@ -172,6 +172,19 @@ protected:
         }
     }
 
+    // Announces and queues buffers, starts, takes `frames` checked frames and stops.
+    void StreamVerified(std::size_t own, std::size_t allocated, std::size_t frames)
+    {
+        AnnounceAndQueue(own, allocated);
+        ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE))
+            << producer.LastError().second;
+        Grab(frames);
+        EXPECT_EQ(0, wrongPixels);
+        for (std::size_t i = 0; i < buffers.size(); ++i)
+            EXPECT_GT(seen[i], 0) << "buffer " << i << " was never filled";
+        ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+    }
+
     // The virtual camera's chunks: the image first, then the block ID.
     void CheckChunks(BUFFER_HANDLE buffer, std::uint64_t frameId)
     {
