@@ -236,7 +236,7 @@ TEST(ChunkFrames, TheImageAndTheBlockIDAsChunksBehindATrailerWithTheLayoutID)
     ASSERT_TRUE(camera.RenderFrame(frame.data(), frame.size(), 77, 1000));
     qel_frame_leader leader;
     std::memcpy(&leader, frame.data(), sizeof leader);
-    EXPECT_EQ(ChunkPayloadType, leader.payload_type);
+    EXPECT_EQ(ChunkPayloadType, +leader.payload_type);
     const std::uint8_t* payload = frame.data() + MaxLeaderSize;
     auto word = [&](std::uint64_t at) {
         std::uint32_t v;
@@ -253,7 +253,7 @@ TEST(ChunkFrames, TheImageAndTheBlockIDAsChunksBehindATrailerWithTheLayoutID)
     EXPECT_EQ(PatternSample(23, 4, 0, 77, *g.format, 0), ReadSample(payload, 24, 23, 4, 0, *g.format));
     qel_frame_trailer trailer;
     std::memcpy(&trailer, payload + g.payloadSize, sizeof trailer);
-    EXPECT_EQ(g.validBytes, trailer.valid_payload_size);
+    EXPECT_EQ(g.validBytes, +trailer.valid_payload_size);
     std::uint32_t layout = 0;
     std::memcpy(&layout, payload + g.payloadSize + 32, 4);
     EXPECT_EQ(ChunkLayoutID, layout);

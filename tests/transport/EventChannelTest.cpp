@@ -75,7 +75,8 @@ public:
             transfer = pending.front();
             pending.pop_front();
         }
-        std::memcpy(transfer.buffer, bytes.data(), std::min(bytes.size(), transfer.size));
+        if (!bytes.empty())
+            std::memcpy(transfer.buffer, bytes.data(), std::min(bytes.size(), transfer.size));
         transfer.callback(result, static_cast<std::int32_t>(bytes.size()));
         return true;
     }
