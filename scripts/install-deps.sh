@@ -6,7 +6,7 @@ packages=(
   libboost-dev libboost-thread-dev libboost-filesystem-dev libboost-date-time-dev libboost-locale-dev
   libtinyxml-dev liburiparser-dev
   libgtest-dev googletest
-  libaravis-dev libusb-1.0-0-dev
+  libaravis-dev libusb-1.0-0-dev libpng-dev libboost-program-options-dev tmux
   clang-tidy
 )
 missing=()

@@ -175,13 +175,23 @@ int VirtualSystem::NodeIoctl(Camera& camera, unsigned long request, void* argume
         return 0;
     case VIDIOC_STREAMSTAT: {
         auto& stat = As<qel_stream_statistics>(argument);
-        stat = qel_stream_statistics{camera.framesSent, 0, camera.framesLost, camera.incomplete, camera.framesSent, 0};
-        if (double rate = camera.firmware->FrameRate(); rate > 0)
-            stat.current_frames_interval = static_cast<std::uint64_t>(1e6 / rate);
+        stat = qel_stream_statistics{camera.framesSent, 0, camera.framesLost, camera.incomplete, 0, 0};
+        // The current rate: the frames done within the last second, over the time they span.
+        const auto now = std::chrono::steady_clock::now();
+        while (!camera.recentFrames.empty() && now - camera.recentFrames.front() > std::chrono::seconds(1))
+            camera.recentFrames.pop_front();
+        if (camera.recentFrames.size() >= 2) {
+            stat.current_frames_count = camera.recentFrames.size() - 1;
+            stat.current_frames_interval = static_cast<std::uint64_t>(
+                std::chrono::duration_cast<std::chrono::microseconds>(camera.recentFrames.back() -
+                                                                      camera.recentFrames.front())
+                    .count());
+        }
         return 0;
     }
     case VIDIOC_RESET_STREAMSTAT:
         camera.framesSent = camera.framesLost = camera.incomplete = 0;
+        camera.recentFrames.clear();
         return 0;
     case VIDIOC_G_STATISTICS_CAPABILITIES:
         As<std::uint64_t>(argument) = description.statisticsCapabilities;
@@ -459,6 +469,9 @@ void VirtualSystem::FrameLoop(Camera& camera)
         if (flags != QEL_BUF_FLAG_VALID)
             ++camera.incomplete;
         ++camera.framesSent;
+        camera.recentFrames.push_back(std::chrono::steady_clock::now());
+        if (camera.recentFrames.size() > 100000)
+            camera.recentFrames.pop_front();
         camera.done.push_back({index, flags | V4L2_BUF_FLAG_DONE, static_cast<std::uint32_t>(size), camera.sequence++, stamp});
         NotifyWaiters();
     }

@@ -7,6 +7,7 @@
 #include <sys/time.h>
 
 #include <cerrno>
+#include <chrono>
 
 namespace QEL { namespace Sim {
 
@@ -59,6 +60,8 @@ struct VirtualSystem::Camera {
     std::uint64_t blockID = 0;
     std::uint32_t sequence = 0;
     std::uint64_t framesSent = 0, framesLost = 0, incomplete = 0;
+    // When the frames of the last second were done: the driver's current rate.
+    std::deque<std::chrono::steady_clock::time_point> recentFrames;
     std::uint32_t input = 0;
     std::int64_t rendering = -1;             // index of the buffer being filled
     qel_csi_config csiConfig{2, {}, 450000000};

@@ -1,132 +1,77 @@
-// Loads a GenTL producer (.cti) by path, exactly as a consumer does, and shows what it reports.
-#include "base/GenTL.h"
+// lorun-gentl: a GenTL consumer on the command line. It loads any producer
+// (.cti) with dlopen, as a consumer does: by default the first one on
+// GENICAM_GENTL64_PATH, then the one built beside it.
+#include "tools/Events.h"
+#include "tools/FeatureTree.h"
+#include "tools/Grab.h"
+#include "tools/Session.h"
 
-#include <dlfcn.h>
-#include <sys/stat.h>
+#include <boost/program_options.hpp>
 
-#include <cerrno>
-#include <climits>
+#include <dirent.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#ifndef LORUN_BUILT_PRODUCER
+#define LORUN_BUILT_PRODUCER ""
+#endif
+
+namespace po = boost::program_options;
+using namespace LorunTool;
+
 namespace {
 
-using GCGetInfoFn = GC_ERROR (*)(TL_INFO_CMD, INFO_DATATYPE*, void*, size_t*);
-using GCGetLastErrorFn = GC_ERROR (*)(GC_ERROR*, char*, size_t*);
-using GCInitLibFn = GC_ERROR (*)();
-using GCCloseLibFn = GC_ERROR (*)();
-using TLOpenFn = GC_ERROR (*)(TL_HANDLE*);
-using TLCloseFn = GC_ERROR (*)(TL_HANDLE);
-using TLUpdateInterfaceListFn = GC_ERROR (*)(TL_HANDLE, bool8_t*, uint64_t);
-using TLGetNumInterfacesFn = GC_ERROR (*)(TL_HANDLE, uint32_t*);
-using TLGetInterfaceIDFn = GC_ERROR (*)(TL_HANDLE, uint32_t, char*, size_t*);
-using TLOpenInterfaceFn = GC_ERROR (*)(TL_HANDLE, const char*, IF_HANDLE*);
-using IFCloseFn = GC_ERROR (*)(IF_HANDLE);
-using IFUpdateDeviceListFn = GC_ERROR (*)(IF_HANDLE, bool8_t*, uint64_t);
-using IFGetNumDevicesFn = GC_ERROR (*)(IF_HANDLE, uint32_t*);
-using IFGetDeviceIDFn = GC_ERROR (*)(IF_HANDLE, uint32_t, char*, size_t*);
-using IFGetDeviceInfoFn = GC_ERROR (*)(IF_HANDLE, const char*, DEVICE_INFO_CMD, INFO_DATATYPE*, void*, size_t*);
+std::atomic<bool> interrupted{false};
 
-struct Producer {
-    void* library = nullptr;
-    GCGetInfoFn getInfo = nullptr;
-    GCGetLastErrorFn getLastError = nullptr;
-    GCInitLibFn initLib = nullptr;
-    GCCloseLibFn closeLib = nullptr;
+void OnInterrupt(int) { interrupted = true; }
 
-    bool Load(const std::string& given)
-    {
-        // A bare file name would make dlopen search the library path instead of the folder at hand.
-        char resolved[PATH_MAX];
-        std::string path = realpath(given.c_str(), resolved) ? resolved : given;
-        // dlopen of a FIFO waits for a writer for ever, and of a directory says little.
-        struct stat status {};
-        if (::stat(path.c_str(), &status) != 0) {
-            std::fprintf(stderr, "Could not load %s: %s\n", path.c_str(), std::strerror(errno));
-            return false;
-        }
-        if (!S_ISREG(status.st_mode)) {
-            std::fprintf(stderr, "Could not load %s: not a regular file.\n", path.c_str());
-            return false;
-        }
-        library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (!library) {
-            std::fprintf(stderr, "Could not load %s: %s\n", path.c_str(), dlerror());
-            return false;
-        }
-        return Resolve("GCGetInfo", getInfo) && Resolve("GCGetLastError", getLastError) &&
-               Resolve("GCInitLib", initLib) && Resolve("GCCloseLib", closeLib);
-    }
-
-    template <class F>
-    bool Resolve(const char* name, F& function)
-    {
-        function = reinterpret_cast<F>(dlsym(library, name));
-        if (!function)
-            std::fprintf(stderr, "The producer does not export %s.\n", name);
-        return function != nullptr;
-    }
-
-    std::string LastError() const
-    {
-        GC_ERROR code = 0;
-        size_t size = 0;
-        if (getLastError(&code, nullptr, &size) != GC_ERR_SUCCESS || size == 0)
-            return "<no error text>";
-        // One more byte than asked for: a producer's text need not end in a terminator.
-        std::vector<char> text(size + 1, 0);
-        if (getLastError(&code, text.data(), &size) != GC_ERR_SUCCESS)
-            return "<no error text>";
-        return text.data();
-    }
-
-    std::string InfoText(TL_INFO_CMD command) const
-    {
-        INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
-        size_t size = 0;
-        GC_ERROR rc = getInfo(command, &type, nullptr, &size);
-        if (rc != GC_ERR_SUCCESS)
-            return "error " + std::to_string(rc) + ": " + LastError();
-        std::vector<unsigned char> buffer(size + 1);
-        rc = getInfo(command, &type, buffer.data(), &size);
-        if (rc != GC_ERR_SUCCESS)
-            return "error " + std::to_string(rc) + ": " + LastError();
-        // An answer shorter than its datatype is shown as what it is, not read past.
-        std::string raw = "<datatype " + std::to_string(type) + ", " + std::to_string(size) + " bytes>";
-        if ((type == INFO_DATATYPE_INT32 || type == INFO_DATATYPE_UINT32) && size < sizeof(int32_t))
-            return raw;
-        switch (type) {
-        case INFO_DATATYPE_STRING:
-            return reinterpret_cast<const char*>(buffer.data());
-        case INFO_DATATYPE_INT32: {
-            int32_t v;
-            std::memcpy(&v, buffer.data(), sizeof v);
-            return std::to_string(v);
-        }
-        case INFO_DATATYPE_UINT32: {
-            uint32_t v;
-            std::memcpy(&v, buffer.data(), sizeof v);
-            return std::to_string(v);
-        }
-        default:
-            return raw;
-        }
-    }
-};
-
-int ShowInfo(const std::string& path)
+// The .cti files of the folders of GENICAM_GENTL64_PATH, in path order, each folder sorted.
+std::vector<std::string> ProducersOnPath()
 {
-    Producer producer;
-    if (!producer.Load(path))
-        return 1;
-    GC_ERROR rc = producer.initLib();
-    if (rc != GC_ERR_SUCCESS) {
-        std::fprintf(stderr, "GCInitLib failed with %d.\n", rc);
-        return 1;
+    std::vector<std::string> found;
+    const char* variable = std::getenv("GENICAM_GENTL64_PATH");
+    std::stringstream folders(variable ? variable : "");
+    for (std::string folder; std::getline(folders, folder, ':');) {
+        if (folder.empty())
+            continue;
+        std::vector<std::string> here;
+        if (DIR* dir = ::opendir(folder.c_str())) {
+            while (dirent* entry = ::readdir(dir)) {
+                const std::string name = entry->d_name;
+                if (name.size() > 4 && name.compare(name.size() - 4, 4, ".cti") == 0)
+                    here.push_back(folder + "/" + name);
+            }
+            ::closedir(dir);
+        }
+        std::sort(here.begin(), here.end());
+        found.insert(found.end(), here.begin(), here.end());
     }
+    return found;
+}
+
+std::string DefaultProducer()
+{
+    const auto onPath = ProducersOnPath();
+    if (!onPath.empty())
+        return onPath.front();
+    if (*LORUN_BUILT_PRODUCER && ::access(LORUN_BUILT_PRODUCER, R_OK) == 0)
+        return LORUN_BUILT_PRODUCER;
+    throw UsageError("no producer: set GENICAM_GENTL64_PATH or give --producer PATH.cti");
+}
+
+void PrintInfo(const GenTLProducer& producer)
+{
     static const struct {
         TL_INFO_CMD command;
         const char* label;
@@ -152,114 +97,327 @@ int ShowInfo(const std::string& path)
             value += value == "1" ? " (UTF-8)" : value == "0" ? " (ASCII)" : "";
         std::printf("%-22s %s\n", row.label, value.c_str());
     }
-    producer.closeLib();
+}
+
+int Info(const std::string& path)
+{
+    GenTLProducer producer(path);
+    producer.Check(producer.GCInitLib(), "GCInitLib");
+    PrintInfo(producer);
+    producer.GCCloseLib();
     return 0;
 }
 
-// A text answer of a two-call GenTL getter: first the size, then the text.
-template <class Call>
-std::string TextOf(const Producer& producer, Call call)
+int Producers()
 {
-    size_t size = 0;
-    if (call(static_cast<char*>(nullptr), &size) != GC_ERR_SUCCESS)
-        return "<" + producer.LastError() + ">";
-    std::vector<char> text(size + 1, 0);
-    if (call(text.data(), &size) != GC_ERR_SUCCESS)
-        return "<" + producer.LastError() + ">";
-    return text.data();
-}
-
-// Opens the transport layer and each interface, and prints every camera in it.
-int ShowDevices(const std::string& path)
-{
-    Producer producer;
-    if (!producer.Load(path))
-        return 1;
-    TLOpenFn tlOpen;
-    TLCloseFn tlClose;
-    TLUpdateInterfaceListFn tlUpdate;
-    TLGetNumInterfacesFn tlCount;
-    TLGetInterfaceIDFn tlInterfaceID;
-    TLOpenInterfaceFn tlOpenInterface;
-    IFCloseFn ifClose;
-    IFUpdateDeviceListFn ifUpdate;
-    IFGetNumDevicesFn ifCount;
-    IFGetDeviceIDFn ifDeviceID;
-    IFGetDeviceInfoFn ifDeviceInfo;
-    if (!producer.Resolve("TLOpen", tlOpen) || !producer.Resolve("TLClose", tlClose) ||
-        !producer.Resolve("TLUpdateInterfaceList", tlUpdate) || !producer.Resolve("TLGetNumInterfaces", tlCount) ||
-        !producer.Resolve("TLGetInterfaceID", tlInterfaceID) || !producer.Resolve("TLOpenInterface", tlOpenInterface) ||
-        !producer.Resolve("IFClose", ifClose) || !producer.Resolve("IFUpdateDeviceList", ifUpdate) ||
-        !producer.Resolve("IFGetNumDevices", ifCount) || !producer.Resolve("IFGetDeviceID", ifDeviceID) ||
-        !producer.Resolve("IFGetDeviceInfo", ifDeviceInfo))
-        return 1;
-    if (producer.initLib() != GC_ERR_SUCCESS) {
-        std::fprintf(stderr, "GCInitLib failed: %s\n", producer.LastError().c_str());
-        return 1;
-    }
-    TL_HANDLE tl = nullptr;
-    uint32_t interfaces = 0;
-    if (tlOpen(&tl) != GC_ERR_SUCCESS || tlUpdate(tl, nullptr, 1000) != GC_ERR_SUCCESS ||
-        tlCount(tl, &interfaces) != GC_ERR_SUCCESS) {
-        std::fprintf(stderr, "Could not open the transport layer: %s\n", producer.LastError().c_str());
-        producer.closeLib();
-        return 1;
+    const auto found = ProducersOnPath();
+    if (found.empty()) {
+        std::printf("No producer on GENICAM_GENTL64_PATH.\n");
+        return 0;
     }
     int result = 0;
-    for (uint32_t i = 0; i < interfaces; ++i) {
-        const std::string interfaceID =
-            TextOf(producer, [&](char* text, size_t* size) { return tlInterfaceID(tl, i, text, size); });
-        IF_HANDLE interface = nullptr;
-        uint32_t devices = 0;
-        if (tlOpenInterface(tl, interfaceID.c_str(), &interface) != GC_ERR_SUCCESS ||
-            ifUpdate(interface, nullptr, 1000) != GC_ERR_SUCCESS || ifCount(interface, &devices) != GC_ERR_SUCCESS) {
-            std::fprintf(stderr, "Could not list interface %s: %s\n", interfaceID.c_str(), producer.LastError().c_str());
+    for (const std::string& path : found) {
+        std::printf("%s\n", path.c_str());
+        try {
+            GenTLProducer producer(path);
+            producer.Check(producer.GCInitLib(), "GCInitLib");
+            for (auto [command, label] : {std::pair{TL_INFO_VENDOR, "vendor"}, std::pair{TL_INFO_MODEL, "model"},
+                                          std::pair{TL_INFO_VERSION, "version"}, std::pair{TL_INFO_TLTYPE, "TL type"}})
+                std::printf("  %-8s %s\n", label, producer.InfoText(command).c_str());
+            producer.GCCloseLib();
+        } catch (const ProducerError& e) {
+            std::printf("  %s\n", e.what());
             result = 1;
-            continue;
         }
-        std::printf("Interface %s: %u device(s)\n", interfaceID.c_str(), devices);
-        std::printf("%-36s %-28s %-28s %-16s %s\n", "ID", "Vendor", "Model", "Serial number", "Access");
-        for (uint32_t d = 0; d < devices; ++d) {
-            const std::string id =
-                TextOf(producer, [&](char* text, size_t* size) { return ifDeviceID(interface, d, text, size); });
-            auto info = [&](DEVICE_INFO_CMD command) {
-                return TextOf(producer, [&](char* text, size_t* size) {
-                    INFO_DATATYPE type = 0;
-                    return ifDeviceInfo(interface, id.c_str(), command, &type, text, size);
-                });
-            };
-            int32_t access = 0;
-            size_t size = sizeof access;
-            INFO_DATATYPE type = 0;
-            const bool known =
-                ifDeviceInfo(interface, id.c_str(), DEVICE_INFO_ACCESS_STATUS, &type, &access, &size) == GC_ERR_SUCCESS;
-            const char* accessText = !known ? "?" : access == DEVICE_ACCESS_STATUS_READWRITE ? "read/write"
-                                                : access == DEVICE_ACCESS_STATUS_NOACCESS    ? "no access"
-                                                                                             : "other";
-            std::printf("%-36s %-28s %-28s %-16s %s\n", id.c_str(), info(DEVICE_INFO_VENDOR).c_str(),
-                        info(DEVICE_INFO_MODEL).c_str(), info(DEVICE_INFO_SERIAL_NUMBER).c_str(), accessText);
-        }
-        ifClose(interface);
     }
-    tlClose(tl);
-    producer.closeLib();
     return result;
 }
 
-void Usage()
+void PrintCamera(GenTLProducer& producer, const Session::Camera& camera);
+
+int Devices(const std::string& path)
 {
-    std::fprintf(stderr, "Usage: lorun-gentl info PRODUCER.cti\n"
-                         "       lorun-gentl devices PRODUCER.cti\n");
+    GenTLProducer producer(path);
+    Session session(producer);
+    const auto cameras = session.Cameras();
+    for (const auto& entry : session.Interfaces()) {
+        const std::string& interfaceId = entry.first;
+        const auto count = std::count_if(cameras.begin(), cameras.end(),
+                                         [&](const Session::Camera& c) { return c.interfaceId == interfaceId; });
+        std::printf("Interface %s: %ld device(s)\n", interfaceId.c_str(), static_cast<long>(count));
+        if (count)
+            std::printf("%-36s %-28s %-28s %-16s %s\n", "ID", "Vendor", "Model", "Serial number", "Access");
+        for (const auto& camera : cameras)
+            if (camera.interfaceId == interfaceId)
+                PrintCamera(producer, camera);
+    }
+    if (session.Interfaces().empty())
+        std::printf("No interface found.\n");
+    return 0;
+}
+
+void PrintCamera(GenTLProducer& producer, const Session::Camera& camera)
+{
+    auto info = [&](DEVICE_INFO_CMD command) {
+        try {
+            return TextOf(producer, "IFGetDeviceInfo", [&](char* text, size_t* size) {
+                INFO_DATATYPE type = 0;
+                return producer.IFGetDeviceInfo(camera.interface, camera.id.c_str(), command, &type, text, size);
+            });
+        } catch (const ProducerError&) {
+            return std::string("-");
+        }
+    };
+    int32_t access = 0;
+    size_t size = sizeof access;
+    INFO_DATATYPE type = 0;
+    const bool known = producer.IFGetDeviceInfo(camera.interface, camera.id.c_str(), DEVICE_INFO_ACCESS_STATUS,
+                                                &type, &access, &size) == GC_ERR_SUCCESS;
+    const char* accessText = !known ? "?" : access == DEVICE_ACCESS_STATUS_READWRITE ? "read/write"
+                                        : access == DEVICE_ACCESS_STATUS_READONLY    ? "read-only"
+                                        : access == DEVICE_ACCESS_STATUS_NOACCESS    ? "no access"
+                                                                                     : "other";
+    std::printf("%-36s %-28s %-28s %-16s %s\n", camera.id.c_str(), info(DEVICE_INFO_VENDOR).c_str(),
+                info(DEVICE_INFO_MODEL).c_str(), info(DEVICE_INFO_SERIAL_NUMBER).c_str(), accessText);
+}
+
+struct Command {
+    const char* summary;
+    std::function<void(po::options_description&, po::positional_options_description&)> options;
+    std::function<int(const po::variables_map&)> run;
+};
+
+std::string ProducerOf(const po::variables_map& vm)
+{
+    return vm.count("producer") ? vm["producer"].as<std::string>() : DefaultProducer();
+}
+
+void ModuleOption(po::options_description& options)
+{
+    options.add_options()("module,m", po::value<std::string>()->default_value("remote"),
+                          "system, interface, device, remote (the camera) or stream");
+}
+
+// One feature tree of the chosen module, in a session that ends with it.
+template <class F>
+int WithFeatures(const po::variables_map& vm, F&& use)
+{
+    GenTLProducer producer(ProducerOf(vm));
+    Session session(producer);
+    if (vm.count("device"))
+        session.OpenDevice(vm["device"].as<std::string>());
+    FeatureTree features(producer, session.Port(vm["module"].as<std::string>()));
+    return use(features);
+}
+
+const std::map<std::string, Command>& Commands()
+{
+    static const std::map<std::string, Command> commands = {
+        {"producers",
+         {"the .cti files on GENICAM_GENTL64_PATH with their library info", [](auto&, auto&) {},
+          [](const po::variables_map&) { return Producers(); }}},
+        {"info",
+         {"library information of a producer",
+          [](po::options_description& o, po::positional_options_description& p) {
+              o.add_options()("path", po::value<std::string>(), "the producer (same as --producer)");
+              p.add("path", 1);
+          },
+          [](const po::variables_map& vm) {
+              return Info(vm.count("path") ? vm["path"].as<std::string>() : ProducerOf(vm));
+          }}},
+        {"devices",
+         {"interfaces and cameras with ID, vendor, model, serial number and access",
+          [](po::options_description& o, po::positional_options_description& p) {
+              o.add_options()("path", po::value<std::string>(), "the producer (same as --producer)");
+              p.add("path", 1);
+          },
+          [](const po::variables_map& vm) {
+              return Devices(vm.count("path") ? vm["path"].as<std::string>() : ProducerOf(vm));
+          }}},
+        {"features",
+         {"the feature tree of a module's document with values, access modes and units",
+          [](po::options_description& o, auto&) {
+              ModuleOption(o);
+              o.add_options()("all", "also invisible, guru and unimplemented features")(
+                  "device", po::value<std::string>(), "camera ID (default: the first)");
+          },
+          [](const po::variables_map& vm) {
+              return WithFeatures(vm, [&](FeatureTree& f) {
+                  f.Print(std::cout, vm.count("all") != 0);
+                  return 0;
+              });
+          }}},
+        {"get",
+         {"the value of one feature",
+          [](po::options_description& o, po::positional_options_description& p) {
+              ModuleOption(o);
+              o.add_options()("name", po::value<std::string>()->required(), "feature name")(
+                  "device", po::value<std::string>(), "camera ID (default: the first)");
+              p.add("name", 1);
+          },
+          [](const po::variables_map& vm) {
+              return WithFeatures(vm, [&](FeatureTree& f) {
+                  std::printf("%s\n", f.Get(vm["name"].as<std::string>()).c_str());
+                  return 0;
+              });
+          }}},
+        {"set",
+         {"writes one feature: set NAME=VALUE",
+          [](po::options_description& o, po::positional_options_description& p) {
+              ModuleOption(o);
+              o.add_options()("assignment", po::value<std::string>()->required(), "NAME=VALUE")(
+                  "device", po::value<std::string>(), "camera ID (default: the first)");
+              p.add("assignment", 1);
+          },
+          [](const po::variables_map& vm) {
+              const std::string assignment = vm["assignment"].as<std::string>();
+              const auto equals = assignment.find('=');
+              if (equals == std::string::npos || equals == 0)
+                  throw UsageError("expected NAME=VALUE, got '" + assignment + "'");
+              return WithFeatures(vm, [&](FeatureTree& f) {
+                  const std::string name = assignment.substr(0, equals);
+                  f.Set(name, assignment.substr(equals + 1));
+                  std::printf("%s = %s\n", name.c_str(), f.Get(name).c_str());
+                  return 0;
+              });
+          }}},
+        {"exec",
+         {"executes a command feature",
+          [](po::options_description& o, po::positional_options_description& p) {
+              ModuleOption(o);
+              o.add_options()("name", po::value<std::string>()->required(), "command name")(
+                  "device", po::value<std::string>(), "camera ID (default: the first)");
+              p.add("name", 1);
+          },
+          [](const po::variables_map& vm) {
+              return WithFeatures(vm, [&](FeatureTree& f) {
+                  f.Execute(vm["name"].as<std::string>());
+                  return 0;
+              });
+          }}},
+        {"grab",
+         {"acquires frames with a live progress line and a summary; Ctrl-C stops cleanly",
+          [](po::options_description& o, auto&) {
+              o.add_options()("frames,n", po::value<std::uint64_t>(), "frames to take")(
+                  "seconds,t", po::value<double>(), "seconds to acquire")(
+                  "device", po::value<std::string>(), "camera ID (default: the first)")(
+                  "buffers", po::value<std::uint32_t>()->default_value(8), "buffers to allocate")(
+                  "save", po::value<std::string>(), "folder to save images in")(
+                  "every", po::value<std::uint64_t>()->default_value(1), "save every k-th frame")(
+                  "format", po::value<std::string>()->default_value("png"), "png, pgm or raw");
+          },
+          [](const po::variables_map& vm) {
+              GrabOptions options;
+              if (vm.count("frames"))
+                  options.frames = vm["frames"].as<std::uint64_t>();
+              if (vm.count("seconds"))
+                  options.seconds = vm["seconds"].as<double>();
+              if (options.frames == 0 && options.seconds <= 0 && !vm.count("frames") && !vm.count("seconds"))
+                  options.frames = 100;
+              if (vm.count("frames") && options.frames == 0)
+                  throw UsageError("-n must be at least 1");
+              if (vm.count("seconds") && options.seconds <= 0)
+                  throw UsageError("-t must be above 0");
+              if (vm.count("device"))
+                  options.deviceId = vm["device"].as<std::string>();
+              options.buffers = vm["buffers"].as<std::uint32_t>();
+              if (options.buffers == 0 || options.buffers > 1024)
+                  throw UsageError("--buffers must be 1 to 1024");
+              if (vm.count("save"))
+                  options.saveFolder = vm["save"].as<std::string>();
+              options.every = vm["every"].as<std::uint64_t>();
+              if (options.every == 0)
+                  throw UsageError("--every must be at least 1");
+              const std::string format = vm["format"].as<std::string>();
+              if (format == "png")
+                  options.format = ImageFormat::Png;
+              else if (format == "pgm")
+                  options.format = ImageFormat::Pgm;
+              else if (format == "raw")
+                  options.format = ImageFormat::Raw;
+              else
+                  throw UsageError("--format must be png, pgm or raw");
+              options.progressOnTerminal = ::isatty(STDOUT_FILENO) != 0;
+              GenTLProducer producer(ProducerOf(vm));
+              Session session(producer);
+              return Grab(session, options, interrupted);
+          }}},
+        {"events",
+         {"prints a module's events as they arrive (device list changes, camera events)",
+          [](po::options_description& o, auto&) {
+              o.add_options()("module,m", po::value<std::string>()->default_value("interface"),
+                              "system, interface, device or stream")("seconds,t", po::value<double>(),
+                                                                     "seconds to watch (default: until Ctrl-C)");
+          },
+          [](const po::variables_map& vm) {
+              const double seconds = vm.count("seconds") ? vm["seconds"].as<double>() : 0;
+              if (vm.count("seconds") && seconds <= 0)
+                  throw UsageError("-t must be above 0");
+              GenTLProducer producer(ProducerOf(vm));
+              Session session(producer);
+              return WatchEvents(session, vm["module"].as<std::string>(), seconds, interrupted);
+          }}},
+    };
+    return commands;
+}
+
+void Usage(std::FILE* out)
+{
+    std::fprintf(out, "Usage: lorun-gentl COMMAND [--producer PATH.cti] [OPTIONS]\n\nCommands:\n");
+    for (const auto& [name, command] : Commands())
+        std::fprintf(out, "  %-10s %s\n", name.c_str(), command.summary);
+    std::fprintf(out, "\nlorun-gentl COMMAND --help shows a command's options. Exit codes: 0 success, 1 a producer "
+                      "or camera error, 2 bad usage.\n");
 }
 
 }
 
 int main(int argc, char** argv)
 {
-    if (argc == 3 && std::strcmp(argv[1], "info") == 0)
-        return ShowInfo(argv[2]);
-    if (argc == 3 && std::strcmp(argv[1], "devices") == 0)
-        return ShowDevices(argv[2]);
-    Usage();
-    return 2;
+    if (argc < 2 || std::string(argv[1]) == "--help" || std::string(argv[1]) == "-h") {
+        Usage(argc < 2 ? stderr : stdout);
+        return argc < 2 ? 2 : 0;
+    }
+    const auto found = Commands().find(argv[1]);
+    if (found == Commands().end()) {
+        std::fprintf(stderr, "lorun-gentl: unknown command '%s'\n\n", argv[1]);
+        Usage(stderr);
+        return 2;
+    }
+    const Command& command = found->second;
+    po::options_description options(std::string("lorun-gentl ") + argv[1] + ": " + command.summary + "\nOptions");
+    options.add_options()("help,h", "this help")("producer", po::value<std::string>(),
+                                                 "the GenTL producer (.cti) to load");
+    po::positional_options_description positional;
+    command.options(options, positional);
+    po::variables_map vm;
+    try {
+        po::store(po::command_line_parser(argc - 1, argv + 1).options(options).positional(positional).run(), vm);
+        if (vm.count("help")) {
+            std::cout << options << "\n";
+            return 0;
+        }
+        po::notify(vm);
+    } catch (const po::error& e) {
+        std::fprintf(stderr, "lorun-gentl %s: %s\n\n", argv[1], e.what());
+        std::cerr << options << "\n";
+        return 2;
+    }
+    struct sigaction action {};
+    action.sa_handler = OnInterrupt;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+    try {
+        return command.run(vm);
+    } catch (const UsageError& e) {
+        std::fprintf(stderr, "lorun-gentl %s: %s\n", argv[1], e.what());
+        return 2;
+    } catch (const ProducerError& e) {
+        std::fprintf(stderr, "lorun-gentl %s: %s\n", argv[1], e.what());
+        return 1;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "lorun-gentl %s: %s\n", argv[1], e.what());
+        return 1;
+    }
 }

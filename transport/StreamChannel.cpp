@@ -441,6 +441,13 @@ void StreamChannel::RevokeBuffer(void* base)
 {
     SharedMutexGuard guard(GetMutex());
     blocks.erase(base);
+    // A stopped stream may have left frames queued in libcsi, which refuses to revoke those.
+    if (state == Idle) {
+        try {
+            handler->FlushBuffers();
+        } catch (...) {
+        }
+    }
     const std::int32_t result = handler->RevokeBuffer(base);
     if (result != 0)
         Tools::Logger::Log((boost::format("StreamChannel::RevokeBuffer: libcsi kept the frame (Reason: %1%).") % result)

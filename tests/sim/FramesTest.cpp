@@ -133,6 +133,14 @@ TEST_F(Frames, MappedBuffersCycleWithRisingBlockIDsAndThePattern)
         expectedIndex = (expectedIndex + 1) % 3;
     }
 
+    // The driver's current rate: the frames of the last second over the time they span.
+    qel_stream_statistics stat{};
+    ASSERT_EQ(0, h.system->Ioctl(fd, VIDIOC_STREAMSTAT, &stat));
+    EXPECT_GE(stat.frames_count, 30u);
+    EXPECT_GT(stat.current_frames_count, 0u);
+    EXPECT_LT(stat.current_frames_count, stat.frames_count) << "the first frame of the span opens it";
+    EXPECT_GT(stat.current_frames_interval, 0u);
+
     // A new geometry changes the frames that follow.
     h.system->GetFirmware(0).WriteValue(AcquisitionStop, 1);
     ASSERT_EQ(0, h.system->Ioctl(fd, VIDIOC_STREAMOFF_EX, &buf.index));

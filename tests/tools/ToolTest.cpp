@@ -1,0 +1,308 @@
+// lorun-gentl against the built producer on the virtual camera, each
+// subcommand and its failures, run as a user runs it: a separate process.
+#include "sim/PixelFormats.h"
+
+#include <gtest/gtest.h>
+
+#include <png.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/filesystem.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace fs = boost::filesystem;
+
+struct Result {
+    int code = -1;
+    std::string out, err;
+};
+
+std::string ReadAll(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+class Tool : public ::testing::Test {
+protected:
+    Tool() : folder(fs::temp_directory_path() / fs::unique_path("lorun-tool-%%%%-%%%%"))
+    {
+        fs::create_directories(folder);
+        Describe("[camera0]\nguid = CAM-1\nbus_timing = 0\nwidth = 64\nheight = 16\nframe_rate = 0\n");
+    }
+    ~Tool() override
+    {
+        boost::system::error_code ignored;
+        fs::remove_all(folder, ignored);
+    }
+
+    std::string File(const std::string& name) const { return (folder / name).string(); }
+
+    void Describe(const std::string& cameras)
+    {
+        std::ofstream(File("cameras.ini")) << "[system]\ncontrol = control.txt\n" << cameras;
+    }
+
+    // The tool's command line with the test's environment, for sh.
+    std::string CommandLine(const std::string& arguments) const
+    {
+        return "LORUN_VIRTUAL_CAMERA='" + File("cameras.ini") + "' GENICAM_GENTL64_PATH='" + gentlPath + "' '" +
+               LORUN_TOOL_PATH + "' " + arguments;
+    }
+
+    // Runs the tool to its end; a hung tool fails the test after a minute.
+    Result Run(const std::string& arguments) const
+    {
+        Result result;
+        const std::string command = "timeout 60 env " + CommandLine(arguments) + " >'" + File("out.txt") + "' 2>'" +
+                                    File("err.txt") + "'";
+        const int status = std::system(command.c_str());
+        result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        result.out = ReadAll(File("out.txt"));
+        result.err = ReadAll(File("err.txt"));
+        return result;
+    }
+
+    // Starts the tool in the background; Wait collects it.
+    pid_t Start(const std::string& arguments) const
+    {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            const std::string command = "exec env " + CommandLine(arguments) + " >'" + File("out.txt") + "' 2>'" +
+                                        File("err.txt") + "'";
+            ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+        return child;
+    }
+    Result Wait(pid_t child) const
+    {
+        Result result;
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        result.out = ReadAll(File("out.txt"));
+        result.err = ReadAll(File("err.txt"));
+        return result;
+    }
+    void Control(const std::string& line) const { std::ofstream(File("control.txt"), std::ios::app) << line << "\n"; }
+
+    fs::path folder;
+    std::string gentlPath = fs::path(LORUN_CTI_PATH).parent_path().string();
+};
+
+TEST_F(Tool, DevicesAndProducersFromTheGenTLPath)
+{
+    Result r = Run("devices");
+    ASSERT_EQ(0, r.code) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("1 device(s)")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("DEV_CAM-1")) << r.out;
+    r = Run("producers");
+    ASSERT_EQ(0, r.code) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("lorun_csi2.cti")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("Tesmar Lumetric Industries")) << r.out;
+
+    Describe("[system]\n"); // a board without cameras
+    std::ofstream(File("cameras.ini")) << "[system]\nboard = imx8m\n";
+    r = Run("devices");
+    EXPECT_EQ(0, r.code);
+    EXPECT_NE(std::string::npos, r.out.find("0 device(s)")) << r.out;
+    r = Run("grab -n 5");
+    EXPECT_EQ(1, r.code);
+    EXPECT_NE(std::string::npos, r.err.find("No camera found.")) << r.err;
+}
+
+TEST_F(Tool, FeaturesGetSetAndExecThroughAGenApiEvaluator)
+{
+    Result r = Run("features");
+    ASSERT_EQ(0, r.code) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("ImageFormatControl\n")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("  Width ")) << "indented under its category";
+    EXPECT_NE(std::string::npos, r.out.find("RW   64")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("ExposureTime")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find(" us\n")) << "units shown";
+    r = Run("features --module stream");
+    ASSERT_EQ(0, r.code) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("StatFrameDelivered")) << r.out;
+    EXPECT_EQ(std::string::npos, r.out.find("StreamPayloadSizeMode")) << "invisible";
+    r = Run("features --module stream --all");
+    EXPECT_NE(std::string::npos, r.out.find("StreamPayloadSizeMode")) << "--all shows invisible features too";
+    r = Run("features -m system");
+    EXPECT_EQ(0, r.code) << r.err;
+
+    r = Run("get Width");
+    EXPECT_EQ(0, r.code) << r.err;
+    EXPECT_EQ("64\n", r.out);
+    r = Run("set Width=32");
+    EXPECT_EQ(0, r.code) << r.err;
+    EXPECT_EQ("Width = 32\n", r.out);
+    r = Run("exec AcquisitionStart");
+    EXPECT_EQ(0, r.code) << r.err;
+    r = Run("get --module device DeviceID");
+    EXPECT_EQ(0, r.code) << r.err;
+    EXPECT_EQ("DEV_CAM-1\n", r.out);
+
+    r = Run("set WidthMax=5");
+    EXPECT_EQ(1, r.code);
+    EXPECT_NE(std::string::npos, r.err.find("WidthMax is read-only.")) << r.err;
+    r = Run("set Width=7"); // the camera refuses widths that are no multiple of 8
+    EXPECT_EQ(1, r.code);
+    EXPECT_NE(std::string::npos, r.err.find("Width")) << r.err;
+    EXPECT_NE(std::string::npos, r.err.find("producer error")) << "the producer's own text: " << r.err;
+    r = Run("get NoSuchFeature");
+    EXPECT_EQ(2, r.code);
+    EXPECT_NE(std::string::npos, r.err.find("NoSuchFeature")) << r.err;
+    r = Run("exec Width");
+    EXPECT_EQ(2, r.code);
+}
+
+TEST_F(Tool, BadUsageAndHelp)
+{
+    for (const char* arguments : {"", "frobnicate", "get", "set Width", "grab -n 0", "grab --format jpg",
+                                  "grab --buffers 0", "features --module lens", "grab --nope"}) {
+        const Result r = Run(arguments);
+        EXPECT_EQ(2, r.code) << arguments << ": " << r.err;
+    }
+    for (const char* command : {"producers", "info", "devices", "features", "get", "set", "exec", "grab", "events"}) {
+        const Result r = Run(std::string(command) + " --help");
+        EXPECT_EQ(0, r.code) << command;
+        EXPECT_NE(std::string::npos, r.out.find("Options")) << command << ": " << r.out;
+    }
+    Result r = Run("info /etc/hostname");
+    EXPECT_EQ(1, r.code);
+    EXPECT_NE(std::string::npos, r.err.find("Could not load")) << r.err;
+    r = Run("devices --producer " + File("missing.cti"));
+    EXPECT_EQ(1, r.code);
+}
+
+// Reads a PNG back: width, height, channels, bit depth and samples.
+struct Png {
+    png_uint_32 width = 0, height = 0;
+    int depth = 0, channels = 0;
+    std::vector<std::uint16_t> samples;
+};
+
+Png ReadPng(const std::string& path)
+{
+    Png png;
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (!file)
+        return png;
+    png_structp reader = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png_create_info_struct(reader);
+    if (setjmp(png_jmpbuf(reader))) {
+        png_destroy_read_struct(&reader, &info, nullptr);
+        std::fclose(file);
+        return Png{};
+    }
+    png_init_io(reader, file);
+    png_read_info(reader, info);
+    png.width = png_get_image_width(reader, info);
+    png.height = png_get_image_height(reader, info);
+    png.depth = png_get_bit_depth(reader, info);
+    png.channels = png_get_channels(reader, info);
+    std::vector<png_byte> row(png_get_rowbytes(reader, info));
+    for (png_uint_32 y = 0; y < png.height; ++y) {
+        png_read_row(reader, row.data(), nullptr);
+        for (std::size_t i = 0; i < png.width * static_cast<std::size_t>(png.channels); ++i)
+            png.samples.push_back(png.depth == 16 ? static_cast<std::uint16_t>(row[2 * i] << 8 | row[2 * i + 1])
+                                                  : row[i]);
+    }
+    png_destroy_read_struct(&reader, &info, nullptr);
+    std::fclose(file);
+    return png;
+}
+
+TEST_F(Tool, GrabSavesImagesThatDecodeToTheCamerasPattern)
+{
+    for (const char* format : {"Mono8", "Mono12", "Mono10p", "RGB8", "BayerRG8"}) {
+        SCOPED_TRACE(format);
+        Describe(std::string("[camera0]\nguid = CAM-1\nbus_timing = 0\nwidth = 32\nheight = 8\nframe_rate = 0\n"
+                             "pixel_format = ") + format + "\n");
+        const std::string saved = File(std::string("out-") + format);
+        const Result r = Run("grab -n 30 --every 10 --save " + saved);
+        ASSERT_EQ(0, r.code) << r.err;
+        EXPECT_NE(std::string::npos, r.out.find("Frames                       30")) << r.out;
+        EXPECT_NE(std::string::npos, r.out.find("Images saved                 3")) << r.out;
+        const auto& pixel = QEL::Sim::PixelFormatByName(format);
+        for (std::uint64_t frame : {1, 11, 21}) {
+            char name[32];
+            std::snprintf(name, sizeof name, "/frame-%06llu.png", static_cast<unsigned long long>(frame));
+            const Png png = ReadPng(saved + name);
+            ASSERT_EQ(32u, png.width) << name;
+            ASSERT_EQ(8u, png.height);
+            if (std::string(format) == "BayerRG8") {
+                EXPECT_EQ(3, png.channels) << "demosaiced to colour";
+                // A red cell keeps its own value in the red channel.
+                EXPECT_EQ(QEL::Sim::PatternSample(0, 0, 0, frame, pixel, 0), png.samples[0]);
+                continue;
+            }
+            ASSERT_EQ(static_cast<int>(pixel.samples), png.channels);
+            const int shift = png.depth == 16 ? 16 - static_cast<int>(pixel.bitDepth) : 0;
+            EXPECT_EQ(pixel.bitDepth > 8 ? 16 : 8, png.depth);
+            int wrong = 0;
+            for (std::uint32_t y = 0; y < 8; ++y)
+                for (std::uint32_t x = 0; x < 32; ++x)
+                    for (std::uint32_t s = 0; s < pixel.samples; ++s)
+                        wrong += (png.samples[(y * 32 + x) * pixel.samples + s] >> shift) !=
+                                 QEL::Sim::PatternSample(x, y, s, frame, pixel, 0);
+            EXPECT_EQ(0, wrong) << name;
+        }
+    }
+    const Result raw = Run("grab -n 1 --format raw --save " + File("raw"));
+    ASSERT_EQ(0, raw.code) << raw.err;
+    EXPECT_TRUE(fs::exists(File("raw/frame-000001.raw")));
+}
+
+TEST_F(Tool, ProgressLinesInAPipeAndACameraPulledOutDuringGrab)
+{
+    const pid_t grab = Start("grab -t 30");
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    Control("unplug camera0");
+    const Result r = Wait(grab);
+    EXPECT_EQ(1, r.code) << r.out;
+    EXPECT_NE(std::string::npos, r.err.find("was pulled out")) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("frames ")) << "periodic progress lines";
+    EXPECT_EQ(std::string::npos, r.out.find('\r')) << "plain lines when the output is no terminal";
+    EXPECT_NE(std::string::npos, r.out.find("Summary")) << "a summary all the same";
+}
+
+TEST_F(Tool, CtrlCStopsCleanlyWithASummary)
+{
+    const pid_t grab = Start("grab -t 60");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    ::kill(grab, SIGINT);
+    const auto before = std::chrono::steady_clock::now();
+    const Result r = Wait(grab);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(20));
+    EXPECT_EQ(0, r.code) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("Summary")) << r.out;
+    EXPECT_EQ(std::string::npos, r.err.find("ERROR")) << "buffers revoked without complaint: " << r.err;
+}
+
+TEST_F(Tool, EventsShowACameraThatComesAndGoes)
+{
+    const pid_t events = Start("events -m interface -t 4");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    Control("unplug camera0");
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    Control("replug camera0");
+    const Result r = Wait(events);
+    EXPECT_EQ(0, r.code) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("device list change")) << r.out;
+}
+
+}

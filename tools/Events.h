@@ -1,0 +1,14 @@
+#pragma once
+
+#include "tools/Session.h"
+
+#include <atomic>
+#include <string>
+
+namespace LorunTool {
+
+// Registers every event a module offers and prints each as it arrives, for
+// `seconds` (0: until `stop`). Returns the exit code.
+int WatchEvents(Session& session, const std::string& module, double seconds, const std::atomic<bool>& stop);
+
+}

@@ -1,0 +1,50 @@
+#pragma once
+
+// A module's GenApi document as a consumer sees it, evaluated by Aravis'
+// GenICam implementation over the module's GenTL port.
+#include "tools/GenTLProducer.h"
+
+#include <arv.h>
+
+#include <memory>
+#include <ostream>
+#include <string>
+
+namespace LorunTool {
+
+class FeatureTree {
+public:
+    FeatureTree(GenTLProducer& producer, PORT_HANDLE port);
+    ~FeatureTree();
+    FeatureTree(const FeatureTree&) = delete;
+    FeatureTree& operator=(const FeatureTree&) = delete;
+
+    // The tree under Root, indented by category: name, value, access mode,
+    // unit. Features above Guru visibility only with `all`.
+    void Print(std::ostream& out, bool all);
+    bool Has(const std::string& name);
+    std::string Get(const std::string& name);
+    void Set(const std::string& name, const std::string& value);
+    void Execute(const std::string& name);
+
+private:
+    struct Failure {
+        GC_ERROR code = GC_ERR_SUCCESS;
+        std::string text;
+    };
+    ArvGcFeatureNode* Feature(const std::string& name);
+    // Throws for a set GError, naming the feature and the producer's own error.
+    void Raise(const std::string& name, GError* error);
+    void PrintCategory(std::ostream& out, const std::string& name, int depth, bool all);
+
+    GenTLProducer& producer;
+    std::shared_ptr<Failure> lastFailure = std::make_shared<Failure>();
+    ArvDevice* device = nullptr;
+    ArvGc* genicam = nullptr;
+};
+
+// The document a port's first URL names: "local:" (read from the port),
+// "file:"; a zipped document is unpacked.
+std::string ReadPortDocument(GenTLProducer& producer, PORT_HANDLE port);
+
+}

@@ -1,0 +1,143 @@
+#include "tools/Session.h"
+
+namespace LorunTool {
+
+Session::Session(GenTLProducer& gentl) : producer(gentl)
+{
+    producer.RequireAll();
+    producer.Check(producer.GCInitLib(), "GCInitLib");
+    try {
+        producer.Check(producer.TLOpen(&tl), "TLOpen");
+        producer.Check(producer.TLUpdateInterfaceList(tl, nullptr, 1000), "TLUpdateInterfaceList");
+        uint32_t count = 0;
+        producer.Check(producer.TLGetNumInterfaces(tl, &count), "TLGetNumInterfaces");
+        for (uint32_t i = 0; i < count; ++i) {
+            const std::string id = TextOf(producer, "TLGetInterfaceID", [&](char* text, size_t* size) {
+                return producer.TLGetInterfaceID(tl, i, text, size);
+            });
+            IF_HANDLE handle = nullptr;
+            producer.Check(producer.TLOpenInterface(tl, id.c_str(), &handle), "TLOpenInterface " + id);
+            interfaces.emplace_back(id, handle);
+        }
+    } catch (...) {
+        Close();
+        throw;
+    }
+}
+
+Session::~Session() { Close(); }
+
+void Session::Close()
+{
+    CloseDevice();
+    for (auto& entry : interfaces)
+        producer.IFClose(entry.second);
+    interfaces.clear();
+    if (tl)
+        producer.TLClose(tl);
+    tl = nullptr;
+    producer.GCCloseLib();
+}
+
+void Session::CloseDevice()
+{
+    if (stream)
+        producer.DSClose(stream);
+    stream = nullptr;
+    if (device)
+        producer.DevClose(device);
+    device = nullptr;
+}
+
+IF_HANDLE Session::FirstInterface() const
+{
+    if (interfaces.empty())
+        throw ProducerError(GC_ERR_NOT_AVAILABLE, "The producer has no interface.");
+    return interfaces.front().second;
+}
+
+std::vector<Session::Camera> Session::Cameras()
+{
+    std::vector<Camera> cameras;
+    for (const auto& [interfaceId, handle] : interfaces) {
+        producer.Check(producer.IFUpdateDeviceList(handle, nullptr, 1000), "IFUpdateDeviceList " + interfaceId);
+        uint32_t count = 0;
+        producer.Check(producer.IFGetNumDevices(handle, &count), "IFGetNumDevices " + interfaceId);
+        for (uint32_t d = 0; d < count; ++d) {
+            IF_HANDLE interface = handle;
+            const std::string id = TextOf(producer, "IFGetDeviceID", [&](char* text, size_t* size) {
+                return producer.IFGetDeviceID(interface, d, text, size);
+            });
+            cameras.push_back({id, handle, interfaceId});
+        }
+    }
+    return cameras;
+}
+
+void Session::OpenDevice(const std::string& id)
+{
+    if (device)
+        return;
+    for (const Camera& camera : Cameras()) {
+        if (!id.empty() && camera.id != id)
+            continue;
+        producer.Check(producer.IFOpenDevice(camera.interface, camera.id.c_str(), DEVICE_ACCESS_CONTROL, &device),
+                       "IFOpenDevice " + camera.id);
+        deviceInterface = camera.interface;
+        deviceId = camera.id;
+        return;
+    }
+    throw ProducerError(GC_ERR_NOT_AVAILABLE, id.empty() ? "No camera found." : "No camera " + id + " found.");
+}
+
+void Session::OpenStream()
+{
+    if (stream)
+        return;
+    OpenDevice("");
+    const std::string id = TextOf(producer, "DevGetDataStreamID", [&](char* text, size_t* size) {
+        return producer.DevGetDataStreamID(device, 0, text, size);
+    });
+    producer.Check(producer.DevOpenDataStream(device, id.c_str(), &stream), "DevOpenDataStream " + id);
+}
+
+PORT_HANDLE Session::Port(const std::string& module)
+{
+    if (module == "system")
+        return tl;
+    if (module == "interface")
+        return Interface();
+    if (module == "device") {
+        OpenDevice("");
+        return device;
+    }
+    if (module == "remote") {
+        OpenDevice("");
+        PORT_HANDLE port = nullptr;
+        producer.Check(producer.DevGetPort(device, &port), "DevGetPort");
+        return port;
+    }
+    if (module == "stream") {
+        OpenStream();
+        return stream;
+    }
+    throw UsageError("unknown module '" + module + "' (system, interface, device, remote or stream)");
+}
+
+bool Session::DevicePresent()
+{
+    if (!deviceInterface)
+        return false;
+    if (producer.IFUpdateDeviceList(deviceInterface, nullptr, 0) != GC_ERR_SUCCESS)
+        return true; // cannot tell
+    int32_t access = 0;
+    size_t size = sizeof access;
+    INFO_DATATYPE type = 0;
+    const GC_ERROR rc =
+        producer.IFGetDeviceInfo(deviceInterface, deviceId.c_str(), DEVICE_INFO_ACCESS_STATUS, &type, &access, &size);
+    if (rc == GC_ERR_INVALID_ID)
+        return false;
+    return rc != GC_ERR_SUCCESS || access != DEVICE_ACCESS_STATUS_NOACCESS;
+}
+
+}

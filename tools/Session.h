@@ -1,0 +1,59 @@
+#pragma once
+
+// What a consumer opens, in order, and closes in the reverse order: the
+// library, the transport layer, its interfaces, one camera and its stream.
+#include "tools/GenTLProducer.h"
+
+#include <string>
+#include <vector>
+
+namespace LorunTool {
+
+class Session {
+public:
+    explicit Session(GenTLProducer& producer);
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    struct Camera {
+        std::string id;
+        IF_HANDLE interface = nullptr;
+        std::string interfaceId;
+    };
+    // The cameras of every interface, lists updated.
+    std::vector<Camera> Cameras();
+
+    // Opens the camera `id` for control, or the first one when `id` is empty.
+    void OpenDevice(const std::string& id);
+    void OpenStream();
+    // The port of a module: system, interface, device, remote or stream; opens
+    // the first camera and its stream when they are not open yet.
+    PORT_HANDLE Port(const std::string& module);
+
+    const std::vector<std::pair<std::string, IF_HANDLE>>& Interfaces() const { return interfaces; }
+    GenTLProducer& Producer() { return producer; }
+    TL_HANDLE System() const { return tl; }
+    IF_HANDLE Interface() const { return deviceInterface ? deviceInterface : FirstInterface(); }
+    DEV_HANDLE Device() const { return device; }
+    DS_HANDLE Stream() const { return stream; }
+    const std::string& DeviceId() const { return deviceId; }
+    // False once the interface reports the open camera gone.
+    bool DevicePresent();
+    // Closes the stream, then the device.
+    void CloseDevice();
+
+private:
+    IF_HANDLE FirstInterface() const;
+    void Close();
+
+    GenTLProducer& producer;
+    TL_HANDLE tl = nullptr;
+    std::vector<std::pair<std::string, IF_HANDLE>> interfaces;
+    IF_HANDLE deviceInterface = nullptr;
+    std::string deviceId;
+    DEV_HANDLE device = nullptr;
+    DS_HANDLE stream = nullptr;
+};
+
+}
