@@ -2,13 +2,18 @@
 
 #include "base/BaseException.h"
 #include "support/EmbeddedDocuments.h"
+#include "support/Logger.h"
 #include "support/SettingsValues.h"
+#include "support/XmlDepth.h"
 
-#include <boost/filesystem/path.hpp>
+#include <boost/filesystem.hpp>
 #include <tinyxml.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <limits>
+#include <sstream>
 
 namespace QEL {
 
@@ -41,7 +46,9 @@ public:
         ReadDescription("DeviceXMLFile", settings.deviceXML);
         ReadRemoteDeviceDescriptions();
         ReadDescription("DataStreamXMLFile", settings.dataStreamXML);
-        if (ReadPath("LogFileName", settings.logFileName)) {
+        // An empty log file name asks for no log, rather than a log named like the folder.
+        const TiXmlElement* log = Find("LogFileName");
+        if (log && !ElementText(*log).empty() && ReadPath("LogFileName", settings.logFileName)) {
             settings.loggingActive = true;
             ReadBool("AppendLog", settings.appendLog);
         }
@@ -77,7 +84,7 @@ private:
 
     bool ReadPath(const char* key, std::string& target) const
     {
-        const TiXmlElement* element = root.FirstChildElement(key);
+        const TiXmlElement* element = Find(key);
         if (!element)
             return false;
         target = Absolute(ElementText(*element));
@@ -86,14 +93,14 @@ private:
 
     void ReadBool(const char* key, bool& target) const
     {
-        if (const TiXmlElement* element = root.FirstChildElement(key))
+        if (const TiXmlElement* element = Find(key))
             target = SettingsValues::ParseBool(ElementText(*element));
     }
 
     template <class T>
     bool ReadNumber(const char* key, T& target) const
     {
-        const TiXmlElement* element = root.FirstChildElement(key);
+        const TiXmlElement* element = Find(key);
         if (!element)
             return false;
         target = SettingsValues::ParseNumber<T>(ElementText(*element));
@@ -127,6 +134,8 @@ private:
              element = element->NextSiblingElement("RemoteDeviceXMLFile")) {
             if (ElementText(*element).empty())
                 continue;
+            currentElement = "RemoteDeviceXMLFile";
+            currentValue = ElementText(*element);
             auto file = XMLFile::FromFile(Absolute(ElementText(*element)));
             if (!file)
                 throw Base::Exception("Could not read settings.", GC_ERR_ERROR);
@@ -158,6 +167,8 @@ private:
             return;
         for (const TiXmlElement* port = portsElement->FirstChildElement("Port"); port;
              port = port->NextSiblingElement("Port")) {
+            currentElement = "Ports/Port";
+            currentValue = port->Attribute("ID") ? port->Attribute("ID") : "";
             const char* id = port->Attribute("ID");
             if (!id)
                 throw Base::Exception("Could not get port ID.", GC_ERR_ERROR);
@@ -197,6 +208,19 @@ private:
         }
     }
 
+public:
+    // The element read last, and its text: what a failure is about.
+    mutable std::string currentElement, currentValue;
+
+private:
+    const TiXmlElement* Find(const char* key) const
+    {
+        const TiXmlElement* element = root.FirstChildElement(key);
+        currentElement = key;
+        currentValue = element ? ElementText(*element) : "";
+        return element;
+    }
+
     Settings& settings;
     const TiXmlElement& root;
 };
@@ -219,16 +243,59 @@ std::string Settings::SettingsPathFor(const std::string& libraryPath)
     return (library.parent_path() / library.stem()).lexically_normal().string() + ".xml";
 }
 
+namespace {
+
+// Why the settings keep the library from initialising: before the system log
+// exists, standard error is the only place a user can see it.
+void Report(const std::string& text)
+{
+    std::fprintf(stderr, "%s\n", text.c_str());
+    Tools::Logger::Log(text);
+}
+
+}
+
 std::shared_ptr<Settings> Settings::Load(const std::string& libraryPath)
 {
     auto settings = std::make_shared<Settings>(libraryPath);
+    const std::string path = SettingsPathFor(libraryPath);
+    boost::system::error_code error;
+    const fs::file_status status = fs::status(path, error);
+    if (error || !fs::exists(status))
+        return settings;
+    // A FIFO would block the reader, a device or a huge file swell it.
+    if (!fs::is_regular_file(status) || fs::file_size(path, error) > (16u << 20) || error) {
+        Report("Settings file '" + path + "': not a regular file of at most 16 MiB, refused.");
+        throw Base::Exception("Could not read TL settings.", GC_ERR_ERROR);
+    }
+    std::ifstream file(path, std::ios::binary);
+    if (!file)
+        return settings;
+    std::ostringstream content;
+    content << file.rdbuf();
+    const std::string text = content.str();
+    if (!Tools::IsXmlDepthSane(text)) {
+        Report("Settings file '" + path + "': nested deeper than " + std::to_string(Tools::MaxXmlDepth) +
+               " levels, refused.");
+        throw Base::Exception("Could not read TL settings.", GC_ERR_ERROR);
+    }
     TiXmlDocument document;
-    if (!document.LoadFile(SettingsPathFor(libraryPath).c_str()))
+    document.Parse(text.c_str());
+    if (document.Error())
         return settings;
     const TiXmlElement* root = document.FirstChildElement("Settings");
-    if (!root)
+    if (!root) {
+        Report("Settings file '" + path + "': the root element is not <Settings>.");
         throw Base::Exception("Could not read TL settings.", GC_ERR_ERROR);
-    Reader(*settings, *root).ReadAll();
+    }
+    Reader reader(*settings, *root);
+    try {
+        reader.ReadAll();
+    } catch (const Base::Exception& e) {
+        Report("Settings file '" + path + "', element <" + reader.currentElement + ">, value '" +
+               reader.currentValue + "': " + e.GetText());
+        throw;
+    }
     return settings;
 }
 

@@ -1,5 +1,7 @@
 #include "support/XMLFile.h"
 
+#include "support/XmlDepth.h"
+
 #include "base/BaseException.h"
 #include "support/SettingsValues.h"
 
@@ -43,6 +45,8 @@ XMLFile::XMLFile(std::shared_ptr<const Bytes> bytes, const std::string& name)
 void XMLFile::Parse()
 {
     std::string text(data->begin(), data->end());
+    if (!Tools::IsXmlDepthSane(text))
+        throw Base::Exception("XML file nests too deeply.", GC_ERR_ERROR);
     TiXmlDocument document;
     document.Parse(text.c_str());
     if (document.Error())

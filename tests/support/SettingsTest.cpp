@@ -1,5 +1,10 @@
 #include "base/BaseException.h"
 #include "support/Settings.h"
+#include "support/XMLFile.h"
+#include "support/XmlDepth.h"
+
+#include <pthread.h>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -242,6 +247,96 @@ TEST(Settings, FileBesideTheLibrary)
 {
     EXPECT_EQ("/opt/gentl/lorun_csi2.xml", Settings::SettingsPathFor("/opt/gentl/./lorun_csi2.cti"));
     EXPECT_EQ("/a/b.c.xml", Settings::SettingsPathFor("/a/b.c.cti"));
+}
+
+}
+
+namespace {
+
+// Runs `f` on a thread with a 256 KB stack, as some hosts give their threads.
+template <class F>
+void OnSmallStack(F f)
+{
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, 256 * 1024);
+    pthread_t thread;
+    auto call = [](void* argument) -> void* {
+        (*static_cast<F*>(argument))();
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, &attributes, call, &f));
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+}
+
+std::string Nested(std::size_t depth, const std::string& inner = "")
+{
+    std::string text;
+    for (std::size_t i = 0; i < depth; ++i)
+        text += "<a>";
+    text += inner;
+    for (std::size_t i = 0; i < depth; ++i)
+        text += "</a>";
+    return text;
+}
+
+TEST(XmlDepth, CommentsQuotesAndSelfClosingTagsDoNotCount)
+{
+    EXPECT_EQ(0u, Tools::XmlNestingDepth("<?xml version='1.0'?><!-- <a><a> --><!DOCTYPE x>"));
+    EXPECT_EQ(2u, Tools::XmlNestingDepth("<a x='>' y=\"<b>\"><b/><c><![CDATA[<d><d>]]></c></a>"));
+    EXPECT_EQ(300u, Tools::XmlNestingDepth(Nested(300)));
+    EXPECT_TRUE(Tools::IsXmlDepthSane(Nested(Tools::MaxXmlDepth)));
+    EXPECT_FALSE(Tools::IsXmlDepthSane(Nested(Tools::MaxXmlDepth + 1)));
+}
+
+TEST_F(SettingsFile, ADeeplyNestedFileIsRefusedBeforeTheParserRecurses)
+{
+    Write("producer.xml", "<Settings>" + Nested(100000) + "</Settings>");
+    std::string failure = "no failure";
+    testing::internal::CaptureStderr();
+    OnSmallStack([&] {
+        try {
+            Settings::Load(library);
+        } catch (const Base::Exception& e) {
+            failure = e.GetText();
+        }
+    });
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ("Could not read TL settings.", failure);
+    EXPECT_NE(std::string::npos, said.find("producer.xml")) << said;
+    EXPECT_NE(std::string::npos, said.find("nested deeper than")) << said;
+
+    const std::string deepDocument = "<RegisterDescription>" + Nested(100000) + "</RegisterDescription>";
+    std::string documentFailure;
+    OnSmallStack([&] {
+        try {
+            XMLFile::FromMemory(deepDocument.data(), deepDocument.size());
+        } catch (const Base::Exception& e) {
+            documentFailure = e.GetText();
+        }
+    });
+    EXPECT_EQ("XML file nests too deeply.", documentFailure);
+}
+
+TEST_F(SettingsFile, ABadValueIsReportedWithTheFileTheElementAndTheValue)
+{
+    testing::internal::CaptureStderr();
+    EXPECT_EQ("Could not parse number.", Failure("<SendTimeout>12ms</SendTimeout>"));
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, said.find((folder / "producer.xml").string())) << said;
+    EXPECT_NE(std::string::npos, said.find("<SendTimeout>")) << said;
+    EXPECT_NE(std::string::npos, said.find("'12ms'")) << said;
+
+    auto settings = Load("<LogFileName/>");
+    EXPECT_FALSE(settings->IsLoggingActive()) << "an empty log file name asks for no log";
+
+    fs::create_directory(folder / "producer.xml.d");
+    fs::remove(folder / "producer.xml");
+    ASSERT_EQ(0, ::mkfifo((folder / "producer.xml").string().c_str(), 0600));
+    testing::internal::CaptureStderr();
+    EXPECT_THROW(Settings::Load(library), Base::Exception) << "a FIFO is refused, not waited on";
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("not a regular file"));
 }
 
 }
