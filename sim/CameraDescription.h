@@ -71,6 +71,9 @@ struct SystemDescription {
     // Relative file names in it are taken from the folder of `origin`, the
     // description's own path, or from the working folder.
     static SystemDescription FromText(const std::string& text, const std::string& origin = "");
+
+private:
+    static SystemDescription Parse(const std::string& text, const std::string& origin);
 };
 
 } }

@@ -260,3 +260,47 @@ TEST(ChunkFrames, TheImageAndTheBlockIDAsChunksBehindATrailerWithTheLayoutID)
 }
 
 }
+
+namespace {
+
+// Each refused description names the file, the line and the key.
+TEST(Description, BadValuesAndClashesAreRefusedWithTheirPlace)
+{
+    TempFolder folder;
+    const std::string path = folder.File("cameras.ini");
+    struct Case {
+        const char* text;
+        const char* line;
+        const char* key;
+    } cases[] = {
+        {"[camera0]\nwidth = -1\n", "line 2", "key 'width'"},
+        {"[camera0]\n; a comment\nwidth = 0x100000280\n", "line 3", "key 'width'"},
+        {"[camera0]\nport = -1\n", "line 2", "key 'port'"},
+        {"[camera0]\nbus = 99999999999999999999\n", "line 2", "key 'bus'"},
+        {"[camera0]\nguid = A\n[camera1]\nnode = video1\nport = 3\nguid = A\n", "line 6", "key 'guid'"},
+        {"[camera0]\nwidth = 64\n[camera1]\nport = 3\n", "", "key 'node'"},
+        {"[camera0]\nwidth = 64\n[camera1]\nnode = video1\n", "", "key 'address'"},
+        {"[camera0]\nnode = ../video0\n", "line 2", "key 'node'"},
+        {"[system]\nboard = pi\n", "line 2", "key 'board'"},
+        {"[camera0]\ncolour = red\n", "line 2", "key 'colour'"},
+    };
+    for (const Case& c : cases) {
+        std::ofstream(path) << c.text;
+        try {
+            SystemDescription::FromFile(path);
+            ADD_FAILURE() << "accepted: " << c.text;
+        } catch (const std::invalid_argument& e) {
+            const std::string what = e.what();
+            EXPECT_NE(std::string::npos, what.find(path)) << what;
+            EXPECT_NE(std::string::npos, what.find(c.line)) << what;
+            EXPECT_NE(std::string::npos, what.find(c.key)) << what;
+        }
+    }
+    std::ofstream(path) << "[camera0]\nwidth = 64\n[camera1]\nnode = video1\nport = 3\n";
+    const auto two = SystemDescription::FromFile(path);
+    ASSERT_EQ(2u, two.cameras.size());
+    EXPECT_EQ("VIRTUAL-CAMERA-0001", two.cameras[0].guid);
+    EXPECT_EQ("VIRTUAL-CAMERA-0002", two.cameras[1].guid) << "cameras without a GUID of their own differ";
+}
+
+}
