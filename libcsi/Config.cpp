@@ -1,6 +1,8 @@
 #include "libcsi/Config.h"
+#include "libcsi/SafeFile.h"
 
 #include <boost/property_tree/ini_parser.hpp>
+#include <sstream>
 #include <boost/property_tree/ptree.hpp>
 
 #include <dlfcn.h>
@@ -104,7 +106,13 @@ void Config::Write() const
             tree.put(key, field);
     });
     try {
-        boost::property_tree::ini_parser::write_ini(PathOf("libcsi.cfg"), tree);
+        std::ostringstream text;
+        boost::property_tree::ini_parser::write_ini(text, tree);
+        if (std::FILE* file = OpenFileForWriting(PathOf("libcsi.cfg"), false)) {
+            const std::string bytes = text.str();
+            std::fwrite(bytes.data(), 1, bytes.size(), file);
+            std::fclose(file);
+        }
     } catch (...) {
     }
 }

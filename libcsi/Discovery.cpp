@@ -1,4 +1,5 @@
 #include "libcsi/Config.h"
+#include "libcsi/SafeFile.h"
 #include "libcsi/Device.h"
 #include "libcsi/Library.h"
 #include "libcsi/Log.h"
@@ -50,7 +51,7 @@ const char* InfoName(std::int32_t id)
 
 void WriteInfoFile(const Library& library)
 {
-    std::FILE* file = std::fopen(TheConfig().PathOf("libcsi_info.txt").c_str(), "w+");
+    std::FILE* file = OpenFileForWriting(TheConfig().PathOf("libcsi_info.txt"), false);
     if (!file)
         return;
     std::uint32_t version[4];

@@ -1,4 +1,5 @@
 #include "libcsi/Library.h"
+#include "libcsi/SafeFile.h"
 
 #include "libcsi/Config.h"
 #include "libcsi/Device.h"
@@ -226,13 +227,13 @@ int32_t libcsi_init(void)
         library->discoveryThread = std::thread([library] { DiscoveryThread(library); });
         const Config& config = TheConfig();
         if (config.dumpFrameTiming)
-            if ((library->timingFile = std::fopen(config.PathOf("libcsi_timing.csv").c_str(), "w+"))) {
+            if ((library->timingFile = OpenFileForWriting(config.PathOf("libcsi_timing.csv"), false))) {
                 std::fprintf(library->timingFile,
                              "FrameInterval[us];BlockID;BufferFlags;LeaderTimestamp;MemcpyDuration[us]\r\n");
                 std::fflush(library->timingFile);
             }
         if (config.dumpAcqStatistics)
-            library->statisticsFile = std::fopen(config.PathOf("libcsi_acq_stat.txt").c_str(), "w+");
+            library->statisticsFile = OpenFileForWriting(config.PathOf("libcsi_acq_stat.txt"), false);
         return LIBCSI_OK;
     } catch (...) {
         return LIBCSI_ERROR;

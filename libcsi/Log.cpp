@@ -1,4 +1,5 @@
 #include "libcsi/Log.h"
+#include "libcsi/SafeFile.h"
 
 #include "libcsi/Config.h"
 
@@ -72,7 +73,7 @@ void LogEntry(int tier, int line, const char* format, ...)
         std::fprintf(stderr, "LIBCSI: %sL:%05d P:%05d T:%05ld %s", stamp.c_str(), line, pid, tid, message);
         std::fflush(stderr);
         if (!logFile && config.logLevel >= 1)
-            logFile = std::fopen(config.PathOf("libcsi.log").c_str(), "w+");
+            logFile = OpenFileForWriting(config.PathOf("libcsi.log"), false);
         if (logFile && fileEntries <= MaxFileEntries) {
             if (fileEntries < MaxFileEntries)
                 std::fprintf(logFile, "%sL:%05d P:%05d T:%05ld %s", stamp.c_str(), line, pid, tid, message);

@@ -1,6 +1,7 @@
 // Streaming: start and stop, the frame dequeue thread (FDTP) and the frame
 // callback thread (FCTP), flushing, and the stream statistics.
 #include "libcsi/Config.h"
+#include "libcsi/SafeFile.h"
 #include "libcsi/Device.h"
 #include "libcsi/Library.h"
 #include "libcsi/Log.h"
@@ -93,7 +94,7 @@ std::uint64_t Milliseconds() { return MonotonicMicroseconds() / 1000; }
 
 void WriteDump(const std::string& path, std::initializer_list<std::pair<const void*, std::uint64_t>> parts)
 {
-    std::FILE* file = std::fopen(path.c_str(), "wb");
+    std::FILE* file = OpenFileForWriting(path, false);
     if (!file)
         return;
     for (const auto& [data, size] : parts)

@@ -1,4 +1,5 @@
 #include "modules/CSIRemoteDevice.h"
+#include "support/SafeFile.h"
 
 #include "framework/BufferRegister.h"
 #include "framework/CallbackRegister.h"
@@ -41,26 +42,15 @@ std::string HexUpper(const std::vector<std::uint8_t>& bytes)
     return text;
 }
 
-// Writes `bytes` to `path` without following a link planted there, and
-// without group or world write permission.
+// Writes `bytes` to `path` as every file is written: no link followed, no group or world write permission.
 void WriteNewFile(const std::string& path, const std::vector<std::uint8_t>& bytes, const char* openFailure,
                   const char* writeFailure)
 {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (fd < 0)
+    std::FILE* file = Tools::OpenFileForWriting(path, false);
+    if (!file)
         throw Exception(openFailure, GC_ERR_ERROR);
-    struct stat status {};
-    bool written = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
-    std::size_t done = 0;
-    while (written && done < bytes.size()) {
-        const ssize_t step = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (step <= 0)
-            written = false;
-        else
-            done += static_cast<std::size_t>(step);
-    }
-    ::close(fd);
-    if (!written)
+    const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+    if (std::fclose(file) != 0 || !written)
         throw Exception(writeFailure, GC_ERR_ERROR);
 }
 

@@ -1,4 +1,5 @@
 #include "support/Logger.h"
+#include "support/SafeFile.h"
 
 #include "base/Exception.h"
 #include "support/StaticData.h"
@@ -48,7 +49,7 @@ void Logger::LogCalled(const std::string& functionName) { Log(functionName + " c
 
 FileLogger::FileLogger(const std::string& path, bool append)
 {
-    file = std::fopen(path.c_str(), append ? "at" : "wt");
+    file = OpenFileForWriting(path, append);
     if (!file)
         throw System::Exception("Could not open file.");
 }

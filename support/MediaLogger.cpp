@@ -1,4 +1,5 @@
 #include "support/MediaLogger.h"
+#include "support/SafeFile.h"
 
 #include "support/MutexGuard.h"
 
@@ -86,7 +87,7 @@ std::string FormatPacket(const void* data, std::uint32_t length)
 }
 
 Logger::Logger(const std::string& path, bool append)
-    : file(std::fopen(path.c_str(), append ? "at" : "wt")), messageMutex(std::make_shared<System::Mutex>()),
+    : file(Tools::OpenFileForWriting(path, append)), messageMutex(std::make_shared<System::Mutex>()),
       dumpMutex(std::make_shared<System::Mutex>())
 {
     messageThread = std::thread(&Logger::MessageWorker, this);

@@ -8,6 +8,7 @@
 #include <boost/filesystem.hpp>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -169,6 +170,30 @@ TEST(Lifecycle, InitDeinitAndCallbacks)
     EXPECT_EQ(LIBCSI_OK, libcsi_deregister_report_callback());
     EXPECT_EQ(LIBCSI_OK, libcsi_deinit());
     EXPECT_EQ(LIBCSI_NOT_INITIALIZED, libcsi_deregister_report_callback());
+}
+
+}
+
+namespace {
+
+// Files libcsi writes beside itself never follow a link planted in their place.
+TEST_F(ConfigFolder, ALinkPlantedInPlaceOfTheConfigurationIsNotWrittenThrough)
+{
+    const fs::path victim = folder / "victim.txt";
+    std::ofstream(victim.string()) << "precious";
+    fs::create_symlink(victim, folder / "libcsi.cfg");
+    Write("libcsi_log_enable", "");
+    Config config = Load();
+    config.WriteBack();
+    EXPECT_EQ("precious", ReadFile(victim.string()));
+    EXPECT_TRUE(fs::is_symlink(folder / "libcsi.cfg"));
+
+    // A new file gets no group or world write permission.
+    fs::remove(folder / "libcsi.cfg");
+    Load();
+    struct stat status {};
+    ASSERT_EQ(0, ::stat((folder / "libcsi.cfg").string().c_str(), &status));
+    EXPECT_EQ(0u, status.st_mode & (S_IWGRP | S_IWOTH));
 }
 
 }

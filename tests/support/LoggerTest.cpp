@@ -1,5 +1,8 @@
 #include "base/Exception.h"
 #include "support/Logger.h"
+#include "support/SafeFile.h"
+
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -89,6 +92,53 @@ TEST(Logger, InstalledLoggerReceivesWholeLinesFromManyThreads)
         ++count;
     }
     EXPECT_EQ(400, count);
+}
+
+}
+
+namespace {
+
+TEST(SafeFile, NoLinkFollowedNoFifoWaitedOnAndNoGroupWrite)
+{
+    const boost::filesystem::path folder =
+        boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("safefile-%%%%-%%%%");
+    boost::filesystem::create_directories(folder);
+    const std::string victim = (folder / "victim").string(), link = (folder / "log").string();
+    std::ofstream(victim) << "precious";
+    boost::filesystem::create_symlink(victim, link);
+    EXPECT_EQ(nullptr, QEL::Tools::OpenFileForWriting(link, false));
+    EXPECT_EQ(nullptr, QEL::Tools::OpenFileForWriting(link, true));
+    EXPECT_THROW(QEL::Tools::FileLogger(link, false), QEL::System::Exception);
+    std::ifstream in(victim);
+    std::string text;
+    in >> text;
+    EXPECT_EQ("precious", text);
+
+    const std::string fifo = (folder / "fifo").string();
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    EXPECT_EQ(nullptr, QEL::Tools::OpenFileForWriting(fifo, false)) << "refused at once, not waited on";
+
+    const std::string plain = (folder / "plain").string();
+    std::FILE* file = QEL::Tools::OpenFileForWriting(plain, false);
+    ASSERT_NE(nullptr, file);
+    std::fputs("one\n", file);
+    std::fclose(file);
+    file = QEL::Tools::OpenFileForWriting(plain, true);
+    ASSERT_NE(nullptr, file);
+    std::fputs("two\n", file);
+    std::fclose(file);
+    std::ifstream lines(plain);
+    std::string first, second;
+    lines >> first >> second;
+    EXPECT_EQ("one", first);
+    EXPECT_EQ("two", second) << "appended";
+    struct stat status {};
+    ASSERT_EQ(0, ::stat(plain.c_str(), &status));
+    EXPECT_EQ(0u, status.st_mode & (S_IWGRP | S_IWOTH));
+    file = QEL::Tools::OpenFileForWriting(plain, false);
+    std::fclose(file);
+    EXPECT_EQ(0, boost::filesystem::file_size(plain)) << "truncated";
+    boost::filesystem::remove_all(folder);
 }
 
 }
