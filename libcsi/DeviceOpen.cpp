@@ -325,6 +325,9 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
         }
         device.callbackThread = std::thread([&device] { FrameCallbackThread(device); });
         SetState(device, Open);
+        for (const auto& listed : library->devices)
+            if (listed.get() == &device)
+                library->openDevices.insert(listed);
         *ppDeviceHandle = &device;
         return LIBCSI_OK;
     } catch (...) {
@@ -335,6 +338,9 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
 
 int32_t libcsi_close_device(device_handle_t* pDeviceHandle)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p)\n", __func__, static_cast<void*>(pDeviceHandle));
     if (!pDeviceHandle)
         return LIBCSI_INVALID_PARAMETER;
@@ -363,11 +369,19 @@ int32_t libcsi_close_device(device_handle_t* pDeviceHandle)
     ClearCameraState(device);
     SetState(device, Closed);
     LIBCSI_LOG(TierTrace, " Successfully closed device.\n");
+    {
+        std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
+        if (auto library = CurrentLibrary())
+            library->openDevices.erase(held);
+    }
     return LIBCSI_OK;
 }
 
 int32_t libcsi_reset_device(device_handle_t* pDeviceHandle)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p)\n", __func__, static_cast<void*>(pDeviceHandle));
     if (!pDeviceHandle)
         return LIBCSI_INVALID_PARAMETER;

@@ -71,6 +71,9 @@ extern "C" {
 
 int32_t libcsi_get_ipu_restrictions(device_handle_t* pDeviceHandle, libcsi_ipu_restrictions_t* pRestrictions)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     if (!pRestrictions)
         return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
@@ -88,6 +91,9 @@ int32_t libcsi_get_ipu_restrictions(device_handle_t* pDeviceHandle, libcsi_ipu_r
 int32_t libcsi_get_gencp_buffer_sizes(device_handle_t* pDeviceHandle, uint32_t* pGencpInBufferSize,
                                       uint32_t* pGencpOutBufferSize)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     if (!pGencpInBufferSize || !pGencpOutBufferSize)
         return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
@@ -102,6 +108,9 @@ int32_t libcsi_get_gencp_buffer_sizes(device_handle_t* pDeviceHandle, uint32_t* 
 
 int32_t libcsi_get_min_announced_frames(device_handle_t* pDeviceHandle, uint32_t* pMinAnnouncedFrames)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     if (!pMinAnnouncedFrames)
         return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(__func__, pDeviceHandle,
@@ -110,6 +119,9 @@ int32_t libcsi_get_min_announced_frames(device_handle_t* pDeviceHandle, uint32_t
 
 int32_t libcsi_get_statistics_capability(device_handle_t* pDeviceHandle, uint64_t* pStatisticsCapabilities)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     if (!pStatisticsCapabilities)
         return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
@@ -126,6 +138,9 @@ int32_t libcsi_get_statistics_capability(device_handle_t* pDeviceHandle, uint64_
 
 int32_t libcsi_get_supported_lane_counts(device_handle_t* pDeviceHandle, uint8_t* pSupportedLaneCounts)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     if (!pSupportedLaneCounts)
         return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
@@ -139,6 +154,9 @@ int32_t libcsi_get_supported_lane_counts(device_handle_t* pDeviceHandle, uint8_t
 
 int32_t libcsi_get_supported_csi_data_identifiers(device_handle_t* pDeviceHandle, uint64_t* pDataIdentifiers)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     if (!pDataIdentifiers)
         return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
@@ -153,6 +171,9 @@ int32_t libcsi_get_supported_csi_data_identifiers(device_handle_t* pDeviceHandle
 int32_t libcsi_get_supported_csi_host_clock_range(device_handle_t* pDeviceHandle, uint8_t nLaneCount,
                                                   uint32_t* pMinFrequency, uint32_t* pMaxFrequency)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     if (!pMinFrequency || !pMaxFrequency)
         return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
@@ -169,6 +190,9 @@ int32_t libcsi_get_supported_csi_host_clock_range(device_handle_t* pDeviceHandle
 
 int32_t libcsi_get_cci_link_speed(device_handle_t* pDeviceHandle, uint32_t* pCCILinkSpeed)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     if (!pCCILinkSpeed)
         return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
@@ -190,6 +214,9 @@ int32_t libcsi_get_cci_link_speed(device_handle_t* pDeviceHandle, uint32_t* pCCI
 
 int32_t libcsi_get_csi_config(device_handle_t* pDeviceHandle, uint8_t* pLaneCount, uint32_t* pLaneClockFrequency)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     if (!pLaneCount || !pLaneClockFrequency)
         return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(
@@ -207,6 +234,9 @@ int32_t libcsi_get_csi_config(device_handle_t* pDeviceHandle, uint8_t* pLaneCoun
 
 int32_t libcsi_set_csi_config(device_handle_t* pDeviceHandle, uint8_t* pLaneCount, uint32_t* pLaneClockFrequency)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     if (!pLaneCount || !pLaneClockFrequency)
         return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(
@@ -227,6 +257,9 @@ int32_t libcsi_set_csi_config(device_handle_t* pDeviceHandle, uint8_t* pLaneCoun
 int32_t libcsi_get_ext_info(device_handle_t* pDeviceHandle, int32_t eInfoID, int32_t* pType, void* pData,
                             uint64_t* pSize)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     if (!pType || !pSize)
         return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {

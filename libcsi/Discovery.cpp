@@ -267,6 +267,7 @@ int32_t libcsi_update_device_list(void)
             if (ifName.size() < 11 || strncasecmp(ifName.c_str(), "qel_csi2_if", 11) != 0)
                 continue;
             auto device = std::make_shared<Device>();
+            RegisterDevice(device);
             std::string busInfo;
             ReadFile(sysNode + "/bus_info", busInfo);
             unsigned port = 255, bus = 255, address = 255;

@@ -334,6 +334,9 @@ extern "C" {
 int32_t libcsi_announce_frame(device_handle_t* pDeviceHandle, uint32_t nIPU_X, uint32_t nIPU_Y,
                               lib_frame_transfer* pFrame, frame_handle_t** ppFrameHandle)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     try {
         return Announce(__func__, pDeviceHandle, nIPU_X, nIPU_Y, pFrame, ppFrameHandle, false);
     } catch (...) {
@@ -344,6 +347,9 @@ int32_t libcsi_announce_frame(device_handle_t* pDeviceHandle, uint32_t nIPU_X, u
 int32_t libcsi_alloc_and_announce_frame(device_handle_t* pDeviceHandle, uint32_t nIPU_X, uint32_t nIPU_Y,
                                         lib_frame_transfer* pFrame, frame_handle_t** ppFrameHandle)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     try {
         return Announce(__func__, pDeviceHandle, nIPU_X, nIPU_Y, pFrame, ppFrameHandle, true);
     } catch (...) {
@@ -354,6 +360,9 @@ int32_t libcsi_alloc_and_announce_frame(device_handle_t* pDeviceHandle, uint32_t
 int32_t libcsi_queue_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFrameHandle,
                            libcsi_frame_callback_t pFrameCallback, void* pContext)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     try {
         const std::uint64_t start = MonotonicMicroseconds();
         if (!pDeviceHandle || !pFrameHandle || !pFrameCallback)
@@ -399,6 +408,9 @@ int32_t libcsi_queue_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFram
 
 int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFrameHandle)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     try {
         if (!pDeviceHandle)
             return LIBCSI_INVALID_PARAMETER;
@@ -468,6 +480,9 @@ int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFra
 
 int32_t libcsi_flush_frames(device_handle_t* pDeviceHandle)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     try {
         if (!pDeviceHandle)
             return LIBCSI_INVALID_PARAMETER;

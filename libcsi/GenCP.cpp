@@ -109,6 +109,9 @@ extern "C" {
 
 int32_t libcsi_write_gencp(device_handle_t* pDeviceHandle, const void* pData, uint64_t nSize, uint32_t nTimeout)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     try {
         LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p, nSize=%lu, nTimeout=%u)\n", __func__,
                    static_cast<void*>(pDeviceHandle), static_cast<unsigned long>(nSize), nTimeout);
@@ -160,6 +163,9 @@ int32_t libcsi_write_gencp(device_handle_t* pDeviceHandle, const void* pData, ui
 
 int32_t libcsi_read_gencp(device_handle_t* pDeviceHandle, void* pData, uint64_t* pSize, uint32_t nTimeout)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     try {
         LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p, nTimeout=%u)\n", __func__, static_cast<void*>(pDeviceHandle),
                    nTimeout);

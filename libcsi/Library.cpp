@@ -99,6 +99,30 @@ std::shared_ptr<Library> CurrentLibrary()
     return singleton;
 }
 
+namespace {
+
+std::mutex registryMutex;
+std::map<const Device*, std::weak_ptr<Device>> registry;
+
+}
+
+void RegisterDevice(const std::shared_ptr<Device>& device)
+{
+    std::lock_guard<std::mutex> lock(registryMutex);
+    for (auto it = registry.begin(); it != registry.end();)
+        it = it->second.expired() ? registry.erase(it) : std::next(it);
+    registry[device.get()] = device;
+}
+
+std::shared_ptr<Device> LiveDevice(const Device* handle)
+{
+    if (!handle)
+        return nullptr;
+    std::lock_guard<std::mutex> lock(registryMutex);
+    const auto it = registry.find(handle);
+    return it == registry.end() ? nullptr : it->second.lock();
+}
+
 int32_t DeviceAt(std::uint32_t index, std::shared_ptr<Library>& library, Device*& device)
 {
     library = CurrentLibrary();
@@ -250,9 +274,13 @@ int32_t libcsi_deinit(void)
             LIBCSI_LOG(TierError, " %s ERROR: Not initialized.\n", __func__);
             return LIBCSI_NOT_INITIALIZED;
         }
-        // Devices first: their frame threads end with them.
+        // Devices first: their frame threads end with them, those of an earlier list too.
         for (const auto& device : library->devices)
             libcsi_close_device(device.get());
+        const auto stillOpen = library->openDevices;
+        for (const auto& device : stillOpen)
+            libcsi_close_device(device.get());
+        library->openDevices.clear();
         library->devices.clear();
         {
             std::unique_lock<std::mutex> lock(library->discoveryMutex);

@@ -8,6 +8,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <set>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -29,6 +30,8 @@ struct DiscoveryMessage {
 // The singleton of an initialised library (libcsi_t).
 struct Library {
     std::vector<std::shared_ptr<Device>> devices;
+    // Open devices stay alive until they are closed, whatever becomes of the list.
+    std::set<std::shared_ptr<Device>> openDevices;
     std::deque<std::shared_ptr<DiscoveryMessage>> discoveryMessages;
     std::deque<std::shared_ptr<std::string>> reportMessages;
     std::map<std::string, std::string> portMap; // SysNode to PortID
@@ -67,6 +70,13 @@ std::recursive_mutex& LibraryMutex();
 void GetVersion(std::uint32_t (&version)[4]);
 // The singleton, or null while the library is closed.
 std::shared_ptr<Library> CurrentLibrary();
+
+// Every device libcsi made, by handle. A handle that names no live device
+// (its list entry replaced and closed, or the library gone) gives null, so
+// that a call refuses it instead of touching freed memory; the result holds
+// the device for the length of the call.
+void RegisterDevice(const std::shared_ptr<Device>& device);
+std::shared_ptr<Device> LiveDevice(const Device* handle);
 
 void DiscoveryThread(std::shared_ptr<Library> library);
 

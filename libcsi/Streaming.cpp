@@ -479,6 +479,9 @@ extern "C" {
 
 int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentifier)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     try {
         LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p, nDataIdentifier=%u)\n", __func__, static_cast<void*>(pDeviceHandle),
                    nDataIdentifier);
@@ -556,6 +559,9 @@ int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentif
 
 int32_t libcsi_stop_stream(device_handle_t* pDeviceHandle, uint32_t nTimeout)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     try {
         LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p, nTimeout=%u)\n", __func__, static_cast<void*>(pDeviceHandle),
                    nTimeout);
@@ -591,6 +597,9 @@ int32_t libcsi_stop_stream(device_handle_t* pDeviceHandle, uint32_t nTimeout)
 
 int32_t libcsi_get_stream_statistics(device_handle_t* pDeviceHandle, libcsi_stream_statistics_t* pStatistics)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     if (!pDeviceHandle || !pStatistics)
         return LIBCSI_INVALID_PARAMETER;
     std::lock_guard<std::mutex> frames(pDeviceHandle->frameMutex);
@@ -614,6 +623,9 @@ int32_t libcsi_get_stream_statistics(device_handle_t* pDeviceHandle, libcsi_stre
 
 int32_t libcsi_reset_stream_statistics(device_handle_t* pDeviceHandle)
 {
+    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
+    if (pDeviceHandle && !held)
+        return LIBCSI_INVALID_PARAMETER;
     if (!pDeviceHandle)
         return LIBCSI_INVALID_PARAMETER;
     std::lock_guard<std::mutex> frames(pDeviceHandle->frameMutex);

@@ -514,3 +514,31 @@ TEST_F(GenCPOverCCI, BusyHandshakeAndFailingBus)
 }
 
 }
+
+namespace {
+
+TEST(DeviceOpen, AListUpdateKeepsAnOpenDeviceUntilItIsClosedAndStaleHandlesAreRefused)
+{
+    device_handle_t* device = nullptr;
+    {
+        VirtualBoard board(kOneCamera);
+        ASSERT_EQ(LIBCSI_OK, board.Open(&device));
+        EXPECT_EQ(LIBCSI_OK, libcsi_update_device_list()) << "with the camera open";
+        libcsi_ipu_restrictions_t restrictions{};
+        EXPECT_EQ(LIBCSI_OK, libcsi_get_ipu_restrictions(device, &restrictions)) << "the open device lives on";
+        EXPECT_EQ(LIBCSI_OK, libcsi_close_device(device));
+        EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_get_ipu_restrictions(device, &restrictions))
+            << "its entry was replaced: the handle names nothing now";
+        EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_close_device(device));
+
+        device_handle_t* again = nullptr;
+        ASSERT_EQ(LIBCSI_OK, board.Open(&again)) << "the camera opens anew from the new list";
+        EXPECT_EQ(LIBCSI_OK, libcsi_update_device_list());
+        device = again; // left open for the library's end to close
+    }
+    libcsi_ipu_restrictions_t restrictions{};
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_close_device(device)) << "after libcsi_deinit";
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_get_ipu_restrictions(device, &restrictions));
+}
+
+}
