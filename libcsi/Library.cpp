@@ -196,15 +196,17 @@ int32_t libcsi_init(void)
             return LIBCSI_OK;
         }
         auto library = std::make_shared<Library>();
-        Publish(library);
+        // The library is published only once its pipes exist: a failure leaves no half-built library behind.
         if (::pipe(library->stopDiscoveryPipe) != 0) {
             LIBCSI_LOG(TierError, " ERROR: Failed to create stop discovery pipe.\n");
             return LIBCSI_ERROR;
         }
         if (::pipe(library->updateDeviceListPipe) != 0) {
             LIBCSI_LOG(TierError, " ERROR: Failed to create update device list pipe.\n");
+            ClosePipe(library->stopDiscoveryPipe);
             return LIBCSI_ERROR;
         }
+        Publish(library);
         library->discoveryMessageThreadState = Running;
         library->discoveryMessageThread = std::thread([library] {
             MessageLoop(library, library->discoveryMessageMutex, library->discoveryMessageCondition,

@@ -542,3 +542,35 @@ TEST(DeviceOpen, AListUpdateKeepsAnOpenDeviceUntilItIsClosedAndStaleHandlesAreRe
 }
 
 }
+
+namespace {
+
+TEST(LibraryInit, AFailedPipeLeavesNoHalfBuiltLibrary)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own";
+#endif
+    auto system = std::make_shared<Sim::VirtualSystem>(Sim::SystemDescription::FromText(kOneCamera));
+    Os::Install(system);
+    // Warm up what libcsi opens on first use, so that only its pipes are left to fail.
+    ASSERT_EQ(LIBCSI_OK, libcsi_init());
+    ASSERT_EQ(LIBCSI_OK, libcsi_deinit());
+    rlimit saved{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
+    const int lowestFree = ::dup(0);
+    ASSERT_GE(lowestFree, 0);
+    ::close(lowestFree);
+    rlimit tight = saved;
+    tight.rlim_cur = static_cast<rlim_t>(lowestFree) + 1; // one descriptor: the first pipe needs two
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
+    const std::int32_t result = libcsi_init();
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
+    EXPECT_EQ(LIBCSI_ERROR, result);
+    EXPECT_EQ(LIBCSI_NOT_INITIALIZED, libcsi_update_device_list()) << "no library was left behind";
+    EXPECT_EQ(LIBCSI_OK, libcsi_init()) << "and the next init builds one";
+    EXPECT_EQ(LIBCSI_OK, libcsi_update_device_list());
+    EXPECT_EQ(LIBCSI_OK, libcsi_deinit());
+    Os::Install(nullptr);
+}
+
+}
