@@ -92,6 +92,16 @@ std::string TraceParam::Format() const
     }
 }
 
+// A failed call writes no outputs: their memory is shown by address only, never
+// read. A size is in and out, and the caller filled it before the call.
+std::string TraceParam::FormatUnwritten() const
+{
+    if (kind == Kind::Int32 || kind == Kind::UInt32 || kind == Kind::UInt64 || kind == Kind::Pointer ||
+        kind == Kind::SizePtr || !pointer)
+        return Format();
+    return PointerForm(pointer) + " to <not written>";
+}
+
 CallTrace::CallTrace(const char* name, TraceParams inputs) : function(name), active(Tools::Logger::IsActive())
 {
     if (!active)
@@ -110,7 +120,8 @@ void CallTrace::Finish(GC_ERROR result, TransportLayer* transportLayer, TracePar
         line += " \"" + ErrorTextFor(transportLayer) + "\"";
     Tools::Logger::Log(line);
     for (const TraceParam& p : outputs)
-        Tools::Logger::Log(std::string("  ") + function + ": Output Parameter " + p.name + " = " + p.Format());
+        Tools::Logger::Log(std::string("  ") + function + ": Output Parameter " + p.name + " = " +
+                           (result == GC_ERR_SUCCESS ? p.Format() : p.FormatUnwritten()));
 }
 
 } }

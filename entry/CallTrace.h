@@ -20,6 +20,8 @@ struct TraceParam {
     std::uint64_t value;
 
     std::string Format() const;
+    // The form of an output of a call that failed.
+    std::string FormatUnwritten() const;
 
     static TraceParam Int32(const char* n, std::int32_t v) { return {n, Kind::Int32, nullptr, static_cast<std::uint32_t>(v)}; }
     static TraceParam UInt32(const char* n, std::uint32_t v) { return {n, Kind::UInt32, nullptr, v}; }

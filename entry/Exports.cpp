@@ -349,9 +349,9 @@ GC_API DevGetDataStreamID(DEV_HANDLE hDevice, uint32_t iIndex, char* sDataStream
 
 GC_API DevOpenDataStream(DEV_HANDLE hDevice, const char* sDataStreamID, DS_HANDLE* phDataStream)
 {
-    return Exported("DevOpenDataStream", {TraceParam::Pointer("hDevice", hDevice)},
-                    {TraceParam::String("sDataStreamID", sDataStreamID),
-                     TraceParam::Handle("phDataStream", reinterpret_cast<void* const*>(phDataStream))},
+    return Exported("DevOpenDataStream",
+                    {TraceParam::Pointer("hDevice", hDevice), TraceParam::String("sDataStreamID", sDataStreamID)},
+                    {TraceParam::Handle("phDataStream", reinterpret_cast<void* const*>(phDataStream))},
                     [&](TL& tl) { return tl.DevOpenDataStream(hDevice, sDataStreamID, phDataStream); });
 }
 

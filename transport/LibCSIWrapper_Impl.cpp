@@ -98,6 +98,8 @@ std::int32_t LibCSIWrapper_Impl::Init()
     std::int32_t result = Call("libcsi_init", [] { return libcsi_init(); });
     if (result != 0)
         Library::MediaLogFormat("LibCSI init failed. Result=%d", result);
+    // Only a library that started is ended again.
+    const bool started = result == 0;
     result = Call("libcsi_register_report_callback",
                   [this] { return libcsi_register_report_callback(&LibCSIWrapper_Impl::OnReport, this); });
     if (result != 0)
@@ -109,7 +111,7 @@ std::int32_t LibCSIWrapper_Impl::Init()
     result = Call("libcsi_update_device_list", [] { return libcsi_update_device_list(); });
     if (result != 0)
         Library::MediaLogFormat("LibCSI update device list failed. Result=%d", result);
-    initialised = true;
+    initialised = started;
     return result;
 }
 

@@ -329,3 +329,18 @@ TEST_F(DeviceFamily, DeviceResetRestartsTheCameraWhichThenOpensAnew)
 }
 
 }
+
+namespace {
+
+TEST_F(DeviceFamily, TheTraceOfOpeningAStreamListsItsIDAsAnInput)
+{
+    DEV_HANDLE device = Open(DEVICE_ACCESS_CONTROL);
+    DS_HANDLE stream = nullptr;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevOpenDataStream)(device, "DEV_CAM-1_DS_0x0", &stream));
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevClose)(device));
+    const std::string log = ReadFile(producer.File("lorun.log"));
+    EXPECT_NE(std::string::npos, log.find("DevOpenDataStream: Input Parameter sDataStreamID")) << log.substr(0, 2000);
+    EXPECT_EQ(std::string::npos, log.find("DevOpenDataStream: Output Parameter sDataStreamID"));
+}
+
+}

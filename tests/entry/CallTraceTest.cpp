@@ -69,6 +69,27 @@ TEST_F(Trace, ValueForms)
         EXPECT_EQ("Nullpointer", p.Format());
 }
 
+TEST_F(Trace, AFailedCallsOutputsAreNotRead)
+{
+    // Memory the call never wrote: the trace names it without reading it.
+    std::int32_t neverWritten = 0x5A5A5A5A;
+    void* handle = reinterpret_cast<void*>(0x5A5A);
+    char text[1] = {'Z'}; // a buffer of zero usable bytes
+    size_t size = 0;
+    FakeTransportLayer tl;
+    CallTrace("F", {}).Finish(GC_ERR_BUFFER_TOO_SMALL, &tl,
+                              {TraceParam::Int32Ptr("piValue", &neverWritten), TraceParam::Handle("phHandle", &handle),
+                               TraceParam::String("pBuffer", text), TraceParam::Size("piSize", &size)});
+    const auto n = logger->lines.size();
+    ASSERT_GE(n, 4u);
+    EXPECT_NE(std::string::npos, logger->lines[n - 4].find("piValue = Pointer 0x"));
+    EXPECT_NE(std::string::npos, logger->lines[n - 4].find(" to <not written>"));
+    EXPECT_EQ(std::string::npos, logger->lines[n - 4].find("0x5A5A5A5A")) << logger->lines[n - 4];
+    EXPECT_NE(std::string::npos, logger->lines[n - 3].find(" to <not written>"));
+    EXPECT_NE(std::string::npos, logger->lines[n - 2].find(" to <not written>")) << "no byte of the buffer is read";
+    EXPECT_NE(std::string::npos, logger->lines[n - 1].find(" to UInt32 0 (0x00000000)")) << "a size is in and out";
+}
+
 TEST_F(Trace, LinesOfASuccessfulAndAFailingCall)
 {
     size_t size = 8;
