@@ -1,32 +1,18 @@
 #pragma once
 
 // An Aravis device whose memory reads and writes go where a test says, so
-// that Aravis' GenICam evaluator can run a document over our ports.
-#include <arv.h>
-
-#include <cstdint>
-#include <functional>
-
-namespace AravisTest {
-
-// Each returns false when the access failed.
-using MemoryAccess = std::function<bool(std::uint64_t address, std::uint32_t size, void* buffer)>;
-
-struct Memory {
-    MemoryAccess read;
-    MemoryAccess write;
-};
-
-// A device over `memory`; the caller unrefs it. One memory at a time: a new
-// device replaces the memory of the last.
-ArvDevice* NewDevice(Memory memory);
-
-}
-
+// that Aravis' GenICam evaluator can run a document over our ports. The
+// device itself is the consumer tool's.
+#include "tools/AravisPortDevice.h"
 
 namespace QEL { namespace Base { class Port; } }
 
 namespace AravisTest {
+
+using Memory = LorunTool::PortMemory;
+
+// A device over `memory`; the caller unrefs it.
+inline ArvDevice* NewDevice(Memory memory) { return LorunTool::NewPortDevice(std::move(memory)); }
 
 // A device whose memory is a module's port, as GCReadPort and GCWritePort
 // reach it; a failure is a failed access.

@@ -33,8 +33,11 @@ std::string DocumentOf(Base::Port& port)
 }
 
 // Reads every implemented, available, readable feature below Root; returns
-// the names read, and fails the test on any error.
-std::set<std::string> ReadAll(ArvGc* genicam)
+// the names read, and fails the test on any error. `outOfReach` names features
+// whose register is unavailable in the present state: GenApi takes a
+// feature's availability from its value register, Aravis does not, so their
+// failed reads are expected.
+std::set<std::string> ReadAll(ArvGc* genicam, const std::set<std::string>& outOfReach = {})
 {
     std::set<std::string> read;
     std::vector<std::string> pending{"Root"};
@@ -67,6 +70,10 @@ std::set<std::string> ReadAll(ArvGc* genicam)
         if (!available)
             continue;
         const char* value = arv_gc_feature_node_get_value_as_string(feature, &error);
+        if (error && outOfReach.count(name)) {
+            g_clear_error(&error);
+            continue;
+        }
         EXPECT_EQ(nullptr, error) << name << ": " << (error ? error->message : "");
         if (!error && value)
             read.insert(name);
@@ -93,14 +100,15 @@ protected:
         Os::Install(nullptr);
     }
 
-    std::set<std::string> Evaluate(Base::Port& port, const std::string& document)
+    std::set<std::string> Evaluate(Base::Port& port, const std::string& document,
+                                   const std::set<std::string>& outOfReach = {})
     {
         ArvDevice* aravis = AravisTest::DeviceOverPort(port);
         ArvGc* genicam = arv_gc_new(aravis, document.data(), document.size());
         EXPECT_NE(nullptr, genicam);
         std::set<std::string> read;
         if (genicam) {
-            read = ReadAll(genicam);
+            read = ReadAll(genicam, outOfReach);
             g_object_unref(genicam);
         }
         g_object_unref(aravis);
@@ -127,7 +135,9 @@ TEST_F(OpenedCamera, TheDataStreamDocumentReadsWhole)
 {
     auto stream = device->OpenDataStream(device->GetDataStreamID(0));
     const auto& xml = *settings->GetDataStreamXML()->GetData();
-    const auto read = Evaluate(*stream, std::string(xml.begin(), xml.end()));
+    // The manual size register is out of reach until the Manual mode is chosen.
+    const auto read = Evaluate(*stream, std::string(xml.begin(), xml.end()), {"ManualStreamPayloadSize"});
+    EXPECT_FALSE(read.count("ManualStreamPayloadSize"));
     for (const char* name : {"StreamID", "StreamType", "StreamIsGrabbing", "StatFrameDelivered", "StatFrameRate",
                              "StreamAnnouncedBufferCount", "StreamBufferHandlingMode", "StreamAnnounceBufferMinimum",
                              "MaxDriverBuffersCount", "StreamPayloadSizeMode", "StreamPayloadSizeAlignment",
