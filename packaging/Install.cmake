@@ -55,6 +55,7 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON) # the runtime dependencies, from the libraries the binaries link
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON) # libcsi's shlibs entry and the ldconfig trigger
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEB_COMPONENT_INSTALL OFF)
 include(CPack)

@@ -39,6 +39,11 @@ TEST_F(Acquisition, EveryPixelOfThreeHundredFramesInOwnAndAllocatedBuffers)
     EXPECT_EQ(0, wrongPixels);
 }
 
+TEST_F(Acquisition, EveryPixelOfThreeHundredFramesInMappedFramesThatTheProducerAllocated)
+{
+    StreamVerified(0, 4, 300); // libcsi's MMAP mode without a copy
+}
+
 TEST_F(Acquisition, StartAndStopRules)
 {
     EXPECT_EQ(GC_ERR_INVALID_PARAMETER, LORUN_FN(DSStartAcquisition)(stream, 1, GENTL_INFINITE));
