@@ -362,13 +362,16 @@ int32_t libcsi_close_device(device_handle_t* pDeviceHandle)
     if (SetDeviceMode(device, 0) != LIBCSI_OK)
         LIBCSI_LOG(TierWarning, " WARNING: Failed to reset device mode.\n");
     Os::Current().Close(device.m_nFileHandle);
-    std::lock_guard<std::mutex> lock(device.mutex);
-    std::lock_guard<std::mutex> frames(device.frameMutex);
-    device.m_nFileHandle = -1;
-    ClosePipe(device.m_nStopDequeueEvent);
-    ClearCameraState(device);
-    SetState(device, Closed);
+    {
+        std::lock_guard<std::mutex> lock(device.mutex);
+        std::lock_guard<std::mutex> frames(device.frameMutex);
+        device.m_nFileHandle = -1;
+        ClosePipe(device.m_nStopDequeueEvent);
+        ClearCameraState(device);
+        SetState(device, Closed);
+    }
     LIBCSI_LOG(TierTrace, " Successfully closed device.\n");
+    // The library's mutex comes before a device's everywhere: taken only once the device's are released.
     {
         std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
         if (auto library = CurrentLibrary())
