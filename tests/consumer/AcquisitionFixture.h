@@ -25,9 +25,13 @@ inline const std::string DefaultCamera = "width = 64\nheight = 16\npixel_format 
 class Acquisition : public ::testing::Test {
 protected:
     struct Setup {
-        std::string camera = DefaultCamera;  // keys of [camera0]
-        std::string system;                  // keys of [system]
-        std::string libcsiConfig;            // libcsi.cfg beside the producer, read at its first use
+        explicit Setup(std::string cameraKeys = DefaultCamera, std::string systemKeys = "", std::string config = "")
+            : camera(std::move(cameraKeys)), system(std::move(systemKeys)), libcsiConfig(std::move(config))
+        {
+        }
+        std::string camera;       // keys of [camera0]
+        std::string system;       // keys of [system]
+        std::string libcsiConfig; // libcsi.cfg beside the producer, read at its first use
     };
 
     Acquisition() : Acquisition(Setup{}) {}
