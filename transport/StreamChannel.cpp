@@ -441,13 +441,6 @@ void StreamChannel::RevokeBuffer(void* base)
 {
     SharedMutexGuard guard(GetMutex());
     blocks.erase(base);
-    // A stopped stream may have left frames queued in libcsi, which refuses to revoke those.
-    if (state == Idle) {
-        try {
-            handler->FlushBuffers();
-        } catch (...) {
-        }
-    }
     const std::int32_t result = handler->RevokeBuffer(base);
     if (result != 0)
         Tools::Logger::Log((boost::format("StreamChannel::RevokeBuffer: libcsi kept the frame (Reason: %1%).") % result)
@@ -504,15 +497,7 @@ void StreamChannel::OnNewBuffer()
     SharedMutexGuard guard(GetMutex());
     if (queue != bufferQueue)
         return;
-    try {
-        SubmitBuffers();
-    } catch (const Exception& e) {
-        Abort(e.GetMessage(), e.GetCode());
-    } catch (const System::Exception& e) {
-        Abort(e.GetMessage(), GC_ERR_ERROR);
-    } catch (...) {
-        Abort("Unknown error occurred while streaming.", GC_ERR_ERROR);
-    }
+    SubmitOrAbort();
 }
 
 void StreamChannel::OnFrameFinished(const std::weak_ptr<StreamDataBlock>& weakBlock, std::uint64_t madeInRound,
@@ -541,13 +526,7 @@ void StreamChannel::OnFrameFinished(const std::weak_ptr<StreamDataBlock>& weakBl
         // libcsi gave back a frame that is no longer this stream's (revoked, or
         // queued by a stream stopped before): the buffer is not ours to move, but
         // libcsi can take the buffers that waited for it now.
-        try {
-            SubmitBuffers();
-        } catch (const Exception& e) {
-            Abort(e.GetMessage(), e.GetCode());
-        } catch (...) {
-            Abort("Unknown error occurred while streaming.", GC_ERR_ERROR);
-        }
+        SubmitOrAbort();
         return;
     }
     try {
@@ -563,10 +542,18 @@ void StreamChannel::OnFrameFinished(const std::weak_ptr<StreamDataBlock>& weakBl
         queue->ReturnToInputQueue(block->buffer);
     } catch (...) {
     }
+    SubmitOrAbort();
+}
+
+// Buffers waiting in the input queue go to libcsi; a failure aborts the stream.
+void StreamChannel::SubmitOrAbort()
+{
     try {
         SubmitBuffers();
     } catch (const Exception& e) {
         Abort(e.GetMessage(), e.GetCode());
+    } catch (const System::Exception& e) {
+        Abort(e.GetMessage(), GC_ERR_ERROR);
     } catch (...) {
         Abort("Unknown error occurred while streaming.", GC_ERR_ERROR);
     }
@@ -717,6 +704,14 @@ bool StreamChannel::StopStreaming(System::TimePoint /*deadline*/)
             break;
         default:
             throw Exception("Invalid streaming state found.", GC_ERR_ERROR);
+        }
+    }
+    // libcsi keeps the frames it did not fill queued; their buffers went back to
+    // the input queue above, so libcsi lets them go too (a revoke needs that).
+    if (wasRunning) {
+        try {
+            handler->FlushBuffers();
+        } catch (...) {
         }
     }
     try {

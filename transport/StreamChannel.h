@@ -106,6 +106,7 @@ private:
     void RefreshIPU();
     std::shared_ptr<StreamDataBlock> BlockOf(const std::shared_ptr<Base::BasicBuffer>& buffer);
     void SubmitBuffers();
+    void SubmitOrAbort();
     void OnNewBuffer();
     void OnFrameFinished(const std::weak_ptr<StreamDataBlock>& block, std::uint64_t round,
                          const LibCSI::frame_info& frame);
