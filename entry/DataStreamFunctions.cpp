@@ -107,7 +107,9 @@ GC_ERROR BasicTransportLayer::DSGetParentDev(DS_HANDLE hDataStream, DEV_HANDLE* 
 {
     return RunBody("Could not get parent device.", [&] {
         Require(phDevice, "No device handle passed.");
-        HandOut(Locked<DataStream>(hDataStream)->GetParent(), phDevice, "Invalid device returned.");
+        // The child's lock ends before the parent's is taken: locks go from parent to child.
+        const auto parent = Locked<DataStream>(hDataStream)->GetParent();
+        HandOut(parent, phDevice, "Invalid device returned.");
     });
 }
 

@@ -167,7 +167,9 @@ GC_ERROR BasicTransportLayer::IFGetParentTL(IF_HANDLE hIface, TL_HANDLE* phSyste
 {
     return RunBody("Could not get parent TL.", [&] {
         Require(phSystem, "No system handle passed.");
-        HandOut(Locked<Interface>(hIface)->GetParent(), phSystem, "Invalid system returned.");
+        // The child's lock ends before the parent's is taken: locks go from parent to child.
+        const auto parent = Locked<Interface>(hIface)->GetParent();
+        HandOut(parent, phSystem, "Invalid system returned.");
     });
 }
 
@@ -225,7 +227,9 @@ GC_ERROR BasicTransportLayer::DevGetParentIF(DEV_HANDLE hDevice, IF_HANDLE* phIf
 {
     return RunBody("Could not get parent interface.", [&] {
         Require(phIface, "No interface handle passed.");
-        HandOut(Locked<Device>(hDevice)->GetParent(), phIface, "Invalid interface returned.");
+        // The child's lock ends before the parent's is taken: locks go from parent to child.
+        const auto parent = Locked<Device>(hDevice)->GetParent();
+        HandOut(parent, phIface, "Invalid interface returned.");
     });
 }
 

@@ -280,9 +280,9 @@ SystemDescription SystemDescription::Parse(const std::string& text, const std::s
                 throw KeyError(b.name, "guid", "[" + a.name + "] and [" + b.name + "] have one GUID '" + b.guid + "'");
             if (a.node == b.node)
                 throw KeyError(b.name, "node", "[" + a.name + "] and [" + b.name + "] are on one node '" + b.node + "'");
-            if (a.port == b.port && a.bus == b.bus && a.address == b.address)
-                throw KeyError(b.name, "address",
-                               "[" + a.name + "] and [" + b.name + "] have one port, bus and address");
+            // The I2C device is named by bus and address alone; a second one there would hide the first.
+            if (a.bus == b.bus && a.address == b.address)
+                throw KeyError(b.name, "address", "[" + a.name + "] and [" + b.name + "] have one bus and address");
         }
     d.control = Beside(origin, d.control);
     for (CameraDescription& camera : d.cameras)

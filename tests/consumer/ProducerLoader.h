@@ -85,6 +85,7 @@ public:
 
     std::string File(const std::string& name) const { return (folder / name).string(); }
     const std::string& Path() const { return path; }
+    void* Library() const { return handle; }
 
     GetInfoFn GCGetInfo = nullptr;
     GetLastErrorFn GCGetLastError = nullptr;

@@ -280,6 +280,7 @@ TEST(Description, BadValuesAndClashesAreRefusedWithTheirPlace)
         {"[camera0]\nguid = A\n[camera1]\nnode = video1\nport = 3\nguid = A\n", "line 6", "key 'guid'"},
         {"[camera0]\nwidth = 64\n[camera1]\nport = 3\n", "", "key 'node'"},
         {"[camera0]\nwidth = 64\n[camera1]\nnode = video1\n", "", "key 'address'"},
+        {"[camera0]\nwidth = 64\n[camera1]\nnode = video1\nport = 3\n", "", "key 'address'"},
         {"[camera0]\nnode = ../video0\n", "line 2", "key 'node'"},
         {"[system]\nboard = pi\n", "line 2", "key 'board'"},
         {"[camera0]\ncolour = red\n", "line 2", "key 'colour'"},
@@ -296,7 +297,7 @@ TEST(Description, BadValuesAndClashesAreRefusedWithTheirPlace)
             EXPECT_NE(std::string::npos, what.find(c.key)) << what;
         }
     }
-    std::ofstream(path) << "[camera0]\nwidth = 64\n[camera1]\nnode = video1\nport = 3\n";
+    std::ofstream(path) << "[camera0]\nwidth = 64\n[camera1]\nnode = video1\nport = 3\nbus = 3\n";
     const auto two = SystemDescription::FromFile(path);
     ASSERT_EQ(2u, two.cameras.size());
     EXPECT_EQ("VIRTUAL-CAMERA-0001", two.cameras[0].guid);
