@@ -7,7 +7,7 @@ packages=(
   libtinyxml-dev liburiparser-dev
   libgtest-dev googletest
   libaravis-dev libusb-1.0-0-dev libpng-dev libboost-program-options-dev tmux
-  clang-tidy
+  clang-tidy clang
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the dependencies, then builds and runs the whole suite twice: a
 # normal build, and one with AddressSanitizer and UndefinedBehaviorSanitizer;
-# clang-tidy runs in between.
+# clang-tidy runs in between, and every fuzz harness for a short while at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -16,3 +16,6 @@ scripts/build.sh build-asan address
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1:detect_stack_use_after_return=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 (cd build-asan && ctest --output-on-failure -j"$(nproc)" --timeout 600)
+
+# Each harness for a bounded time; scripts/fuzz.sh SECONDS runs them longer.
+LORUN_SKIP_DEPS=1 scripts/fuzz.sh 20
