@@ -244,6 +244,12 @@ void CameraFirmware::BuildMemory()
     addCommand(AcquisitionAbort, false);
 }
 
+void CameraFirmware::PowerCycle()
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    ResetState();
+}
+
 void CameraFirmware::ResetState()
 {
     std::fill(cci.begin(), cci.end(), 0);

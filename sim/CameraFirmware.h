@@ -59,6 +59,8 @@ public:
     const CameraDescription& GetDescription() const { return description; }
     void StartAcquisition();
     void StopAcquisition();
+    // As after power-on: mode, GenCP handshakes and answers, acquisition.
+    void PowerCycle();
     // Counts of GenCP commands served, for tests.
     std::uint64_t GetCommandCount();
     // Bytes that went over the control bus, addresses and data.

@@ -437,7 +437,11 @@ void VirtualSystem::SetIdentity(std::size_t camera, const std::string& name, con
 void VirtualSystem::SetAvailable(std::size_t camera, bool available)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    SetAttribute(cameras.at(camera)->availability, available ? "1\n" : "0\n");
+    Camera& target = *cameras.at(camera);
+    // A camera plugged in again starts from power-on, whatever it was doing when pulled.
+    if (available && target.availability->value != "1\n")
+        target.firmware->PowerCycle();
+    SetAttribute(target.availability, available ? "1\n" : "0\n");
 }
 
 void VirtualSystem::InjectFault(std::size_t camera, Fault fault, std::uint32_t count, std::uint64_t value)

@@ -312,13 +312,15 @@ bool LibCSIWrapper_Impl::IsOpen() const
 
 void LibCSIWrapper_Impl::SendControlCommand(ControlTransfer& transfer)
 {
-    if (!device)
-        Refuse("Error while sending control command. Invalid device handle %1%", device, GC_ERR_INVALID_HANDLE);
+    // Read once: CloseDevice may clear it meanwhile, and libcsi refuses a closed handle.
+    device_handle_t* const current = device;
+    if (!current)
+        Refuse("Error while sending control command. Invalid device handle %1%", current, GC_ERR_INVALID_HANDLE);
     if (!transfer.buffer)
         Refuse("Error while sending control command. Invalid buffer pointer %1%", transfer.buffer,
                GC_ERR_INVALID_PARAMETER);
     const std::int32_t result = Logged(
-        "libcsi_write_gencp", [&] { return libcsi_write_gencp(device, transfer.buffer, transfer.size, 1000); });
+        "libcsi_write_gencp", [&] { return libcsi_write_gencp(current, transfer.buffer, transfer.size, 1000); });
     if (result != 0) {
         transfer.status = TransferFailed;
         return;
@@ -331,14 +333,16 @@ void LibCSIWrapper_Impl::SendControlCommand(ControlTransfer& transfer)
 
 void LibCSIWrapper_Impl::ReadControlAnswer(ControlTransfer& transfer)
 {
-    if (!device)
-        Refuse("Error while reading control answer. Invalid device handle %1%", device, GC_ERR_INVALID_HANDLE);
+    // Read once: CloseDevice may clear it meanwhile, and libcsi refuses a closed handle.
+    device_handle_t* const current = device;
+    if (!current)
+        Refuse("Error while reading control answer. Invalid device handle %1%", current, GC_ERR_INVALID_HANDLE);
     if (!transfer.buffer)
         Refuse("Error while reading control answer. Invalid buffer pointer %1%", transfer.buffer,
                GC_ERR_INVALID_PARAMETER);
     std::uint64_t size = transfer.size;
     const std::int32_t result =
-        Logged("libcsi_read_gencp", [&] { return libcsi_read_gencp(device, transfer.buffer, &size, 1000); });
+        Logged("libcsi_read_gencp", [&] { return libcsi_read_gencp(current, transfer.buffer, &size, 1000); });
     transfer.bytesDone = static_cast<std::uint32_t>(size);
     if (result != 0) {
         transfer.status = TransferFailed;
@@ -351,10 +355,12 @@ void LibCSIWrapper_Impl::ReadControlAnswer(ControlTransfer& transfer)
 
 device_handle_t* LibCSIWrapper_Impl::RequireDevice(const char* operation)
 {
-    if (!device)
+    // Read once: CloseDevice may clear it meanwhile, and libcsi refuses a closed handle.
+    device_handle_t* const current = device;
+    if (!current)
         throw Base::Exception((boost::format("Invalid device handle passed to %1%.") % operation).str(),
                               GC_ERR_INVALID_HANDLE);
-    return device;
+    return current;
 }
 
 bool LibCSIWrapper_Impl::GetGenCPBufferSizes(std::uint32_t& in, std::uint32_t& out)
@@ -484,11 +490,13 @@ std::set<std::uint64_t> LibCSIWrapper_Impl::GetStatisticsCapability()
 
 std::uint32_t LibCSIWrapper_Impl::GetCCILinkSpeed()
 {
-    if (!device)
-        Refuse("Error while getting CCI link speed. Invalid device handle %1%", device, GC_ERR_INVALID_HANDLE);
+    // Read once: CloseDevice may clear it meanwhile, and libcsi refuses a closed handle.
+    device_handle_t* const current = device;
+    if (!current)
+        Refuse("Error while getting CCI link speed. Invalid device handle %1%", current, GC_ERR_INVALID_HANDLE);
     std::uint32_t speed = 0;
     const std::int32_t result =
-        Logged("libcsi_get_cci_link_speed", [&] { return libcsi_get_cci_link_speed(device, &speed); });
+        Logged("libcsi_get_cci_link_speed", [&] { return libcsi_get_cci_link_speed(current, &speed); });
     if (result != 0)
         RefuseResult("Error while getting link speed. Error %1%", result, GC_ERR_ERROR);
     return speed;
@@ -497,11 +505,13 @@ std::uint32_t LibCSIWrapper_Impl::GetCCILinkSpeed()
 // A fresh record at each call: the getters below each want the value of now.
 libcsi_stream_statistics_t LibCSIWrapper_Impl::ReadStatistics()
 {
-    if (!device)
-        Refuse("Error while getting stream statistics. Invalid device handle %1%", device, GC_ERR_INVALID_HANDLE);
+    // Read once: CloseDevice may clear it meanwhile, and libcsi refuses a closed handle.
+    device_handle_t* const current = device;
+    if (!current)
+        Refuse("Error while getting stream statistics. Invalid device handle %1%", current, GC_ERR_INVALID_HANDLE);
     libcsi_stream_statistics_t statistics{};
     const std::int32_t result =
-        Logged("libcsi_get_stream_statistics", [&] { return libcsi_get_stream_statistics(device, &statistics); });
+        Logged("libcsi_get_stream_statistics", [&] { return libcsi_get_stream_statistics(current, &statistics); });
     if (result != 0)
         RefuseResult("Error while getting stream statistics. Error %1%", result, GC_ERR_ERROR);
     return statistics;
@@ -519,22 +529,26 @@ double LibCSIWrapper_Impl::GetFrameRate() { return ReadStatistics().m_dFrameRate
 
 void LibCSIWrapper_Impl::ResetStatistics()
 {
-    if (!device)
-        Refuse("Error while resetting stream statistics. Invalid device handle %1%", device, GC_ERR_INVALID_HANDLE);
+    // Read once: CloseDevice may clear it meanwhile, and libcsi refuses a closed handle.
+    device_handle_t* const current = device;
+    if (!current)
+        Refuse("Error while resetting stream statistics. Invalid device handle %1%", current, GC_ERR_INVALID_HANDLE);
     const std::int32_t result =
-        Logged("libcsi_reset_stream_statistics", [&] { return libcsi_reset_stream_statistics(device); });
+        Logged("libcsi_reset_stream_statistics", [&] { return libcsi_reset_stream_statistics(current); });
     if (result != 0)
         RefuseResult("Error while resetting stream statistics. Error %1%", result, GC_ERR_ERROR);
 }
 
 bool LibCSIWrapper_Impl::ExtVersion(std::int32_t id, std::string& version)
 {
-    if (!device)
+    // Read once: CloseDevice may clear it meanwhile, and libcsi refuses a closed handle.
+    device_handle_t* const current = device;
+    if (!current)
         return false;
     std::int32_t type = 0;
     std::uint32_t packed = 0;
     std::uint64_t size = sizeof packed;
-    if (Logged("libcsi_get_ext_info", [&] { return libcsi_get_ext_info(device, id, &type, &packed, &size); }))
+    if (Logged("libcsi_get_ext_info", [&] { return libcsi_get_ext_info(current, id, &type, &packed, &size); }))
         return false;
     version = VersionText(packed);
     return true;
@@ -555,20 +569,24 @@ bool LibCSIWrapper_Impl::GetApiVersion(std::string& version)
 
 std::int32_t LibCSIWrapper_Impl::SetLinkSpeed(std::uint32_t)
 {
-    if (!device)
-        Refuse("Error while setting current link speed. Invalid device handle %1%", device, GC_ERR_INVALID_HANDLE);
+    // Read once: CloseDevice may clear it meanwhile, and libcsi refuses a closed handle.
+    device_handle_t* const current = device;
+    if (!current)
+        Refuse("Error while setting current link speed. Invalid device handle %1%", current, GC_ERR_INVALID_HANDLE);
     return 0;
 }
 
 frame_handle_t* LibCSIWrapper_Impl::AllocAndAnnounceFrame(std::uint32_t ipuX, std::uint32_t ipuY, FrameRecord* record)
 {
-    if (!device)
-        Refuse("Error while alloc and announcing frames. Invalid device handle %1%", device, GC_ERR_INVALID_HANDLE);
+    // Read once: CloseDevice may clear it meanwhile, and libcsi refuses a closed handle.
+    device_handle_t* const current = device;
+    if (!current)
+        Refuse("Error while alloc and announcing frames. Invalid device handle %1%", current, GC_ERR_INVALID_HANDLE);
     if (!record)
         Refuse("Error while alloc and announcing frames. Invalid frame pointer %1%", record, GC_ERR_INVALID_PARAMETER);
     frame_handle_t* handle = nullptr;
     if (Logged("libcsi_alloc_and_announce_frame",
-               [&] { return libcsi_alloc_and_announce_frame(device, ipuX, ipuY, &record->frame, &handle); }))
+               [&] { return libcsi_alloc_and_announce_frame(current, ipuX, ipuY, &record->frame, &handle); }))
         return nullptr;
     record->handle = handle;
     return handle;
@@ -576,13 +594,15 @@ frame_handle_t* LibCSIWrapper_Impl::AllocAndAnnounceFrame(std::uint32_t ipuX, st
 
 frame_handle_t* LibCSIWrapper_Impl::AnnounceFrame(std::uint32_t ipuX, std::uint32_t ipuY, FrameRecord* record)
 {
-    if (!device)
-        Refuse("Error while announcing frames. Invalid device handle %1%", device, GC_ERR_INVALID_HANDLE);
+    // Read once: CloseDevice may clear it meanwhile, and libcsi refuses a closed handle.
+    device_handle_t* const current = device;
+    if (!current)
+        Refuse("Error while announcing frames. Invalid device handle %1%", current, GC_ERR_INVALID_HANDLE);
     if (!record)
         Refuse("Error while announcing frames. Invalid frame pointer %1%", record, GC_ERR_INVALID_PARAMETER);
     frame_handle_t* handle = nullptr;
     if (Logged("libcsi_announce_frame",
-               [&] { return libcsi_announce_frame(device, ipuX, ipuY, &record->frame, &handle); }))
+               [&] { return libcsi_announce_frame(current, ipuX, ipuY, &record->frame, &handle); }))
         return nullptr;
     record->handle = handle;
     return handle;
@@ -600,26 +620,32 @@ void LibCSIWrapper_Impl::OnFrame(void* context, frame_handle_t*, lib_frame_trans
 
 std::int32_t LibCSIWrapper_Impl::QueueFrame(FrameRecord* record)
 {
-    if (!device)
-        Refuse("Error while queuing frames. Invalid device handle %1%", device, GC_ERR_INVALID_HANDLE);
+    // Read once: CloseDevice may clear it meanwhile, and libcsi refuses a closed handle.
+    device_handle_t* const current = device;
+    if (!current)
+        Refuse("Error while queuing frames. Invalid device handle %1%", current, GC_ERR_INVALID_HANDLE);
     if (!record)
         Refuse("Error while queuing frames. Invalid frame pointer %1%", record, GC_ERR_INVALID_PARAMETER);
     return Logged("libcsi_queue_frame",
-                  [&] { return libcsi_queue_frame(device, record->handle, &LibCSIWrapper_Impl::OnFrame, record); });
+                  [&] { return libcsi_queue_frame(current, record->handle, &LibCSIWrapper_Impl::OnFrame, record); });
 }
 
 std::int32_t LibCSIWrapper_Impl::FlushFrames()
 {
-    if (!device)
-        Refuse("Error while flushing transfers. Invalid device handle %1%", device, GC_ERR_INVALID_HANDLE);
-    return Logged("libcsi_flush_frames", [&] { return libcsi_flush_frames(device); });
+    // Read once: CloseDevice may clear it meanwhile, and libcsi refuses a closed handle.
+    device_handle_t* const current = device;
+    if (!current)
+        Refuse("Error while flushing transfers. Invalid device handle %1%", current, GC_ERR_INVALID_HANDLE);
+    return Logged("libcsi_flush_frames", [&] { return libcsi_flush_frames(current); });
 }
 
 std::int32_t LibCSIWrapper_Impl::RevokeFrame(frame_handle_t* frame)
 {
-    if (!device)
-        Refuse("Error while revoking transfers. Invalid device handle %1%", device, GC_ERR_INVALID_HANDLE);
-    return Logged("libcsi_revoke_frame", [&] { return libcsi_revoke_frame(device, frame); });
+    // Read once: CloseDevice may clear it meanwhile, and libcsi refuses a closed handle.
+    device_handle_t* const current = device;
+    if (!current)
+        Refuse("Error while revoking transfers. Invalid device handle %1%", current, GC_ERR_INVALID_HANDLE);
+    return Logged("libcsi_revoke_frame", [&] { return libcsi_revoke_frame(current, frame); });
 }
 
 std::int32_t LibCSIWrapper_Impl::StartStream(std::uint8_t parameters, lib_channel_transfer* transfer)

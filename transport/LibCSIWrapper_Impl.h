@@ -7,6 +7,7 @@
 
 #include "support/Signal.h"
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -111,7 +112,8 @@ private:
     std::int32_t deviceNumber = -1;
     bool controlChannelStarted = false;
     bool streamStarted = false;
-    device_handle_t* device = nullptr;
+    // Written under deviceMutex; read without it by calls that must not wait for a close.
+    std::atomic<device_handle_t*> device{nullptr};
     std::string deviceGuid;
     DiscoverySignal discoverySignal;
     bool initialised = false;

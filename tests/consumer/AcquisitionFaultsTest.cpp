@@ -251,6 +251,91 @@ TEST_F(ControlledAcquisition, BadGenCPAnswersDuringAcquisitionFailOneReadAndPass
     ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
 }
 
+// Faults of the control bus and of the driver while frames flow. A failed
+// exchange with the camera ends the register access with "Could not submit
+// transfer" at once; frames go on; once the fault is over, or the camera
+// has been plugged in again, registers answer and the camera streams again.
+TEST_F(ControlledAcquisition, BusAndDriverFaultsFailTheirCallAndTheCameraStreamsAgain)
+{
+    Start();
+    Grab(10);
+    PORT_HANDLE remote = nullptr;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevGetPort)(device, &remote));
+    auto readPort = LORUN_FN(GCReadPort);
+    std::pair<GC_ERROR, std::string> failure;
+    auto readWidth = [&] {
+        std::uint32_t width = 0;
+        size_t size = sizeof width;
+        const GC_ERROR result = readPort(remote, 0x10200010, &width, &size);
+        if (result != GC_ERR_SUCCESS)
+            failure = producer.LastError();
+        return result == GC_ERR_SUCCESS && width == 64;
+    };
+    const std::pair<GC_ERROR, std::string> notSubmitted{GC_ERR_ERROR,
+                                                        "Could not submit transfer (Reason: -536870897)."};
+    struct Case {
+        const char* fault;
+        const char* after; // what ends it: nothing, or a command
+    } cases[] = {
+        {"fault camera0 I2CReadFailure 1000000", "clear camera0"}, // the bus fails until it is mended
+        {"fault camera0 I2CWriteFailure 40", nullptr},            // a burst of failed writes
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.fault);
+        failure = {};
+        Command(c.fault);
+        EXPECT_TRUE(WaitFor([&] { return !readWidth(); })) << "the fault arrived";
+        EXPECT_EQ(notSubmitted, failure);
+        if (c.after)
+            Command(c.after);
+        EXPECT_TRUE(WaitFor([&] { return readWidth(); }, std::chrono::seconds(20))) << "reads pass once it is over";
+        Grab(10);
+    }
+
+    // A camera that takes a packet after the host stopped waiting (1.5 s), or
+    // never: the host never sets the handshake idle again, so every later
+    // exchange fails until the camera restarts (plugged in again here).
+    // Frames go on meanwhile; opened again, it streams.
+    for (const char* fault : {"fault camera0 HandshakeStuck 1 1500", "fault camera0 HandshakeStuck 1 0"}) {
+        SCOPED_TRACE(fault);
+        failure = {};
+        Command(fault);
+        EXPECT_TRUE(WaitFor([&] { return !readWidth(); }));
+        EXPECT_EQ(notSubmitted, failure);
+        std::this_thread::sleep_for(std::chrono::milliseconds(600)); // past the late take
+        EXPECT_FALSE(readWidth()) << "the handshake is left taken";
+        Grab(10);
+        EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+        EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevClose)(device));
+        Command("unplug camera0");
+        ASSERT_TRUE(WaitFor([&] { return AccessStatus() == DEVICE_ACCESS_STATUS_NOACCESS; }));
+        Command("replug camera0");
+        ASSERT_TRUE(WaitFor([&] { return AccessStatus() == DEVICE_ACCESS_STATUS_READWRITE; }));
+        OpenCamera();
+        ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevGetPort)(device, &remote));
+        Start();
+        Grab(10);
+        EXPECT_TRUE(readWidth()) << failure.second;
+    }
+
+    // A stream that will not stop: the stop gives up waiting for the driver
+    // after 200 ms and succeeds, and the camera can still be closed, opened
+    // again and stream. The lost frame shows that the commands,
+    // applied in order, have arrived.
+    Command("fault camera0 StreamOffHangs 1\nfault camera0 IncompleteFrame 1");
+    EXPECT_EQ(1u, MissingFrames(1));
+    const auto stopping = Clock::now();
+    EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT))
+        << producer.LastError().second;
+    EXPECT_GE(Clock::now() - stopping, std::chrono::milliseconds(190)) << "the stop waited for the driver in vain";
+    EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevClose)(device));
+    OpenCamera();
+    Start();
+    Grab(30);
+    EXPECT_EQ(0, wrongPixels);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+}
+
 TEST_F(Acquisition, CloseLibWithBuffersQueuedWhileAConsumerWaits)
 {
     AnnounceAndQueue(3, 2);
