@@ -2,9 +2,12 @@
 
 #include "base/GenTL.h"
 
+#include <chrono>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace QEL { namespace Base { class Exception; } }
@@ -24,6 +27,19 @@ Result Failure(F&& f)
         return {e.GetCode(), e.GetText()};
     }
     return {GC_ERR_SUCCESS, ""};
+}
+
+// Waits until `done` holds, looking every few milliseconds; false when it
+// still does not after `limit`, which is generous for slow and sanitized runs.
+inline bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(10))
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
 }
 
 inline std::string ReadFile(const std::string& path)

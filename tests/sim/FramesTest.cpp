@@ -1,6 +1,7 @@
 #include "SimHarness.h"
 
 #include "sim/PixelFormats.h"
+#include "tests/TestSupport.h"
 
 #include <sys/mman.h>
 
@@ -58,6 +59,15 @@ protected:
         buf.m.userptr = reinterpret_cast<unsigned long>(userptr);
         buf.length = static_cast<std::uint32_t>(length);
         return h.system->Ioctl(fd, VIDIOC_QBUF, &buf);
+    }
+
+    bool Readable(int timeoutMs = 2000)
+    {
+        fd_set readSet;
+        FD_ZERO(&readSet);
+        FD_SET(fd, &readSet);
+        timeval timeout{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+        return h.system->Select(fd + 1, &readSet, nullptr, nullptr, &timeout) == 1;
     }
 
     // Waits for the node to become readable, then dequeues.
@@ -178,8 +188,7 @@ TEST_F(Frames, StreamOffAndFlushReportTheirProgress)
     EXPECT_EQ(QEL_BUF_FLAG_UNUSED, buf.flags & 0xF0000000u);
 
     ASSERT_EQ(0, h.system->Ioctl(fd, VIDIOC_FLUSH_FRAMES, nullptr));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ("2\n", h.ReadAttribute("/sys/class/video4linux/video0/flush"));
+    EXPECT_TRUE(Eventually([&] { return h.ReadAttribute("/sys/class/video4linux/video0/flush") == "2\n"; }));
     qel_buffer_request request{0, 1, 1};
     EXPECT_EQ(0, h.system->Ioctl(fd, VIDIOC_MEM_FREE, &request));
 
@@ -280,7 +289,7 @@ TEST_F(Frames, InjectedFrameFaults)
 
     h.system->InjectFault(0, Fault::DQBUFError, 1, EINVAL);
     EXPECT_EQ(0, Queue(0));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_TRUE(Readable());
     buf = v4l2_buffer{};
     buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     buf.memory = V4L2_MEMORY_MMAP;
@@ -305,11 +314,12 @@ TEST(FrameRate, AFixedRateLosesFramesWithoutBuffers)
     ASSERT_EQ(0, h.system->Ioctl(fd, VIDIOC_S_FMT, &format));
     ASSERT_EQ(0, h.system->Ioctl(fd, VIDIOC_STREAMON_EX, nullptr));
     h.system->GetFirmware(1).StartAcquisition();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // 200 frames a second with no buffer queued.
+    EXPECT_TRUE(Eventually([&] { return h.system->GetFramesLost(1) > 5u; }));
     h.system->GetFirmware(1).StopAcquisition();
     std::uint32_t timeout = 0;
     ASSERT_EQ(0, h.system->Ioctl(fd, VIDIOC_STREAMOFF_EX, &timeout));
-    EXPECT_GT(h.system->GetFramesLost(1), 5u) << "200 frames a second with no buffer queued";
+    EXPECT_GT(h.system->GetFramesLost(1), 5u);
     EXPECT_EQ(0u, h.system->GetFramesSent(1));
 }
 

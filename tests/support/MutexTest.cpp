@@ -139,12 +139,21 @@ TEST(MutexGuard, RebindingReleasesTheOldMutexAndRefusesNulls)
     EXPECT_FALSE(a.IsHeldByCurrentThread());
     EXPECT_TRUE(b.IsHeldByCurrentThread());
 
-    std::thread([&] { a.Lock(); std::this_thread::sleep_for(50ms); a.Unlock(); }).detach();
+    std::atomic<bool> release{false};
+    std::thread holder([&] {
+        a.Lock();
+        while (!release)
+            std::this_thread::yield();
+        a.Unlock();
+    });
     while (!LockedElsewhere(a))
         std::this_thread::yield();
     EXPECT_FALSE(guard.TimedLock(&a, System::Clock::now() + 1ms));
     EXPECT_FALSE(b.IsHeldByCurrentThread()) << "a failed rebind leaves the guard empty";
+    release = true;
     EXPECT_TRUE(guard.TimedLock(&a, System::Clock::now() + 5s));
+    guard.Release();
+    holder.join();
 }
 
 TEST(SharedMutexGuard, ReleasesSafelyAfterTheOwnerDied)

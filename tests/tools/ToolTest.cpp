@@ -11,6 +11,7 @@
 
 #include <boost/filesystem.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -99,6 +100,17 @@ protected:
         return result;
     }
     void Control(const std::string& line) const { std::ofstream(File("control.txt"), std::ios::app) << line << "\n"; }
+    // Waits until the started tool has written `text` to its standard output.
+    bool AwaitOutput(const std::string& text) const
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (ReadAll(File("out.txt")).find(text) == std::string::npos) {
+            if (std::chrono::steady_clock::now() > deadline)
+                return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return true;
+    }
 
     fs::path folder;
     std::string gentlPath = fs::path(LORUN_CTI_PATH).parent_path().string();
@@ -257,7 +269,7 @@ TEST_F(Tool, GrabSavesImagesThatDecodeToTheCamerasPattern)
             for (std::uint32_t y = 0; y < 8; ++y)
                 for (std::uint32_t x = 0; x < 32; ++x)
                     for (std::uint32_t s = 0; s < pixel.samples; ++s)
-                        wrong += (png.samples[(y * 32 + x) * pixel.samples + s] >> shift) !=
+                        wrong += static_cast<std::uint32_t>(png.samples[(y * 32 + x) * pixel.samples + s] >> shift) !=
                                  QEL::Sim::PatternSample(x, y, s, frame, pixel, 0);
             EXPECT_EQ(0, wrong) << name;
         }
@@ -270,7 +282,7 @@ TEST_F(Tool, GrabSavesImagesThatDecodeToTheCamerasPattern)
 TEST_F(Tool, ProgressLinesInAPipeAndACameraPulledOutDuringGrab)
 {
     const pid_t grab = Start("grab -t 30");
-    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    EXPECT_TRUE(AwaitOutput("frames ")) << "a progress line";
     Control("unplug camera0");
     const Result r = Wait(grab);
     EXPECT_EQ(1, r.code) << r.out;
@@ -283,7 +295,7 @@ TEST_F(Tool, ProgressLinesInAPipeAndACameraPulledOutDuringGrab)
 TEST_F(Tool, CtrlCStopsCleanlyWithASummary)
 {
     const pid_t grab = Start("grab -t 60");
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    EXPECT_TRUE(AwaitOutput("frames ")) << "grabbing";
     ::kill(grab, SIGINT);
     const auto before = std::chrono::steady_clock::now();
     const Result r = Wait(grab);
@@ -295,14 +307,14 @@ TEST_F(Tool, CtrlCStopsCleanlyWithASummary)
 
 TEST_F(Tool, EventsShowACameraThatComesAndGoes)
 {
-    const pid_t events = Start("events -m interface -t 4");
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    const pid_t events = Start("events -m interface -t 6");
+    EXPECT_TRUE(AwaitOutput("Watching"));
     Control("unplug camera0");
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_TRUE(AwaitOutput("device list change")) << "the camera gone";
     Control("replug camera0");
     const Result r = Wait(events);
     EXPECT_EQ(0, r.code) << r.err;
-    EXPECT_NE(std::string::npos, r.out.find("device list change")) << r.out;
+    EXPECT_GE(std::count(r.out.begin(), r.out.end(), '\n'), 3) << "and back: " << r.out;
 }
 
 }
