@@ -41,22 +41,34 @@ struct Worker {
     std::atomic<bool> finished{false};
 };
 
-// Streams frames on a camera as a consumer would after all that.
-void ExpectUsable(const GenTLFunctions& gentl)
-{
-    ASSERT_EQ(GC_ERR_SUCCESS, gentl.GCInitLib());
+struct OpenCamera {
     TL_HANDLE tl = nullptr;
     IF_HANDLE iface = nullptr;
     DEV_HANDLE device = nullptr;
     DS_HANDLE stream = nullptr;
-    EVENT_HANDLE newBuffer = nullptr;
+};
+
+// The first virtual camera and its stream, opened as a consumer opens them.
+void Open(const GenTLFunctions& gentl, OpenCamera& camera)
+{
     bool8_t changed = 0;
-    ASSERT_EQ(GC_ERR_SUCCESS, gentl.TLOpen(&tl));
-    ASSERT_EQ(GC_ERR_SUCCESS, gentl.TLUpdateInterfaceList(tl, &changed, 100));
-    ASSERT_EQ(GC_ERR_SUCCESS, gentl.TLOpenInterface(tl, "LorunCSIInterface_0x0", &iface));
-    ASSERT_EQ(GC_ERR_SUCCESS, gentl.IFUpdateDeviceList(iface, &changed, 100));
-    ASSERT_EQ(GC_ERR_SUCCESS, gentl.IFOpenDevice(iface, "DEV_VIRTUAL-CAMERA-0001", DEVICE_ACCESS_CONTROL, &device));
-    ASSERT_EQ(GC_ERR_SUCCESS, gentl.DevOpenDataStream(device, "DEV_VIRTUAL-CAMERA-0001_DS_0x0", &stream));
+    ASSERT_EQ(GC_ERR_SUCCESS, gentl.TLOpen(&camera.tl));
+    ASSERT_EQ(GC_ERR_SUCCESS, gentl.TLUpdateInterfaceList(camera.tl, &changed, 100));
+    ASSERT_EQ(GC_ERR_SUCCESS, gentl.TLOpenInterface(camera.tl, "LorunCSIInterface_0x0", &camera.iface));
+    ASSERT_EQ(GC_ERR_SUCCESS, gentl.IFUpdateDeviceList(camera.iface, &changed, 100));
+    ASSERT_EQ(GC_ERR_SUCCESS,
+              gentl.IFOpenDevice(camera.iface, "DEV_VIRTUAL-CAMERA-0001", DEVICE_ACCESS_CONTROL, &camera.device));
+    ASSERT_EQ(GC_ERR_SUCCESS, gentl.DevOpenDataStream(camera.device, "DEV_VIRTUAL-CAMERA-0001_DS_0x0", &camera.stream));
+}
+
+// Streams frames on a camera as a consumer would after all that.
+void ExpectUsable(const GenTLFunctions& gentl)
+{
+    ASSERT_EQ(GC_ERR_SUCCESS, gentl.GCInitLib());
+    OpenCamera camera;
+    Open(gentl, camera);
+    DS_HANDLE stream = camera.stream;
+    EVENT_HANDLE newBuffer = nullptr;
     size_t payload = 0, size = sizeof payload;
     INFO_DATATYPE type = 0;
     ASSERT_EQ(GC_ERR_SUCCESS, gentl.DSGetInfo(stream, STREAM_INFO_PAYLOAD_SIZE, &type, &payload, &size));
@@ -94,16 +106,12 @@ TEST(Stress, ParentQueriesBesideOpensOfChildrenNeverDeadlock)
     setenv("LORUN_VIRTUAL_CAMERA", producer.File("cameras.ini").c_str(), 1);
     const GenTLFunctions gentl = GenTLFunctions::FromLibrary(producer.Library());
     ASSERT_EQ(GC_ERR_SUCCESS, gentl.GCInitLib());
-    TL_HANDLE tl = nullptr;
-    IF_HANDLE iface = nullptr;
-    DEV_HANDLE device = nullptr;
-    DS_HANDLE stream = nullptr;
-    bool8_t changed = 0;
-    ASSERT_EQ(GC_ERR_SUCCESS, gentl.TLOpen(&tl));
-    ASSERT_EQ(GC_ERR_SUCCESS, gentl.TLOpenInterface(tl, "LorunCSIInterface_0x0", &iface));
-    ASSERT_EQ(GC_ERR_SUCCESS, gentl.IFUpdateDeviceList(iface, &changed, 100));
-    ASSERT_EQ(GC_ERR_SUCCESS, gentl.IFOpenDevice(iface, "DEV_VIRTUAL-CAMERA-0001", DEVICE_ACCESS_CONTROL, &device));
-    ASSERT_EQ(GC_ERR_SUCCESS, gentl.DevOpenDataStream(device, "DEV_VIRTUAL-CAMERA-0001_DS_0x0", &stream));
+    OpenCamera camera;
+    Open(gentl, camera);
+    TL_HANDLE tl = camera.tl;
+    IF_HANDLE iface = camera.iface;
+    DEV_HANDLE device = camera.device;
+    DS_HANDLE stream = camera.stream;
 
     constexpr int Rounds = 20000;
     std::atomic<int> done{0};
