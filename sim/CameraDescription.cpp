@@ -144,6 +144,7 @@ CameraDescription ReadCamera(const Tree& section, const std::string& name)
            {"bus_timing", Into(c.busTiming)},
            {"leader_trailer", Into(c.leaderTrailer)},
            {"chunk_data", Into(c.chunkData)},
+           {"prepared_frames", Into(c.preparedFrames)},
            {"manifest_entries", Into(c.manifestEntries)},
            {"document", Into(c.documentFile)},
            {"layout_version", Into(c.layoutVersion)},

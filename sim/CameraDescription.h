@@ -32,6 +32,10 @@ struct CameraDescription {
     bool busTiming = true;            // register traffic costs what it would on the bus
     bool leaderTrailer = true;        // false: frames are the bare payload, the host emulates leader and trailer
     bool chunkData = false;           // frames of payload type 0x4001: the image and a frame counter as chunks
+    // true: each buffer gets the image once (the first frame's pattern) and
+    // then only its leader, trailer and chunk counter per frame, so the driver
+    // costs next to nothing per frame, as a DMA engine would; for benchmarks.
+    bool preparedFrames = false;
     std::uint32_t manifestEntries = 1; // 1 to MaxManifestEntries copies of the document, file versions 1.0.0, 1.0.1, ...
     std::string documentFile;         // the camera's GenApi document from this file, in place of the built-in one
     std::string document;             // its contents, read with the description

@@ -525,9 +525,11 @@ bool CameraFirmware::RenderFrame(std::uint8_t* buffer, std::size_t size, std::ui
         leader.offset_y = g.offsetY;
         std::memcpy(frame, &leader, sizeof leader);
     }
-    RenderPattern(frame + leaderSize, g.width, g.height, *g.format, blockID, g.pattern);
     std::uint8_t* const payload = frame + leaderSize;
-    std::memset(payload + g.imageBytes, 0, g.payloadSize - g.imageBytes);
+    if (!description.preparedFrames || frame != buffer || !ImagePrepared(frame, g)) {
+        RenderPattern(payload, g.width, g.height, *g.format, description.preparedFrames ? 0 : blockID, g.pattern);
+        std::memset(payload + g.imageBytes, 0, g.payloadSize - g.imageBytes);
+    }
     if (description.chunkData) {
         const std::uint64_t imageChunk = g.payloadSize - ChunkTrailerSize - FrameIDChunkSize - ChunkTrailerSize;
         auto putWord = [payload](std::uint64_t at, std::uint32_t word) { std::memcpy(payload + at, &word, 4); };
@@ -553,6 +555,24 @@ bool CameraFirmware::RenderFrame(std::uint8_t* buffer, std::size_t size, std::ui
         return false;
     }
     return true;
+}
+
+bool CameraFirmware::ImagePrepared(const std::uint8_t* frame, const FrameGeometry& g)
+{
+    const std::uint64_t geometry = (std::uint64_t{g.width} << 40) ^ (std::uint64_t{g.height} << 20) ^ g.payloadSize ^
+                                   (std::uint64_t{g.format->pfnc} << 8);
+    std::lock_guard<std::mutex> lock(preparedMutex);
+    if (geometry != preparedGeometry) {
+        preparedBuffers.clear();
+        preparedGeometry = geometry;
+    }
+    return !preparedBuffers.insert(frame).second;
+}
+
+void CameraFirmware::ForgetPreparedBuffers()
+{
+    std::lock_guard<std::mutex> lock(preparedMutex);
+    preparedBuffers.clear();
 }
 
 std::uint64_t CameraFirmware::LeaderSize() const { return description.leaderTrailer ? MaxLeaderSize : 0; }

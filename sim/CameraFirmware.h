@@ -11,6 +11,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <set>
 #include <vector>
 
 namespace QEL { namespace Sim {
@@ -47,6 +48,8 @@ public:
     // Writes leader, payload and trailer into `buffer` of `size` bytes; false
     // when the frame did not fit (the buffer then holds what did).
     bool RenderFrame(std::uint8_t* buffer, std::size_t size, std::uint64_t blockID, std::uint64_t timestamp);
+    // With prepared frames: buffers may have been given other memory; their images are drawn anew.
+    void ForgetPreparedBuffers();
     // What the camera sends round each payload: 52 and 32 bytes, or nothing.
     std::uint64_t LeaderSize() const;
     std::uint64_t TrailerSize() const;
@@ -73,6 +76,8 @@ private:
     };
 
     FrameGeometry ComputeGeometry();
+    // True when `frame` already holds the image of geometry `g`; remembers it otherwise.
+    bool ImagePrepared(const std::uint8_t* frame, const FrameGeometry& g);
     void BuildMemory();
     void ResetState();
     // Brings time-driven state up to date: mode switches, taken packets, answers.
@@ -103,6 +108,10 @@ private:
     std::uint64_t commands = 0;
     std::map<std::uint32_t, std::uint32_t> asic;
     std::atomic<std::uint64_t> busBytes{0};
+    // Prepared frames: the buffers that hold the image of `preparedGeometry`.
+    std::mutex preparedMutex;
+    std::set<const std::uint8_t*> preparedBuffers;
+    std::uint64_t preparedGeometry = 0;
 };
 
 std::uint32_t GenCPCrc32(const std::uint8_t* data, std::size_t size);

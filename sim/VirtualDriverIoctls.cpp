@@ -171,6 +171,7 @@ int VirtualSystem::NodeIoctl(Camera& camera, unsigned long request, void* argume
     case VIDIOC_STREAMON_EX:
         if (camera.streaming || camera.frameSize == 0)
             return Fail(EINVAL);
+        camera.firmware->ForgetPreparedBuffers();
         StartStreaming(camera);
         return 0;
     case VIDIOC_STREAMSTAT: {

@@ -14,6 +14,8 @@ namespace {
 
 class Frames : public ::testing::Test {
 protected:
+    explicit Frames(const char* description = kTwoCameras) : h(description) {}
+
     void SetUp() override
     {
         fd = h.OpenNode();
@@ -297,6 +299,47 @@ TEST_F(Frames, InjectedFrameFaults)
     EXPECT_EQ(EINVAL, errno);
     EXPECT_EQ(0, h.system->Ioctl(fd, VIDIOC_DQBUF, &buf)) << "the frame stays in the driver";
     h.system->GetFirmware(0).StopAcquisition();
+    std::uint32_t timeout = 0;
+    ASSERT_EQ(0, h.system->Ioctl(fd, VIDIOC_STREAMOFF_EX, &timeout));
+}
+
+class PreparedFrames : public Frames {
+protected:
+    PreparedFrames()
+        : Frames("[camera0]\nwidth = 64\nheight = 16\nframe_rate = 0\nbus_timing = 0\nprepared_frames = 1\n")
+    {
+    }
+};
+
+// The image is drawn into each buffer once; after that a frame costs the
+// driver its leader and trailer only, which still carry each frame's block ID.
+TEST_F(PreparedFrames, EachBufferGetsItsImageOnceThenOnlyLeaderAndTrailer)
+{
+    const std::size_t size = SetFormat();
+    std::uint8_t* memory[2] = {AllocateMapped(0, size), AllocateMapped(1, size)};
+    ASSERT_EQ(0, Queue(0));
+    ASSERT_EQ(0, Queue(1));
+    ASSERT_EQ(0, h.system->Ioctl(fd, VIDIOC_STREAMON_EX, nullptr));
+    h.system->GetFirmware(0).WriteValue(AcquisitionStart, 1);
+    const std::size_t leaderSize = MaxLeaderSize;
+    const std::uint64_t payloadSize = h.system->GetFirmware(0).Geometry().payloadSize;
+    v4l2_buffer buf{};
+    for (std::uint64_t block = 1; block <= 6; ++block) {
+        ASSERT_TRUE(Dequeue(buf)) << block;
+        const std::uint8_t* frame = memory[buf.index];
+        qel_frame_leader leader;
+        std::memcpy(&leader, frame, sizeof leader);
+        qel_frame_trailer trailer;
+        std::memcpy(&trailer, frame + leaderSize + payloadSize, sizeof trailer);
+        EXPECT_EQ(block, leader.block_id);
+        EXPECT_EQ(block, trailer.block_id);
+        if (block <= 2)
+            memory[buf.index][leaderSize] = 0xAB; // a mark in the image, left alone by later frames
+        else
+            EXPECT_EQ(0xAB, frame[leaderSize]) << "frame " << block << " drew the image again";
+        ASSERT_EQ(0, Queue(buf.index));
+    }
+    h.system->GetFirmware(0).WriteValue(AcquisitionStop, 1);
     std::uint32_t timeout = 0;
     ASSERT_EQ(0, h.system->Ioctl(fd, VIDIOC_STREAMOFF_EX, &timeout));
 }
