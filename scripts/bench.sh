@@ -1,8 +1,30 @@
 #!/usr/bin/env bash
-# Builds optimised and prints the benchmark tables.
+# Builds optimised, prints the benchmark tables and writes them, with the
+# machine they ran on, to bench/results.md. Give the machine to the benchmark:
+# other load shows in every figure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh
+[ -n "${LORUN_SKIP_DEPS:-}" ] || scripts/install-deps.sh
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DLORUN_SANITIZE= >/dev/null
-cmake --build build-bench -j"$(nproc)" --target libcsi_bench
-build-bench/bench/libcsi_bench
+cmake --build build-bench -j"$(nproc)" --target libcsi_bench producer_bench >/dev/null
+{
+  echo "# Benchmark results"
+  echo
+  echo "Measured $(date -u '+%Y-%m-%d %H:%M UTC') by \`bash scripts/bench.sh\`."
+  echo
+  echo "| machine | |"
+  echo "|---|---|"
+  echo "| CPU | $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | sed 's/^ *//') |"
+  echo "| cores | $(nproc) |"
+  echo "| memory | $(awk '/MemTotal/ {printf "%.1f GiB", $2 / 1048576}' /proc/meminfo) |"
+  echo "| kernel | $(uname -r) |"
+  echo "| compiler | $(c++ --version | head -1) |"
+  echo "| build type | Release |"
+  echo
+  echo "## Frames"
+  echo
+  build-bench/bench/libcsi_bench
+  echo "## Calls, events, registers, cameras"
+  echo
+  build-bench/bench/producer_bench
+} | tee bench/results.md
