@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Object.h"
+#include "base/StaticTls.h"
 
 #include <atomic>
 #include <cstdint>
@@ -62,7 +63,7 @@ private:
 
     static Map* Slots(bool create)
     {
-        thread_local Cleanup cleanup;
+        LORUN_STATIC_TLS thread_local Cleanup cleanup;
         if (!slots && create) {
             (void)&cleanup; // registers the cleanup with this thread
             slots = new Map;
@@ -70,12 +71,12 @@ private:
         return slots;
     }
 
-    static thread_local Map* slots;
+    LORUN_STATIC_TLS static thread_local Map* slots;
 
     const std::uint64_t serial;
 };
 
 template <class E>
-thread_local typename ErrorHandler<E>::Map* ErrorHandler<E>::slots = nullptr;
+LORUN_STATIC_TLS thread_local typename ErrorHandler<E>::Map* ErrorHandler<E>::slots = nullptr;
 
 } }

@@ -1,5 +1,6 @@
 #include "sim/VirtualSystem.h"
 
+#include "base/StaticTls.h"
 #include "libcsi/include/libcsi/qel_csi2_driver.h"
 #include "sim/CameraMap.h"
 #include "sim/ControlFile.h"
@@ -52,7 +53,7 @@ struct ThreadWaiter {
 
 ThreadWaiter& Waiter()
 {
-    thread_local ThreadWaiter waiter;
+    LORUN_STATIC_TLS thread_local ThreadWaiter waiter;
     return waiter;
 }
 
