@@ -10,6 +10,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <sys/resource.h>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -32,6 +36,44 @@ inline std::uint64_t SteadyNanoseconds()
     return static_cast<std::uint64_t>(
         std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
             .count());
+}
+
+// Voluntary and involuntary context switches of the whole process so far.
+inline double ContextSwitches()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_nvcsw + usage.ru_nivcsw);
+}
+
+// CPU microseconds of one hand-off between two threads on this machine: a
+// notify on a condition variable that wakes a thread blocked on it, which
+// answers the same way. Each frame crosses threads a few times; this is the
+// price of each crossing.
+inline double HandOffMicroseconds(int handOffs)
+{
+    std::mutex mutex;
+    std::condition_variable changed;
+    int turn = 0; // even: the first thread's turn
+    const double start = CpuSeconds();
+    std::thread other([&] {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (int n = 1; n < handOffs; n += 2) {
+            changed.wait(lock, [&] { return turn == n; });
+            ++turn;
+            changed.notify_one();
+        }
+    });
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (int n = 0; n < handOffs; n += 2) {
+            changed.wait(lock, [&] { return turn == n; });
+            ++turn;
+            changed.notify_one();
+        }
+    }
+    other.join();
+    return (CpuSeconds() - start) * 1e6 / handOffs;
 }
 
 // The value at `fraction` (0.5 the median) of `values`.

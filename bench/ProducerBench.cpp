@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <execinfo.h>
 #include <fstream>
 #include <memory>
 #include <new>
@@ -23,14 +24,33 @@
 using namespace QEL;
 using namespace QEL::Bench;
 
+// This program replaces the global allocator: every new below ends in malloc
+// and every delete in free, which the compiler cannot see through.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
 // Heap allocations of the calling thread, counted by the global allocator.
+// LORUN_BENCH_ALLOCATION_SITES=1 prints the stack of every allocation made
+// inside a measured call (addresses for addr2line), to find where they come from.
 namespace {
 thread_local std::uint64_t allocations = 0;
+thread_local bool showSites = false;
+
+void ShowSite()
+{
+    showSites = false; // backtrace itself may allocate once
+    void* frames[24];
+    const int depth = backtrace(frames, 24);
+    std::fprintf(stderr, "allocation:\n");
+    backtrace_symbols_fd(frames, depth, 2);
+    showSites = true;
+}
 }
 
 void* operator new(std::size_t size)
 {
     ++allocations;
+    if (showSites)
+        ShowSite();
     if (void* memory = std::malloc(size ? size : 1))
         return memory;
     throw std::bad_alloc();
@@ -194,9 +214,12 @@ struct CallCost {
 template <class F>
 void Measure(CallCost& cost, F&& call)
 {
+    static const bool sites = std::getenv("LORUN_BENCH_ALLOCATION_SITES") != nullptr;
     const std::uint64_t before = allocations;
     const std::uint64_t start = SteadyNanoseconds();
+    showSites = sites;
     call();
+    showSites = false;
     const std::uint64_t end = SteadyNanoseconds();
     cost.allocations += allocations - before;
     cost.nanoseconds.push_back(static_cast<double>(end - start));
@@ -348,7 +371,7 @@ void OpeningCamera(const std::string& folder, const boost::filesystem::path& cac
     const int rounds = Tiny() ? 1 : 5;
     std::vector<std::vector<std::string>> rows;
     const std::string own = Board("[system]\n" + Camera(0, "")).system->GetFirmware(0).GetXML();
-    for (const std::size_t padTo : {std::size_t{0}, std::size_t{Tiny() ? 16384 : 262144}}) {
+    for (const std::size_t padTo : {std::size_t{0}, static_cast<std::size_t>(Tiny() ? 16384 : 262144)}) {
         std::string keys = "bus_speed = 400000\nbus_timing = 1\nwidth = 640\nheight = 480\n";
         if (padTo) {
             const std::string path = folder + "/document.xml";

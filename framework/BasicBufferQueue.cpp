@@ -357,6 +357,8 @@ BasicBufferQueue::BufferPtr BasicBufferQueue::AddBuffer(BufferPtr buffer)
     }
     announced.push_back(buffer);
     try {
+        // One spare node per buffer at most: keeping them never allocates later.
+        spareSetNodes.reserve(announced.size());
         deliveredPool.insert(buffer);
     } catch (...) {
         announced.pop_back();
@@ -388,9 +390,9 @@ void BasicBufferQueue::QueueBuffer(const std::shared_ptr<Buffer>& buffer)
     BufferPtr internal = CheckBuffer(buffer);
     SharedMutexGuard guard(internal->GetMutex());
     internal->CheckAvailable();
-    if (deliveredPool.erase(internal) == 0)
+    if (!Leave(deliveredPool, internal))
         NotInDeliveredPool();
-    inputQueue.push_back(internal);
+    EnterInput(internal, false);
     if (internal->state == Delivered)
         internal->newData = false;
     internal->SetState(Queued);
@@ -558,7 +560,7 @@ void BasicBufferQueue::GetData(void* data, std::size_t* size)
     }
     if (size)
         *size = sizeof(BufferData);
-    deliveredPool.insert(buffer);
+    Enter(deliveredPool, buffer);
     outputQueue.pop_front();
     buffer->SetState(Delivered);
     ++deliveredCount;
@@ -569,8 +571,8 @@ BasicBufferQueue::BufferPtr BasicBufferQueue::TakeFromInputQueue()
     if (inputQueue.empty())
         return nullptr;
     BufferPtr buffer = inputQueue.front();
-    usedPool.insert(buffer);
-    inputQueue.pop_front();
+    Enter(usedPool, buffer);
+    LeaveInputFront();
     ++usedCount;
     return buffer;
 }
@@ -580,8 +582,8 @@ void BasicBufferQueue::ReturnToInputQueue(const std::shared_ptr<Buffer>& buffer)
     BufferPtr internal = CheckBuffer(buffer);
     if (usedPool.count(internal) == 0)
         throw Exception("Buffer is not in the used buffers pool.", GC_ERR_INVALID_PARAMETER);
-    inputQueue.push_front(internal);
-    usedPool.erase(internal);
+    EnterInput(internal, true);
+    Leave(usedPool, internal);
     --usedCount;
 }
 
@@ -595,7 +597,7 @@ void BasicBufferQueue::BeginAcquisition(const std::shared_ptr<Buffer>& buffer)
     SharedMutexGuard guard(internal->GetMutex());
     internal->SetState(Acquiring);
     acquisitionBuffer = internal;
-    usedPool.erase(internal);
+    Leave(usedPool, internal);
     --usedCount;
 }
 
@@ -612,6 +614,52 @@ void BasicBufferQueue::FinishAcquisition(const std::shared_ptr<Buffer>& buffer)
     acquisitionBuffer.reset();
     ++finishedCount;
     Fire(dataSignal);
+}
+
+void BasicBufferQueue::Enter(std::set<BufferPtr>& pool, const BufferPtr& buffer)
+{
+    if (spareSetNodes.empty()) {
+        pool.insert(buffer);
+        return;
+    }
+    auto node = std::move(spareSetNodes.back());
+    spareSetNodes.pop_back();
+    node.value() = buffer;
+    auto result = pool.insert(std::move(node));
+    if (!result.inserted) { // already there: the node stays spare
+        result.node.value().reset();
+        spareSetNodes.push_back(std::move(result.node));
+    }
+}
+
+bool BasicBufferQueue::Leave(std::set<BufferPtr>& pool, const BufferPtr& buffer)
+{
+    auto node = pool.extract(buffer);
+    if (node.empty())
+        return false;
+    node.value().reset();
+    if (spareSetNodes.size() < spareSetNodes.capacity())
+        spareSetNodes.push_back(std::move(node));
+    return true;
+}
+
+void BasicBufferQueue::EnterInput(const BufferPtr& buffer, bool atFront)
+{
+    if (spareListNodes.empty()) {
+        if (atFront)
+            inputQueue.push_front(buffer);
+        else
+            inputQueue.push_back(buffer);
+        return;
+    }
+    inputQueue.splice(atFront ? inputQueue.begin() : inputQueue.end(), spareListNodes, spareListNodes.begin());
+    (atFront ? inputQueue.front() : inputQueue.back()) = buffer;
+}
+
+void BasicBufferQueue::LeaveInputFront()
+{
+    inputQueue.front().reset();
+    spareListNodes.splice(spareListNodes.end(), inputQueue, inputQueue.begin());
 }
 
 } }

@@ -129,6 +129,13 @@ private:
     BufferPtr AddBuffer(BufferPtr buffer);
     void CheckNoneInUse(bool acquisitionToo) const;
     void Fire(DataSignal& signal);
+    // Moves of the frame path: a buffer enters or leaves a pool or the input
+    // queue on a node left behind by an earlier move, so that a running
+    // stream does not allocate. `Leave` tells whether the buffer was there.
+    void Enter(std::set<BufferPtr>& pool, const BufferPtr& buffer);
+    bool Leave(std::set<BufferPtr>& pool, const BufferPtr& buffer);
+    void EnterInput(const BufferPtr& buffer, bool atFront);
+    void LeaveInputFront();
 
     DataSignal dataSignal;
     DataSignal inputSignal;
@@ -142,6 +149,8 @@ private:
     std::size_t usedCount = 0;
     BufferPtr acquisitionBuffer;
     std::deque<BufferPtr> outputQueue;
+    std::vector<std::set<BufferPtr>::node_type> spareSetNodes;
+    std::list<BufferPtr> spareListNodes;
     std::string tlType;
     SupportedBufferInfos supportedInfos;
     std::uint64_t finishedCount = 0;

@@ -2,6 +2,8 @@
 
 #include "base/BaseException.h"
 
+#include <boost/container/small_vector.hpp>
+
 #include <algorithm>
 
 namespace QEL { namespace Base {
@@ -9,6 +11,10 @@ namespace QEL { namespace Base {
 namespace {
 
 [[noreturn]] void InvalidAddress() { throw Exception("Invalid address passed.", GC_ERR_INVALID_ADDRESS); }
+
+// The registers one access covers; a GenApi access covers one or a few, so
+// they stay off the heap.
+using Pieces = boost::container::small_vector<std::pair<AddressRange, Register*>, 4>;
 
 }
 
@@ -32,15 +38,17 @@ std::shared_ptr<Register> RegisterMap::Find(std::uint64_t address) const
     return it->second;
 }
 
-std::vector<std::pair<AddressRange, Register*>> RegisterMap::Collect(std::uint64_t address, std::size_t size,
-                                                                     AccessKind kind) const
+namespace {
+
+Pieces Collect(const std::map<AddressRange, std::shared_ptr<Register>>& registers, std::uint64_t address,
+               std::size_t size, AccessKind kind)
 {
     const AddressRange request(address, size);
     const std::uint64_t last = request.GetLast();
     auto it = registers.lower_bound(request);
     if (it == registers.end())
         InvalidAddress();
-    std::vector<std::pair<AddressRange, Register*>> collected;
+    Pieces collected;
     for (; it != registers.end(); ++it) {
         if (!it->second)
             continue;
@@ -61,12 +69,10 @@ std::vector<std::pair<AddressRange, Register*>> RegisterMap::Collect(std::uint64
     return collected;
 }
 
-namespace {
-
 // Runs `access` on each piece of the request and returns the bytes done. A
 // failure after some bytes were done ends the access early instead of failing it.
 template <class Access>
-std::size_t Transfer(const std::vector<std::pair<AddressRange, Register*>>& pieces, std::uint64_t address,
+std::size_t Transfer(const Pieces& pieces, std::uint64_t address,
                      std::size_t size, const char* incomplete, bool isWrite, Access access)
 {
     std::size_t total = 0;
@@ -98,7 +104,7 @@ std::size_t Transfer(const std::vector<std::pair<AddressRange, Register*>>& piec
 
 void RegisterMap::Read(std::uint64_t address, void* buffer, std::size_t* size) const
 {
-    auto pieces = Collect(address, *size, AccessKind::Read);
+    const Pieces pieces = Collect(registers, address, *size, AccessKind::Read);
     auto* bytes = static_cast<std::uint8_t*>(buffer);
     *size = Transfer(pieces, address, *size, "Read incomplete.", false,
                      [bytes](Register& reg, std::uint64_t offset, std::uint64_t at, std::size_t* n) {
@@ -108,7 +114,7 @@ void RegisterMap::Read(std::uint64_t address, void* buffer, std::size_t* size) c
 
 void RegisterMap::Write(std::uint64_t address, const void* buffer, std::size_t* size) const
 {
-    auto pieces = Collect(address, *size, AccessKind::Write);
+    const Pieces pieces = Collect(registers, address, *size, AccessKind::Write);
     const auto* bytes = static_cast<const std::uint8_t*>(buffer);
     *size = Transfer(pieces, address, *size, "Write incomplete.", true,
                      [bytes](Register& reg, std::uint64_t offset, std::uint64_t at, std::size_t* n) {

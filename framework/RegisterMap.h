@@ -21,9 +21,6 @@ public:
     void Write(std::uint64_t address, const void* buffer, std::size_t* size) const;
 
 private:
-    std::vector<std::pair<AddressRange, Register*>> Collect(std::uint64_t address, std::size_t size,
-                                                            AccessKind kind) const;
-
     std::map<AddressRange, std::shared_ptr<Register>> registers;
 };
 

@@ -291,6 +291,16 @@ bool IsQueued(const Device& device, const std::shared_ptr<Frame>& frame)
                                 device.m_InputFrameQueue.end();
 }
 
+// A frame that a flush or a stop left in the output queue still goes to its
+// callback, which takes the frame's callback and context with it: queued
+// again before that, the new queueing would lose them.
+bool IsAwaitingCallback(Device& device, const std::shared_ptr<Frame>& frame)
+{
+    std::lock_guard<std::mutex> output(device.outputMutex);
+    return std::find(device.m_OutputFrameQueue.begin(), device.m_OutputFrameQueue.end(), frame) !=
+           device.m_OutputFrameQueue.end();
+}
+
 std::shared_ptr<Frame> FindFrame(Device& device, const Frame* handle)
 {
     for (const auto& frame : device.announcedFrames)
@@ -383,7 +393,7 @@ int32_t libcsi_queue_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFram
             LIBCSI_LOG(TierError, " %s ERROR: Invalid Parameter: pFrameHandle.\n", __func__);
             return LIBCSI_INVALID_PARAMETER;
         }
-        if (IsQueued(device, frame)) {
+        if (IsQueued(device, frame) || IsAwaitingCallback(device, frame)) {
             LIBCSI_LOG(TierError, " ERROR: Frame already queued.\n");
             return LIBCSI_FRAME_QUEUED;
         }

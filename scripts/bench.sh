@@ -27,4 +27,6 @@ cmake --build build-bench -j"$(nproc)" --target libcsi_bench producer_bench >/de
   echo "## Calls, events, registers, cameras"
   echo
   build-bench/bench/producer_bench
+  # What the tables mean, where a goal is missed and why: kept by hand beside the code.
+  cat bench/reading.md
 } | tee bench/results.md

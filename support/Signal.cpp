@@ -64,7 +64,16 @@ Connection SignalCore::Connect(const ErasedSlot& slot)
 Connection SignalCore::Connect(const ErasedSlot& slot, const std::weak_ptr<void>& tracked)
 {
     Connection connection;
-    In<BoostConnection>(connection.storage) = impl->signal.connect(BoostSignal::slot_type(slot).track_foreign(tracked));
+    // The slot keeps its object alive itself rather than through the signal's
+    // foreign tracking, which copies the locked pointer onto the heap on every
+    // firing; once the object is gone the slot disconnects itself.
+    In<BoostConnection>(connection.storage) = impl->signal.connect_extended(
+        [slot, tracked](const BoostConnection& self, const void* arguments) {
+            if (const std::shared_ptr<void> alive = tracked.lock())
+                slot(arguments);
+            else
+                self.disconnect();
+        });
     return connection;
 }
 

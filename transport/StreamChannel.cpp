@@ -115,12 +115,24 @@ StreamChannel::~StreamChannel()
 
 // Frames come on libcsi's callback thread through the gate, which the
 // destructor closes: that thread never owns the channel.
-LibCSI::Endpoint::FrameCallback StreamChannel::FrameHandler(const std::shared_ptr<StreamDataBlock>& block)
+// The closure holds one shared pointer, small enough to live inside the
+// std::function: copies of the handler, one per queued buffer, allocate nothing.
+const LibCSI::Endpoint::FrameCallback& StreamChannel::FrameHandler(const std::shared_ptr<StreamDataBlock>& block)
 {
-    std::weak_ptr<StreamDataBlock> weakBlock = block;
-    return [gate = frameGate, this, weakBlock, made = round](const LibCSI::frame_info& frame) {
-        gate->Run([&] { OnFrameFinished(weakBlock, made, frame); });
-    };
+    if (!block->handler || block->handlerRound != round) {
+        struct Target {
+            std::shared_ptr<Tools::CallGate> gate;
+            StreamChannel* channel;
+            std::weak_ptr<StreamDataBlock> block;
+            std::uint64_t round;
+        };
+        auto target = std::make_shared<const Target>(Target{frameGate, this, block, round});
+        block->handler = [target](const LibCSI::frame_info& frame) {
+            target->gate->Run([&] { target->channel->OnFrameFinished(target->block, target->round, frame); });
+        };
+        block->handlerRound = round;
+    }
+    return block->handler;
 }
 
 bool StreamChannel::IsStreaming() const
@@ -511,6 +523,14 @@ void StreamChannel::OnFrameFinished(const std::weak_ptr<StreamDataBlock>& weakBl
     SharedMutexGuard guard(GetMutex());
     if (queue != bufferQueue)
         return;
+    // A frame of an earlier stream that waited for the locks while this one
+    // started: its buffer has gone round again and may be queued in this
+    // stream, so its flag is this stream's now; only libcsi's hold is over,
+    // and libcsi can take the buffers that waited for it.
+    if (madeInRound != round && (state == Streaming || state == Aborted || state == Finishing)) {
+        SubmitOrAbort();
+        return;
+    }
     block->acquiring = false;
     if (state == Idle || state == Stopping) {
         try {
@@ -520,15 +540,8 @@ void StreamChannel::OnFrameFinished(const std::weak_ptr<StreamDataBlock>& weakBl
         }
         return;
     }
-    // A frame of an earlier stream that waited for the locks while this one
-    // started: its buffer has gone round again, and only libcsi's hold is over.
-    if (frame.result == LibCSI::RESULT_Unused || madeInRound != round) {
-        // libcsi gave back a frame that is no longer this stream's (revoked, or
-        // queued by a stream stopped before): the buffer is not ours to move, but
-        // libcsi can take the buffers that waited for it now.
-        SubmitOrAbort();
-        return;
-    }
+    // A frame libcsi gave back unfilled (RESULT_Unused) fails below like any
+    // bad frame: its buffer goes back to the input queue and round again.
     try {
         FinishFrame(*block, frame);
         return;

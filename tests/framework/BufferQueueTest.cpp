@@ -182,6 +182,46 @@ TEST_F(BufferQueue, AFrameMovesFromInputToOutputAndIsDeliveredOnce)
     EXPECT_FALSE(Flag(buffer, BUFFER_INFO_NEW_DATA));
 }
 
+// Buffers cycle through the pools and the input queue for many frames, in
+// the order they were queued, each in one place at a time; what the queue
+// keeps from earlier moves holds no buffer alive once it is revoked.
+TEST_F(BufferQueue, ManyCyclesKeepTheOrderAndHoldNothingRevoked)
+{
+    std::vector<BasicBufferQueue::BufferPtr> buffers;
+    for (std::size_t i = 0; i < 4; ++i)
+        buffers.push_back(Announce(i * 512, 256));
+    for (const auto& buffer : buffers)
+        queue->QueueBuffer(buffer);
+    for (std::uint64_t frame = 0; frame < 40; ++frame) {
+        const auto& expected = buffers[frame % buffers.size()];
+        ASSERT_EQ(expected, Deliver(frame)) << "frame " << frame;
+        EXPECT_EQ(buffers.size() - 1, queue->GetQueuedCount());
+        BufferData record{};
+        std::size_t size = sizeof record;
+        queue->GetData(&record, &size);
+        EXPECT_EQ(Handleable::FromHandle(record.bufferHandle), std::shared_ptr<Handleable>(expected));
+        EXPECT_EQ(Err(GC_ERR_BUSY, "Buffer is not in the delivered pool."),
+                  Failure([&] { queue->RevokeBuffer(buffers[(frame + 1) % buffers.size()], nullptr, nullptr); }))
+            << "a queued buffer stays queued";
+        queue->QueueBuffer(expected);
+    }
+    // A buffer taken for the driver and given back goes first again.
+    auto taken = queue->TakeFromInputQueue();
+    queue->ReturnToInputQueue(taken);
+    EXPECT_EQ(taken, queue->TakeFromInputQueue());
+    queue->ReturnToInputQueue(taken);
+    taken.reset();
+
+    queue->FlushQueue(ACQ_QUEUE_ALL_DISCARD);
+    std::weak_ptr<BasicBufferQueue::InternalBuffer> weak = buffers.front();
+    void* base = nullptr;
+    queue->RevokeBuffer(buffers.front(), &base, nullptr);
+    EXPECT_EQ(memory.data(), base);
+    buffers.erase(buffers.begin());
+    EXPECT_TRUE(weak.expired()) << "the queue still holds a revoked buffer";
+    EXPECT_EQ(3u, queue->GetAnnouncedCount());
+}
+
 TEST_F(BufferQueue, TheBundleCarriesEveryValueWithItsAvailabilityBits)
 {
     int user = 0;

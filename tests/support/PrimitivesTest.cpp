@@ -85,6 +85,7 @@ TEST(Signal, TrackedSlotsStopWhenTheirObjectDies)
     EXPECT_TRUE(weak.expired());
     signal(3); // must not call into the dead listener
     EXPECT_EQ(5, plain);
+    EXPECT_EQ(1u, signal.GetNumSlots()) << "the dead listener's slot is dropped";
 
     connection.Disconnect();
     signal(4);

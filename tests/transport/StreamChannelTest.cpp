@@ -183,6 +183,29 @@ TEST_F(Streams, FramesReachTheQueueWithTheirInfosAndEveryPixel)
     EXPECT_TRUE(errors->IsEmpty());
 }
 
+// Frames that libcsi gives back after a stop wait for the queue's lock; when
+// the consumer starts the next stream before they get it, they arrive in that
+// stream. Their buffers are queued in it again by then, and a late frame must
+// not take them for its own: after the last stop every buffer is back.
+TEST_F(Streams, LateFramesOfAStoppedStreamLeaveTheNextStreamsBuffersAlone)
+{
+    AnnounceAndQueue(4, geometry.payloadSize);
+    Start();
+    for (int cycle = 0; cycle < 10; ++cycle) {
+        ASSERT_TRUE(Next()) << "cycle " << cycle;
+        System::SharedMutexGuard guard(queue->GetMutex());
+        EXPECT_TRUE(channel->StopStreaming(System::Clock::now()));
+        queue->FlushQueue(ACQ_QUEUE_ALL_TO_INPUT);
+        Start();
+    }
+    ASSERT_TRUE(Next());
+    EXPECT_TRUE(channel->StopStreaming(System::Clock::now()));
+    // Late frames of the last streams may still come; they find no stream.
+    System::SharedMutexGuard guard(queue->GetMutex());
+    EXPECT_NO_THROW(queue->FlushQueue(ACQ_QUEUE_ALL_DISCARD)) << "a buffer was left with libcsi's stream";
+    EXPECT_EQ(0u, queue->GetQueuedCount());
+}
+
 TEST_F(Streams, StartRefusesWhatCannotStream)
 {
     AnnounceAndQueue(3, geometry.payloadSize);
