@@ -289,8 +289,26 @@ void CameraFirmware::BusDelay(std::size_t bytes)
     if (!description.busTiming || description.busSpeed == 0)
         return;
     // Nine clocks a byte (eight bits and the acknowledge), plus start and stop.
-    const auto nanoseconds = (bytes * 9 + 2) * 1000000000ull / description.busSpeed;
-    std::this_thread::sleep_for(std::chrono::nanoseconds(nanoseconds));
+    const std::chrono::nanoseconds duration((bytes * 9 + 2) * 1000000000ull / description.busSpeed);
+    // A sleep overshoots by the timer's wake-up latency (50 to 150 us on a
+    // busy machine), more than a short transfer lasts: slept per transfer, a
+    // poll of the handshake would cost several times its bus time. Transfers
+    // run up what they owe instead and sleep it off a millisecond at a time,
+    // an overshoot counting against the next ones.
+    std::chrono::nanoseconds owed;
+    {
+        std::lock_guard<std::mutex> lock(busMutex);
+        busTimeOwed += duration;
+        if (busTimeOwed < std::chrono::milliseconds(1))
+            return;
+        owed = busTimeOwed;
+    }
+    const Clock::time_point start = Clock::now();
+    std::this_thread::sleep_for(owed);
+    const auto slept = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start);
+    std::lock_guard<std::mutex> lock(busMutex);
+    // A long preemption is no credit for the bus.
+    busTimeOwed = std::max(busTimeOwed - slept, -std::chrono::nanoseconds(std::chrono::milliseconds(1)));
 }
 
 int CameraFirmware::ReadCCI(std::uint16_t address, std::uint8_t* data, std::size_t size)

@@ -108,6 +108,9 @@ private:
     std::uint64_t commands = 0;
     std::map<std::uint32_t, std::uint32_t> asic;
     std::atomic<std::uint64_t> busBytes{0};
+    // Bus time the transfers have taken but not yet slept (negative: slept too long).
+    std::mutex busMutex;
+    std::chrono::nanoseconds busTimeOwed{0};
     // Prepared frames: the buffers that hold the image of `preparedGeometry`.
     std::mutex preparedMutex;
     std::set<const std::uint8_t*> preparedBuffers;
