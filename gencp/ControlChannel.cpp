@@ -334,8 +334,11 @@ void ControlChannel::WriteString(std::uint64_t address, std::size_t size, const 
 
 // ---- Bootstrap registers ----
 
+// The cached registers are read once, by whichever thread asks first; the
+// channel's mutex keeps the flags and values of every thread's view in step.
 std::uint64_t ControlChannel::CachedValue(std::uint64_t flag, std::uint64_t& cache, std::uint64_t address)
 {
+    SharedMutexGuard guard(channelMutex);
     if (!(cachedFlags & flag)) {
         cache = ReadRegister64(address);
         cachedFlags |= flag;
@@ -343,8 +346,9 @@ std::uint64_t ControlChannel::CachedValue(std::uint64_t flag, std::uint64_t& cac
     return cache;
 }
 
-const std::string& ControlChannel::CachedString(std::uint64_t flag, std::string& cache, std::uint64_t address)
+std::string ControlChannel::CachedString(std::uint64_t flag, std::string& cache, std::uint64_t address)
 {
+    SharedMutexGuard guard(channelMutex);
     if (!(cachedFlags & flag)) {
         cache = ReadString(address, StringRegisterSize);
         cachedFlags |= flag;
@@ -354,6 +358,7 @@ const std::string& ControlChannel::CachedString(std::uint64_t flag, std::string&
 
 std::uint32_t ControlChannel::GetMaxDeviceResponseTime()
 {
+    SharedMutexGuard guard(channelMutex);
     if (!(cachedFlags & CachedResponseTime)) {
         std::uint8_t bytes[4];
         ReadMemory(ABRM::MaxDeviceResponseTime, bytes, sizeof bytes, ResponseTimeReadTimeoutMs);
@@ -368,6 +373,7 @@ std::uint32_t ControlChannel::GetMaxDeviceResponseTime()
 
 Tools::Version ControlChannel::GetVersion()
 {
+    SharedMutexGuard guard(channelMutex);
     if (!(cachedFlags & CachedVersion)) {
         version = ReadRegister32(ABRM::GenCPVersion);
         cachedFlags |= CachedVersion;
@@ -537,6 +543,7 @@ std::int32_t ControlChannel::GetImplementationByteOrder()
 
 std::uint64_t ControlChannel::GetManifestEntryCount()
 {
+    SharedMutexGuard guard(channelMutex);
     if (!(cachedFlags & CachedManifest)) {
         const std::uint64_t table = GetManifestTableAddress();
         const std::uint64_t count = ReadRegister64(table);
@@ -571,6 +578,7 @@ std::uint64_t ControlChannel::GetManifestEntryCount()
 
 ManifestEntry ControlChannel::GetManifestEntry(std::uint64_t index)
 {
+    SharedMutexGuard guard(channelMutex);
     if (index >= GetManifestEntryCount())
         Fail("Invalid index passed.");
     return manifest[index];

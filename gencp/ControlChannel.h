@@ -124,7 +124,7 @@ private:
     void WriteBlock(std::uint64_t address, const std::uint8_t* data, std::size_t size, std::uint32_t timeoutMs);
     std::uint64_t ReadValue(std::uint64_t address, std::size_t width);
     void WriteValue(std::uint64_t address, std::uint64_t value, std::size_t width);
-    const std::string& CachedString(std::uint64_t flag, std::string& cache, std::uint64_t address);
+    std::string CachedString(std::uint64_t flag, std::string& cache, std::uint64_t address);
     std::uint64_t CachedValue(std::uint64_t flag, std::uint64_t& cache, std::uint64_t address);
     bool CapabilityBit(unsigned bit);
     void RequireAccessPrivilege();
