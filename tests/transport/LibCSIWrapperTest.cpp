@@ -1,4 +1,5 @@
 #include "base/BaseException.h"
+#include "libcsi/include/libcsi/libcsi.h"
 #include "sim/CameraMap.h"
 #include "tests/sim/SimHarness.h"
 #include "tests/transport/TransportTestSupport.h"
@@ -12,6 +13,8 @@
 #include <cstdlib>
 #include <deque>
 #include <mutex>
+#include <sys/resource.h>
+#include <unistd.h>
 #include <thread>
 #include <vector>
 
@@ -327,6 +330,37 @@ TEST_F(Wrapper, LibcsiReportsReachTheMediaLog)
     const std::string log = MediaLogAfterClose();
     EXPECT_NE(std::string::npos, log.find("LIBCSI: ")) << "libcsi's own error lines come through its report callback";
     EXPECT_EQ(std::string::npos, log.find("\n\n")) << "without their line feed";
+}
+
+// libcsi belongs to whoever started it: a wrapper whose libcsi_init failed
+// started nothing and must not end the library that another user starts.
+class WrapperWithoutLibrary : public TransportTest::Board {};
+
+TEST_F(WrapperWithoutLibrary, AWrapperWhoseInitFailedLeavesLibcsiToItsOwner)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own";
+#endif
+    // Warm up what libcsi opens on first use, so that only its pipes are left to fail.
+    ASSERT_EQ(LIBCSI_OK, libcsi_init());
+    ASSERT_EQ(LIBCSI_OK, libcsi_deinit());
+    {
+        LibCSIWrapper_Impl wrapper;
+        rlimit saved{};
+        ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
+        const int lowestFree = ::dup(0);
+        ASSERT_GE(lowestFree, 0);
+        ::close(lowestFree);
+        rlimit tight = saved;
+        tight.rlim_cur = static_cast<rlim_t>(lowestFree) + 1; // one descriptor: a pipe needs two
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
+        const std::int32_t result = wrapper.Init();
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
+        EXPECT_NE(0, result);
+        ASSERT_EQ(LIBCSI_OK, libcsi_init()) << "another user starts libcsi";
+    }
+    EXPECT_EQ(LIBCSI_OK, libcsi_update_device_list()) << "the failed wrapper ended the library it did not start";
+    EXPECT_EQ(LIBCSI_OK, libcsi_deinit());
 }
 
 }
