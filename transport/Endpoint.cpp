@@ -311,7 +311,7 @@ std::atomic<std::uint64_t> emulatedBlockId{1};
 
 std::shared_ptr<Endpoint::DataTransfer> Endpoint::MakeDataTransfer(DataTransfer::Origin origin, void* payload,
                                                                    std::size_t size, std::uint32_t leaderSize,
-                                                                   std::uint32_t trailerSize, FrameCallback callback)
+                                                                   std::uint32_t trailerSize, FrameHandler callback)
 {
     if (size < 1)
         throw System::Exception("Invalid size passed.");
@@ -338,7 +338,7 @@ std::shared_ptr<Endpoint::DataTransfer> Endpoint::MakeDataTransfer(DataTransfer:
 }
 
 void* Endpoint::AllocateBuffer(std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size, std::uint32_t leaderSize,
-                               std::uint32_t trailerSize, FrameCallback callback)
+                               std::uint32_t trailerSize, FrameHandler callback)
 {
     MutexGuard guard(&frameMutex);
     auto transfer =
@@ -353,7 +353,7 @@ void* Endpoint::AllocateBuffer(std::uint32_t ipuX, std::uint32_t ipuY, std::size
 }
 
 frame_handle_t* Endpoint::AnnounceLocked(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
-                                         std::uint32_t leaderSize, std::uint32_t trailerSize, FrameCallback callback)
+                                         std::uint32_t leaderSize, std::uint32_t trailerSize, FrameHandler callback)
 {
     if (!payload)
         throw System::Exception("No data passed.");
@@ -371,14 +371,14 @@ frame_handle_t* Endpoint::AnnounceLocked(void* payload, std::uint32_t ipuX, std:
 }
 
 frame_handle_t* Endpoint::AnnounceBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
-                                         std::uint32_t leaderSize, std::uint32_t trailerSize, FrameCallback callback)
+                                         std::uint32_t leaderSize, std::uint32_t trailerSize, FrameHandler callback)
 {
     MutexGuard guard(&frameMutex);
     return AnnounceLocked(payload, ipuX, ipuY, size, leaderSize, trailerSize, std::move(callback));
 }
 
 std::int32_t Endpoint::QueueBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
-                                   std::uint32_t leaderSize, std::uint32_t trailerSize, FrameCallback callback)
+                                   std::uint32_t leaderSize, std::uint32_t trailerSize, FrameHandler callback)
 {
     MutexGuard guard(&frameMutex);
     frame_handle_t* handle = AnnounceLocked(payload, ipuX, ipuY, size, leaderSize, trailerSize, callback);
@@ -417,8 +417,8 @@ void Endpoint::RevokeBuffers()
         device->KeepUntilClosed(transfer);
         frame_info canceled;
         canceled.result = RESULT_Unused;
-        if (transfer->callback)
-            transfer->callback(canceled);
+        if (transfer->callback && *transfer->callback)
+            (*transfer->callback)(canceled);
     }
 }
 
@@ -518,7 +518,7 @@ void Endpoint::EnqueueMessage(FrameRecord* record)
     }
     const std::shared_ptr<DataTransfer::Queueing> done = queueing->second;
     transfer->queueings.erase(queueing);
-    const FrameCallback callback = done->callback;
+    const FrameHandler callback = done->callback;
     const bool emulated = emulateLeaderTrailer;
     const LeaderTrailerParameters parameters = leaderTrailer;
     const lib_frame_transfer frame = record->frame;
@@ -526,8 +526,8 @@ void Endpoint::EnqueueMessage(FrameRecord* record)
     guard.Release();
     const frame_info info = emulated ? EmulatedFrameInfo(parameters, emulatedBlockId.fetch_add(1))
                                      : FrameInfoFromLeaderTrailer(frame, status);
-    if (callback)
-        callback(info);
+    if (callback && *callback)
+        (*callback)(info);
 }
 
 } }

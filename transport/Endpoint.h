@@ -51,17 +51,20 @@ public:
     // Frames. The callback gets each finished frame, on libcsi's frame
     // callback thread and without the endpoint's locks.
     using FrameCallback = std::function<void(const frame_info& frame)>;
+    // The handler of a buffer's frames, kept by every queueing of the buffer:
+    // shared, so that a queueing copies a pointer and allocates nothing.
+    using FrameHandler = std::shared_ptr<const FrameCallback>;
     // A frame buffer of libcsi's own; its payload address, or null when libcsi refused.
     void* AllocateBuffer(std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size, std::uint32_t leaderSize,
-                         std::uint32_t trailerSize, FrameCallback callback);
+                         std::uint32_t trailerSize, FrameHandler callback);
     // The caller's payload memory as a frame buffer; the handle, or null when
     // libcsi refused. A payload announced before keeps its first handle.
     frame_handle_t* AnnounceBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
-                                   std::uint32_t leaderSize, std::uint32_t trailerSize, FrameCallback callback);
+                                   std::uint32_t leaderSize, std::uint32_t trailerSize, FrameHandler callback);
     // Hands the frame buffer of `payload` to the driver, announcing it first
     // if needed; libcsi's result (0 success).
     std::int32_t QueueBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
-                             std::uint32_t leaderSize, std::uint32_t trailerSize, FrameCallback callback);
+                             std::uint32_t leaderSize, std::uint32_t trailerSize, FrameHandler callback);
     std::int32_t FlushBuffers();
     // Revokes every frame buffer; each buffer's callback hears of it with RESULT_Unused.
     void RevokeBuffers();
@@ -82,13 +85,13 @@ private:
         std::uint32_t status = 0;
         Origin origin = Announced;
         FrameRecord record;
-        FrameCallback callback;
+        FrameHandler callback;
         // One per queueing, its record handed to libcsi as the frame's context:
         // a frame libcsi gives back late still reaches the handler it was queued
         // with, which knows whether its stream is still the current one.
         struct Queueing {
             FrameRecord record;
-            FrameCallback callback;
+            FrameHandler callback;
             std::uint64_t stops;
         };
         std::map<const FrameRecord*, std::shared_ptr<Queueing>> queueings;
@@ -98,9 +101,9 @@ private:
     };
     std::shared_ptr<DataTransfer> MakeDataTransfer(DataTransfer::Origin origin, void* payload, std::size_t size,
                                                    std::uint32_t leaderSize, std::uint32_t trailerSize,
-                                                   FrameCallback callback);
+                                                   FrameHandler callback);
     frame_handle_t* AnnounceLocked(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
-                                   std::uint32_t leaderSize, std::uint32_t trailerSize, FrameCallback callback);
+                                   std::uint32_t leaderSize, std::uint32_t trailerSize, FrameHandler callback);
     // What libcsi's frame records point to. It outlives the endpoint, until
     // the camera is closed, so that a late frame finds the gate closed.
     struct FrameSink {

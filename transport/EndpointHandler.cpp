@@ -212,7 +212,7 @@ std::int32_t EndpointHandler::StopStreaming()
 
 void* EndpointHandler::AllocateBuffer(std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
                                       std::uint32_t leaderSize, std::uint32_t trailerSize,
-                                      Endpoint::FrameCallback callback)
+                                      Endpoint::FrameHandler callback)
 {
     CheckRunning();
     return endpoint->AllocateBuffer(ipuX, ipuY, size, leaderSize, trailerSize, std::move(callback));
@@ -220,7 +220,7 @@ void* EndpointHandler::AllocateBuffer(std::uint32_t ipuX, std::uint32_t ipuY, st
 
 frame_handle_t* EndpointHandler::AnnounceBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY,
                                                 std::size_t size, std::uint32_t leaderSize,
-                                                std::uint32_t trailerSize, Endpoint::FrameCallback callback)
+                                                std::uint32_t trailerSize, Endpoint::FrameHandler callback)
 {
     CheckRunning();
     return endpoint->AnnounceBuffer(payload, ipuX, ipuY, size, leaderSize, trailerSize, std::move(callback));
@@ -228,7 +228,7 @@ frame_handle_t* EndpointHandler::AnnounceBuffer(void* payload, std::uint32_t ipu
 
 std::int32_t EndpointHandler::QueueBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
                                           std::uint32_t leaderSize, std::uint32_t trailerSize,
-                                          Endpoint::FrameCallback callback)
+                                          Endpoint::FrameHandler callback)
 {
     CheckRunning();
     return endpoint->QueueBuffer(payload, ipuX, ipuY, size, leaderSize, trailerSize, std::move(callback));

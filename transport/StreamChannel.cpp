@@ -115,21 +115,16 @@ StreamChannel::~StreamChannel()
 
 // Frames come on libcsi's callback thread through the gate, which the
 // destructor closes: that thread never owns the channel.
-// The closure holds one shared pointer, small enough to live inside the
-// std::function: copies of the handler, one per queued buffer, allocate nothing.
-const LibCSI::Endpoint::FrameCallback& StreamChannel::FrameHandler(const std::shared_ptr<StreamDataBlock>& block)
+// Made once per block and stream round: the endpoint keeps it for every
+// queueing, so queueing a buffer allocates nothing for it.
+const LibCSI::Endpoint::FrameHandler& StreamChannel::FrameHandler(const std::shared_ptr<StreamDataBlock>& block)
 {
     if (!block->handler || block->handlerRound != round) {
-        struct Target {
-            std::shared_ptr<Tools::CallGate> gate;
-            StreamChannel* channel;
-            std::weak_ptr<StreamDataBlock> block;
-            std::uint64_t round;
-        };
-        auto target = std::make_shared<const Target>(Target{frameGate, this, block, round});
-        block->handler = [target](const LibCSI::frame_info& frame) {
-            target->gate->Run([&] { target->channel->OnFrameFinished(target->block, target->round, frame); });
-        };
+        std::weak_ptr<StreamDataBlock> weakBlock = block;
+        block->handler = std::make_shared<const LibCSI::Endpoint::FrameCallback>(
+            [gate = frameGate, this, weakBlock, made = round](const LibCSI::frame_info& frame) {
+                gate->Run([&] { OnFrameFinished(weakBlock, made, frame); });
+            });
         block->handlerRound = round;
     }
     return block->handler;

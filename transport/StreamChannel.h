@@ -32,9 +32,8 @@ public:
     bool acquiring = false;
     frame_handle_t* transferHandle = nullptr;
     std::shared_ptr<Base::Buffer> buffer;
-    // The handler of this block's frames in stream round `handlerRound`, made
-    // once per round: every queueing hands the endpoint a copy of it.
-    std::function<void(const LibCSI::frame_info&)> handler;
+    // The handler of this block's frames in stream round `handlerRound`.
+    LibCSI::Endpoint::FrameHandler handler;
     std::uint64_t handlerRound = 0;
 };
 
@@ -105,7 +104,7 @@ public:
     static std::uint64_t AlignSize(std::uint64_t value, std::uint64_t alignment, bool up);
 
 private:
-    const LibCSI::Endpoint::FrameCallback& FrameHandler(const std::shared_ptr<StreamDataBlock>& block);
+    const LibCSI::Endpoint::FrameHandler& FrameHandler(const std::shared_ptr<StreamDataBlock>& block);
     void SetState(State newState);
     void RefreshIPU();
     std::shared_ptr<StreamDataBlock> BlockOf(const std::shared_ptr<Base::BasicBuffer>& buffer);

@@ -42,9 +42,10 @@ protected:
         device.reset();
     }
 
-    LibCSI::Endpoint::FrameCallback Consumer(std::uint8_t* payload)
+    LibCSI::Endpoint::FrameHandler Consumer(std::uint8_t* payload)
     {
-        return [this, payload](const frame_info& info) { OnFrame(payload, info); };
+        return std::make_shared<const LibCSI::Endpoint::FrameCallback>(
+            [this, payload](const frame_info& info) { OnFrame(payload, info); });
     }
 
     void OnFrame(std::uint8_t* payload, const frame_info& info)
