@@ -3,6 +3,9 @@
 #include "base/GenTL.h"
 
 #include <chrono>
+#include <stdexcept>
+#include <sys/resource.h>
+#include <unistd.h>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -11,6 +14,34 @@
 #include <utility>
 
 namespace QEL { namespace Base { class Exception; } }
+
+// The descriptor the process would get next.
+inline int LowestFreeDescriptor()
+{
+    const int next = ::dup(0);
+    if (next < 0)
+        throw std::runtime_error("No descriptor left to find the lowest free one.");
+    ::close(next);
+    return next;
+}
+
+// Runs `call` while the process may open only `count` more descriptors (the
+// lowest free ones), and gives back what it returned.
+template <class Call>
+auto WithDescriptorsLeft(int count, Call call)
+{
+    rlimit saved{};
+    if (getrlimit(RLIMIT_NOFILE, &saved) != 0)
+        throw std::runtime_error("Could not read the descriptor limit.");
+    rlimit tight = saved;
+    tight.rlim_cur = static_cast<rlim_t>(LowestFreeDescriptor() + count);
+    if (setrlimit(RLIMIT_NOFILE, &tight) != 0)
+        throw std::runtime_error("Could not lower the descriptor limit.");
+    auto result = call();
+    if (setrlimit(RLIMIT_NOFILE, &saved) != 0)
+        throw std::runtime_error("Could not restore the descriptor limit.");
+    return result;
+}
 
 // A GenTL result with its text, as the tests compare them.
 using Result = std::pair<GC_ERROR, std::string>;

@@ -9,11 +9,11 @@
 #include "sim/CameraMap.h"
 #include "sim/VirtualSystem.h"
 #include "tests/libcsi/ObservedSystem.h"
+#include "tests/TestSupport.h"
 #include "tests/sim/SimHarness.h"
 
 #include <gtest/gtest.h>
 
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -306,18 +306,10 @@ TEST(DeviceOpen, WithoutDescriptorsForItsPipeTheOpenFailsCleanly)
     device_handle_t* warm = nullptr;
     ASSERT_EQ(LIBCSI_OK, board.Open(&warm));
     ASSERT_EQ(LIBCSI_OK, libcsi_close_device(warm));
-    rlimit saved{};
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
     // Leave exactly one free descriptor: the node opens, its stop pipe cannot.
-    const int lowestFree = ::dup(0);
-    ASSERT_GE(lowestFree, 0);
-    ::close(lowestFree);
-    rlimit tight = saved;
-    tight.rlim_cur = static_cast<rlim_t>(lowestFree) + 1;
+    const int lowestFree = LowestFreeDescriptor();
     device_handle_t* device = nullptr;
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
-    const std::int32_t result = board.Open(&device);
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
+    const std::int32_t result = WithDescriptorsLeft(1, [&] { return board.Open(&device); });
     EXPECT_EQ(LIBCSI_ERROR, result);
     EXPECT_EQ(nullptr, device);
     const int reused = ::dup(0);
@@ -555,16 +547,8 @@ TEST(LibraryInit, AFailedPipeLeavesNoHalfBuiltLibrary)
     // Warm up what libcsi opens on first use, so that only its pipes are left to fail.
     ASSERT_EQ(LIBCSI_OK, libcsi_init());
     ASSERT_EQ(LIBCSI_OK, libcsi_deinit());
-    rlimit saved{};
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
-    const int lowestFree = ::dup(0);
-    ASSERT_GE(lowestFree, 0);
-    ::close(lowestFree);
-    rlimit tight = saved;
-    tight.rlim_cur = static_cast<rlim_t>(lowestFree) + 1; // one descriptor: the first pipe needs two
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
-    const std::int32_t result = libcsi_init();
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
+    // One descriptor: the first pipe needs two.
+    const std::int32_t result = WithDescriptorsLeft(1, [] { return libcsi_init(); });
     EXPECT_EQ(LIBCSI_ERROR, result);
     EXPECT_EQ(LIBCSI_NOT_INITIALIZED, libcsi_update_device_list()) << "no library was left behind";
     EXPECT_EQ(LIBCSI_OK, libcsi_init()) << "and the next init builds one";

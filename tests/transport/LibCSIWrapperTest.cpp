@@ -2,6 +2,7 @@
 #include "libcsi/include/libcsi/libcsi.h"
 #include "sim/CameraMap.h"
 #include "tests/sim/SimHarness.h"
+#include "tests/TestSupport.h"
 #include "tests/transport/TransportTestSupport.h"
 #include "transport/LibCSIWrapper_Impl.h"
 
@@ -13,8 +14,6 @@
 #include <cstdlib>
 #include <deque>
 #include <mutex>
-#include <sys/resource.h>
-#include <unistd.h>
 #include <thread>
 #include <vector>
 
@@ -346,16 +345,8 @@ TEST_F(WrapperWithoutLibrary, AWrapperWhoseInitFailedLeavesLibcsiToItsOwner)
     ASSERT_EQ(LIBCSI_OK, libcsi_deinit());
     {
         LibCSIWrapper_Impl wrapper;
-        rlimit saved{};
-        ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
-        const int lowestFree = ::dup(0);
-        ASSERT_GE(lowestFree, 0);
-        ::close(lowestFree);
-        rlimit tight = saved;
-        tight.rlim_cur = static_cast<rlim_t>(lowestFree) + 1; // one descriptor: a pipe needs two
-        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
-        const std::int32_t result = wrapper.Init();
-        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
+        // One descriptor: libcsi's first pipe needs two.
+        const std::int32_t result = WithDescriptorsLeft(1, [&] { return wrapper.Init(); });
         EXPECT_NE(0, result);
         ASSERT_EQ(LIBCSI_OK, libcsi_init()) << "another user starts libcsi";
     }
