@@ -522,7 +522,7 @@ void StreamChannel::OnFrameFinished(const std::weak_ptr<StreamDataBlock>& weakBl
     // started: its buffer has gone round again and may be queued in this
     // stream, so its flag is this stream's now; only libcsi's hold is over,
     // and libcsi can take the buffers that waited for it.
-    if (madeInRound != round && (state == Streaming || state == Aborted || state == Finishing)) {
+    if (madeInRound != round && state != Idle && state != Stopping) {
         SubmitOrAbort();
         return;
     }
