@@ -309,6 +309,21 @@ std::shared_ptr<Frame> FindFrame(Device& device, const Frame* handle)
     return nullptr;
 }
 
+// Called with the frame mutex held: a frame that is not queued cannot come
+// back into the output queue meanwhile.
+void DropLateDelivery(Device& device, const Frame* handle)
+{
+    const std::shared_ptr<Frame> frame = FindFrame(device, handle);
+    if (!frame)
+        return;
+    std::lock_guard<std::mutex> dequeue(device.dequeueMutex);
+    std::lock_guard<std::mutex> output(device.outputMutex);
+    if (IsQueued(device, frame))
+        return;
+    auto& waiting = device.m_OutputFrameQueue;
+    waiting.erase(std::remove(waiting.begin(), waiting.end(), frame), waiting.end());
+}
+
 }
 
 bool QueueBuffer(Device& device, const Frame& frame)
@@ -432,6 +447,11 @@ int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFra
         if (!pFrameHandle)
             return LIBCSI_INVALID_PARAMETER;
         std::lock_guard<std::mutex> frames(device.frameMutex);
+        // A late delivery of the frame, left in the output queue by a stop or a
+        // flush, would reach its callback after the caller took the memory
+        // back: it is dropped. A callback running already is not waited for:
+        // the caller may hold what that callback needs.
+        DropLateDelivery(device, pFrameHandle);
         if (device.state == Closed)
             return LIBCSI_INVALID_DEVICE_STATE;
         if (pFrameHandle->m_pDeviceHandle != &device) {

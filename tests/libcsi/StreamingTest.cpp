@@ -330,6 +330,58 @@ TEST_F(Stream, FrameBookkeeping)
         EXPECT_EQ(total + 256, length) << "a whole alignment above a total that is a multiple of it";
 }
 
+// A revoked frame is its owner's again, memory and all: a callback that a
+// stop left pending must not come after the revoke.
+TEST_F(Stream, NoPendingCallbackOfARevokedFrameComesAfterTheRevoke)
+{
+    struct Held {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool release = false;
+        std::vector<frame_handle_t*> calls;
+    } held;
+    const auto onFrame = [](void* context, frame_handle_t* frame, lib_frame_transfer*, std::uint64_t, std::uint32_t) {
+        auto& h = *static_cast<Held*>(context);
+        std::unique_lock<std::mutex> lock(h.mutex);
+        h.calls.push_back(frame);
+        h.changed.notify_all();
+        h.changed.wait(lock, [&] { return h.release; });
+    };
+    Open();
+    ASSERT_EQ(LIBCSI_OK, Announce(3));
+    for (Buffer& b : buffers)
+        ASSERT_EQ(LIBCSI_OK, libcsi_queue_frame(device, b.handle, onFrame, &held));
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    StartCamera();
+    frame_handle_t* running = nullptr;
+    {
+        std::unique_lock<std::mutex> lock(held.mutex);
+        ASSERT_TRUE(held.changed.wait_for(lock, std::chrono::seconds(10), [&] { return !held.calls.empty(); }));
+        running = held.calls.front();
+    }
+    // The callback thread is held in the first frame's callback: the stop
+    // leaves the other two waiting for theirs.
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+    EXPECT_EQ(LIBCSI_FRAME_QUEUED, libcsi_revoke_frame(device, buffers[2].handle == running ? buffers[1].handle
+                                                                                             : buffers[2].handle))
+        << "before the flush, a frame waiting for its callback still counts as queued";
+    ASSERT_EQ(LIBCSI_OK, libcsi_flush_frames(device));
+    for (Buffer& b : buffers)
+        if (b.handle != running) {
+            EXPECT_EQ(LIBCSI_OK, libcsi_revoke_frame(device, b.handle));
+        }
+    {
+        std::lock_guard<std::mutex> lock(held.mutex);
+        held.release = true;
+        held.changed.notify_all();
+    }
+    EXPECT_EQ(LIBCSI_OK, libcsi_revoke_frame(device, running));
+    ASSERT_EQ(LIBCSI_OK, libcsi_close_device(device));
+    device = nullptr;
+    std::lock_guard<std::mutex> lock(held.mutex);
+    EXPECT_EQ(1u, held.calls.size()) << "the revoked frames' pending callbacks came after all";
+}
+
 const char* kOneBuffer = "[system]\nmin_announced_frames = 1\n[camera0]\nbus_timing = 0\nwidth = 64\nheight = 16\n"
                          "frame_rate = 0\nmode_switch_delay_ms = 2\n";
 
