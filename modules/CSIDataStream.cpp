@@ -48,17 +48,17 @@ using UIntRegister = Base::GenericRegister<unsigned int>;
 using IntRegister = Base::GenericRegister<int>;
 using DoubleRegister = Base::GenericRegister<double>;
 using StringInfoRegister = Base::VariableInfoRegister<const Base::StringInfo>;
-using UInt64InfoRegister = Base::FixedInfoRegister<const Base::UInt64Info>;
 
-// A size_t info as the 64-bit value that an 8-byte register mirrors.
-Base::InfoPtr AsUInt64(const Base::InfoPtr& info)
+// A size_t info as the 64-bit value that an 8-byte register mirrors; read in
+// place, since a register read should not build a second info.
+std::uint64_t AsUInt64(const Base::InfoPtr& info)
 {
     std::uint64_t value = 0;
     std::size_t size = info ? info->GetSize() : 0;
     if (!info || size > sizeof value)
         throw Exception("Unexpected info type retrieved.", GC_ERR_ERROR);
     info->Read(&value, &size);
-    return std::make_shared<Base::UInt64Info>(value);
+    return value;
 }
 
 }
@@ -172,8 +172,9 @@ void DataStream::AddRegisters()
     Base::ConnectInfoFeed(*id, [raw] { return raw->GetInfo(STREAM_INFO_ID); }, self);
     AddRegister(id);
     auto feed64 = [&](std::uint64_t address, STREAM_INFO_CMD command, const char* failure) {
-        auto reg = Make<UInt64InfoRegister>(failure, address, Base::AccessRead);
-        Base::ConnectInfoFeed(*reg, [raw, command] { return AsUInt64(raw->GetInfo(command)); }, self);
+        auto reg = Make<ULongRegister>(failure, address, Base::AccessRead);
+        reg->GetPreReadSignal().Connect(
+            [raw, command](ULongRegister& r) { r.SetValue(AsUInt64(raw->GetInfo(command))); }, self);
         AddRegister(reg);
     };
     feed64(AnnouncedCountAddress, STREAM_INFO_NUM_ANNOUNCED, "Could not allocate DataStream Announced Buffer Count register.");

@@ -25,8 +25,9 @@ public:
 private:
     friend class ConnectionBlock;
     friend class SignalCore;
-    // The library's connection object lives in place: no allocation per link.
-    alignas(void*) unsigned char storage[2 * sizeof(void*)];
+    // The library's connection object and the link's block count live in
+    // place: no allocation per copy of a link.
+    alignas(void*) unsigned char storage[4 * sizeof(void*)];
 };
 
 // While it lives, the connection's slot is skipped when the signal fires.
@@ -38,7 +39,7 @@ public:
     ~ConnectionBlock();
 
 private:
-    alignas(void*) unsigned char storage[4 * sizeof(void*)];
+    alignas(void*) unsigned char storage[2 * sizeof(void*)];
 };
 
 // The type-erased signal under every Signal: slots take a pointer to the

@@ -7,6 +7,7 @@
 
 #include <boost/format.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <new>
@@ -388,17 +389,33 @@ std::int32_t Endpoint::QueueBuffer(void* payload, std::uint32_t ipuX, std::uint3
     // Queueings of two streams ago can no longer come back: libcsi delivers or
     // drops what it holds before a stream after the next one starts.
     auto& queueings = transfer->queueings;
-    for (auto it = queueings.begin(); it != queueings.end();)
-        it = it->second->stops + 2 <= stops ? queueings.erase(it) : std::next(it);
+    for (auto it = queueings.begin(); it != queueings.end();) {
+        const auto next = std::next(it);
+        if (it->stops + 2 <= stops)
+            transfer->Retire(it);
+        it = next;
+    }
     // The latest handler also hears of a revoke; frames go to the one of their own queueing.
     if (callback)
         transfer->callback = std::move(callback);
-    auto queueing = std::make_shared<DataTransfer::Queueing>(DataTransfer::Queueing{transfer->record, transfer->callback, stops});
-    queueings[&queueing->record] = queueing;
-    const std::int32_t result = wrapper->QueueFrame(&queueing->record);
+    auto& spares = transfer->spareQueueings;
+    if (spares.empty())
+        spares.emplace_back();
+    queueings.splice(queueings.end(), spares, spares.begin());
+    DataTransfer::Queueing& queueing = queueings.back();
+    queueing.record = transfer->record;
+    queueing.callback = transfer->callback;
+    queueing.stops = stops;
+    const std::int32_t result = wrapper->QueueFrame(&queueing.record);
     if (result != 0)
-        queueings.erase(&queueing->record);
+        transfer->Retire(std::prev(queueings.end()));
     return result;
+}
+
+void Endpoint::DataTransfer::Retire(std::list<Queueing>::iterator queueing)
+{
+    queueing->callback.reset();
+    spareQueueings.splice(spareQueueings.begin(), queueings, queueing);
 }
 
 std::int32_t Endpoint::FlushBuffers() { return wrapper->FlushFrames(); }
@@ -510,15 +527,16 @@ void Endpoint::EnqueueMessage(FrameRecord* record)
     }
     const std::shared_ptr<DataTransfer> transfer = found->second;
     // This queueing is done with; the caller no longer reads its record.
-    const auto queueing = transfer->queueings.find(record);
-    if (queueing == transfer->queueings.end()) {
+    auto& queueings = transfer->queueings;
+    const auto queueing = std::find_if(queueings.begin(), queueings.end(),
+                                       [&](const DataTransfer::Queueing& q) { return &q.record == record; });
+    if (queueing == queueings.end()) {
         guard.Release();
         Library::MediaLog("Endpoint::EnqueueMessage Transfer not found or found Transfer = NULL");
         return;
     }
-    const std::shared_ptr<DataTransfer::Queueing> done = queueing->second;
-    transfer->queueings.erase(queueing);
-    const FrameHandler callback = done->callback;
+    const FrameHandler callback = queueing->callback;
+    transfer->Retire(queueing);
     const bool emulated = emulateLeaderTrailer;
     const LeaderTrailerParameters parameters = leaderTrailer;
     const lib_frame_transfer frame = record->frame;

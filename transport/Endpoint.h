@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <list>
 #include <map>
 #include <vector>
 #include <memory>
@@ -92,9 +93,13 @@ private:
         struct Queueing {
             FrameRecord record;
             FrameHandler callback;
-            std::uint64_t stops;
+            std::uint64_t stops = 0;
         };
-        std::map<const FrameRecord*, std::shared_ptr<Queueing>> queueings;
+        // A list, so that records stay where libcsi was told they are; done
+        // ones move to the spares and are used again, so a queueing allocates
+        // nothing once a buffer has gone round.
+        std::list<Queueing> queueings, spareQueueings;
+        void Retire(std::list<Queueing>::iterator queueing);
         // Where the camera's leader and trailer land for a buffer of the caller.
         std::vector<std::uint8_t> leader, trailer;
         Endpoint* endpoint = nullptr;

@@ -131,9 +131,27 @@ TEST(Signal, BlockedAndCopiedConnections)
         Tools::ConnectionBlock block(connection);
         signal();
         EXPECT_EQ(0, calls) << "a blocked slot is skipped";
+        {
+            Tools::ConnectionBlock inner(copy);
+        }
+        signal();
+        EXPECT_EQ(0, calls) << "an inner block's end leaves the outer one";
+        Tools::ConnectionBlock onNothing(empty);
     }
     signal();
     EXPECT_EQ(1, calls) << "and runs again once the block is gone";
+    auto tracked = std::make_shared<int>(0);
+    Tools::Connection trackedConnection = signal.Connect([&] { ++*tracked; }, tracked);
+    {
+        Tools::ConnectionBlock block(trackedConnection);
+        signal();
+        EXPECT_EQ(0, *tracked) << "a tracked slot is blocked too";
+        EXPECT_EQ(2, calls);
+    }
+    signal();
+    EXPECT_EQ(1, *tracked);
+    trackedConnection.Disconnect();
+    calls = 1;
     copy.Disconnect();
     EXPECT_FALSE(connection.IsConnected()) << "copies name the same link";
     signal();
