@@ -76,6 +76,34 @@ inline double HandOffMicroseconds(int handOffs)
     return (CpuSeconds() - start) * 1e6 / handOffs;
 }
 
+// Microseconds from a notify to the woken thread running, for each of
+// `handOffs` hand-offs between two threads taking turns: the scheduler's
+// part of every crossing a frame makes, the floor of a wake-up chain.
+inline std::vector<double> HandOffWakeUps(int handOffs)
+{
+    std::mutex mutex;
+    std::condition_variable changed;
+    int turn = 0; // even: the first thread's turn
+    std::uint64_t notifiedAt = 0;
+    std::vector<double> wakeUps;
+    wakeUps.reserve(static_cast<std::size_t>(handOffs));
+    auto play = [&](int first) {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (int n = first; n < handOffs; n += 2) {
+            changed.wait(lock, [&] { return turn == n; });
+            if (n > 0)
+                wakeUps.push_back(static_cast<double>(SteadyNanoseconds() - notifiedAt) / 1000.0);
+            ++turn;
+            notifiedAt = SteadyNanoseconds();
+            changed.notify_one();
+        }
+    };
+    std::thread other(play, 1);
+    play(0);
+    other.join();
+    return wakeUps;
+}
+
 // The value at `fraction` (0.5 the median) of `values`.
 inline double Percentile(std::vector<double> values, double fraction)
 {

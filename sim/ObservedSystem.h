@@ -1,7 +1,7 @@
 #pragma once
 
-// A virtual camera whose ioctls a test can watch on their way in: it sees
-// what libcsi asks of the driver, not what the driver makes of it.
+// A virtual camera whose ioctls can be watched: on their way in, what libcsi
+// asks of the driver, and on their way out, what a successful call answered.
 #include "libcsi/OsSeam.h"
 #include "sim/VirtualSystem.h"
 
@@ -9,15 +9,15 @@
 #include <memory>
 #include <utility>
 
-namespace LibcsiTest {
+namespace QEL { namespace Sim {
 
-class ObservedSystem : public QEL::Os::Backend {
+class ObservedSystem : public Os::Backend {
 public:
     using Observer = std::function<void(unsigned long request, const void* argument)>;
 
-    // The observer runs on libcsi's threads; it must guard what it keeps.
-    ObservedSystem(std::shared_ptr<QEL::Sim::VirtualSystem> system, Observer observer)
-        : system(std::move(system)), observer(std::move(observer))
+    // The observers run on libcsi's threads; they must guard what they keep.
+    ObservedSystem(std::shared_ptr<VirtualSystem> system, Observer before, Observer after = nullptr)
+        : system(std::move(system)), before(std::move(before)), after(std::move(after))
     {
     }
 
@@ -25,8 +25,12 @@ public:
     int Close(int fd) override { return system->Close(fd); }
     int Ioctl(int fd, unsigned long request, void* argument) override
     {
-        observer(request, argument);
-        return system->Ioctl(fd, request, argument);
+        if (before)
+            before(request, argument);
+        const int result = system->Ioctl(fd, request, argument);
+        if (after && result >= 0)
+            after(request, argument);
+        return result;
     }
     ssize_t Read(int fd, void* buffer, std::size_t size) override { return system->Read(fd, buffer, size); }
     off_t Lseek(int fd, off_t offset, int whence) override { return system->Lseek(fd, offset, whence); }
@@ -42,8 +46,8 @@ public:
     std::vector<std::string> ListDirectory(const char* path) override { return system->ListDirectory(path); }
 
 private:
-    std::shared_ptr<QEL::Sim::VirtualSystem> system;
-    Observer observer;
+    std::shared_ptr<VirtualSystem> system;
+    Observer before, after;
 };
 
-}
+} }

@@ -400,7 +400,7 @@ void VirtualSystem::StopStreaming(Camera& camera, std::unique_lock<std::mutex>& 
         camera.done.push_back({index, QEL_BUF_FLAG_UNUSED, 0, camera.sequence++, now});
     }
     camera.incoming.clear();
-    NotifyWaiters();
+    NotifyWaiters(&camera);
 }
 
 void VirtualSystem::FrameLoop(Camera& camera)
@@ -474,7 +474,7 @@ void VirtualSystem::FrameLoop(Camera& camera)
         if (camera.recentFrames.size() > 100000)
             camera.recentFrames.pop_front();
         camera.done.push_back({index, flags | V4L2_BUF_FLAG_DONE, static_cast<std::uint32_t>(size), camera.sequence++, stamp});
-        NotifyWaiters();
+        NotifyWaiters(&camera);
     }
 }
 

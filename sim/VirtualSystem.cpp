@@ -31,6 +31,7 @@ constexpr std::size_t PageSize = 4096;
 // The pipe on which the calling thread sleeps in Select.
 struct ThreadWaiter {
     int fds[2] = {-1, -1};
+    std::vector<const void*> frameSources; // kept, so that a Select allocates nothing
     ThreadWaiter()
     {
         if (::pipe2(fds, O_NONBLOCK | O_CLOEXEC) != 0)
@@ -149,11 +150,14 @@ void VirtualSystem::BuildTree()
     }
 }
 
-void VirtualSystem::NotifyWaiters()
+void VirtualSystem::NotifyWaiters(const Camera* frames)
 {
     const char byte = 1;
-    for (int fd : waiters)
-        (void)!::write(fd, &byte, 1);
+    for (const Waiting& waiting : waiters) {
+        const auto& sources = *waiting.frameSources;
+        if (!frames || std::find(sources.begin(), sources.end(), frames) != sources.end())
+            (void)!::write(waiting.wakeFd, &byte, 1);
+    }
 }
 
 void VirtualSystem::SetAttribute(const std::shared_ptr<Attribute>& attribute, const std::string& value)
@@ -316,11 +320,30 @@ int VirtualSystem::Select(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* e
                                         std::chrono::microseconds(timeout->tv_usec)
                                   : std::chrono::steady_clock::time_point::max();
     ThreadWaiter& waiter = Waiter();
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        waiter.frameSources.clear();
+        for (int fd : virtualRead)
+            if (auto file = Find(fd); file && file->kind == OpenFile::Node)
+                waiter.frameSources.push_back(file->camera);
+        waiters.push_back({waiter.fds[1], &waiter.frameSources});
+    }
+    // Registered for the whole call: a wake-up that comes while this thread
+    // looks at the descriptors stays in its pipe and ends the next sleep.
+    struct Unregister {
+        VirtualSystem& system;
+        int wakeFd;
+        ~Unregister()
+        {
+            std::lock_guard<std::mutex> lock(system.mutex);
+            auto& list = system.waiters;
+            list.erase(std::find_if(list.begin(), list.end(), [&](const Waiting& w) { return w.wakeFd == wakeFd; }));
+        }
+    } unregister{*this, waiter.fds[1]};
     for (;;) {
         std::vector<int> readyRead, readyExcept;
         {
             std::lock_guard<std::mutex> lock(mutex);
-            waiters.insert(waiter.fds[1]);
             for (int fd : virtualRead)
                 if (auto file = Find(fd); file && IsReadable(*file))
                     readyRead.push_back(fd);
@@ -333,20 +356,12 @@ int VirtualSystem::Select(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* e
         if (realCount > 0) {
             timeval zero{0, 0};
             realReady = ::select(nfds, &r, &w, &e, &zero);
-            if (realReady < 0) {
-                const int error = errno;
-                std::lock_guard<std::mutex> lock(mutex);
-                waiters.erase(waiter.fds[1]);
-                return Fail(error);
-            }
+            if (realReady < 0)
+                return Fail(errno);
         }
         const int total = realReady + static_cast<int>(readyRead.size() + readyExcept.size());
         const bool expired = std::chrono::steady_clock::now() >= deadline;
         if (total > 0 || expired) {
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                waiters.erase(waiter.fds[1]);
-            }
             if (readSet)
                 *readSet = r;
             if (writeSet)
@@ -373,10 +388,6 @@ int VirtualSystem::Select(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* e
         }
         const int slept = ::select(std::max(nfds, waiter.fds[0] + 1), &sleepRead, &sleepWrite, &sleepExcept, limit);
         const int error = errno;
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            waiters.erase(waiter.fds[1]);
-        }
         waiter.Drain();
         if (slept < 0)
             return Fail(error);

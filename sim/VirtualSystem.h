@@ -77,7 +77,8 @@ private:
     static std::string ClientPath(const CameraDescription& camera);
     void AddAttribute(const std::string& path, const std::string& value, Camera* camera = nullptr);
     void SetAttribute(const std::shared_ptr<Attribute>& attribute, const std::string& value);
-    void NotifyWaiters();
+    // All waiters, or with `frames` only those waiting for that camera's frames.
+    void NotifyWaiters(const Camera* frames = nullptr);
     std::shared_ptr<OpenFile> Find(int fd);
     int NodeIoctl(Camera& camera, unsigned long request, void* argument);
     int I2CIoctl(Camera& camera, unsigned long request, void* argument);
@@ -96,7 +97,14 @@ private:
     std::vector<std::unique_ptr<Camera>> cameras;
     std::map<std::string, std::shared_ptr<Attribute>> attributes;
     std::map<int, std::shared_ptr<OpenFile>> files;
-    std::set<int> waiters; // write ends of the pipes of threads in Select
+    // Threads in Select: the write end of each one's wake-up pipe, and the
+    // cameras whose frames it waits for. As in the kernel, a frame wakes only
+    // the threads polling that camera's node; attribute changes wake them all.
+    struct Waiting {
+        int wakeFd;
+        const std::vector<const void*>* frameSources;
+    };
+    std::vector<Waiting> waiters;
     std::unique_ptr<Scheduler> scheduler;
     std::unique_ptr<ControlFile> controlFile; // last: its thread calls into everything above
 };

@@ -7,8 +7,8 @@
 #include "libcsi/include/libcsi/libcsi.h"
 #include "libcsi/include/libcsi/qel_csi2_driver.h"
 #include "sim/CameraMap.h"
+#include "sim/ObservedSystem.h"
 #include "sim/VirtualSystem.h"
-#include "tests/libcsi/ObservedSystem.h"
 #include "tests/TestSupport.h"
 #include "tests/sim/SimHarness.h"
 
@@ -214,7 +214,7 @@ TEST(DeviceOpen, ACameraAlreadyInGenCPModeIsNotSwitched)
 {
     VirtualBoard board(kOneCamera);
     auto recorder = std::make_shared<WriteRecorder>();
-    Os::Install(std::make_shared<LibcsiTest::ObservedSystem>(
+    Os::Install(std::make_shared<Sim::ObservedSystem>(
         board.system, [recorder](unsigned long request, const void* argument) { (*recorder)(request, argument); }));
     device_handle_t* device = nullptr;
     ASSERT_EQ(LIBCSI_OK, board.Open(&device));

@@ -3,10 +3,10 @@
 #include "libcsi/OsSeam.h"
 #include "libcsi/include/libcsi/libcsi.h"
 #include "sim/CameraMap.h"
+#include "sim/ObservedSystem.h"
 #include "sim/PixelFormats.h"
 #include "sim/VirtualSystem.h"
 #include "tests/TestSupport.h"
-#include "tests/libcsi/ObservedSystem.h"
 #include "tests/sim/SimHarness.h"
 
 #include <gtest/gtest.h>
@@ -296,7 +296,7 @@ TEST_F(Stream, FrameBookkeeping)
          "[camera1]\nnode = video1\nport = 3\nbus = 3\nbus_timing = 0\nmode_switch_delay_ms = 2\n");
     std::mutex seen;
     std::vector<std::uint32_t> lengths;
-    Os::Install(std::make_shared<LibcsiTest::ObservedSystem>(system, [&](unsigned long request, const void* argument) {
+    Os::Install(std::make_shared<Sim::ObservedSystem>(system, [&](unsigned long request, const void* argument) {
         if (request == VIDIOC_QBUF) {
             std::lock_guard<std::mutex> lock(seen);
             lengths.push_back(static_cast<const v4l2_buffer*>(argument)->length);
