@@ -621,15 +621,19 @@ void StreamChannel::FinishFrame(StreamDataBlock& block, const LibCSI::frame_info
         Helper::SetInfo<Base::UInt64Info>(infos, BUFFER_INFO_CHUNKLAYOUTID, frame.chunkLayoutId);
         Helper::SetInfo<Base::SizeTInfo>(infos, BUFFER_INFO_DELIVERED_CHUNKPAYLOADSIZE, frame.chunkSize);
     }
-    Log(boost::format("BUFFER_INFO_WIDTH: %1%") % frame.width);
-    Log(boost::format("BUFFER_INFO_HEIGHT: %1%") % frame.height);
-    Log(boost::format("BUFFER_INFO_XOFFSET: %1%") % frame.offsetX);
-    Log(boost::format("BUFFER_INFO_YOFFSET: %1%") % frame.offsetY);
-    Log(boost::format("BUFFER_INFO_XPADDING: %1%") % frame.paddingX);
-    Log(boost::format("BUFFER_INFO_PIXELFORMAT: %1%") % frame.pixelFormat);
-    Log(boost::format("BUFFER_INFO_IMAGESIZE: %1%") % imageSize);
-    Log(boost::format("BUFFER_INFO_SIZE_FILLED: %1%") % frame.validSize);
-    Log(boost::format("BUFFER_INFO_YPADDING: %1%") % yPadding);
+    // Formatting nine lines costs more than the rest of a frame's handling:
+    // only when somebody reads the log.
+    if (Tools::Logger::IsActive()) {
+        Log(boost::format("BUFFER_INFO_WIDTH: %1%") % frame.width);
+        Log(boost::format("BUFFER_INFO_HEIGHT: %1%") % frame.height);
+        Log(boost::format("BUFFER_INFO_XOFFSET: %1%") % frame.offsetX);
+        Log(boost::format("BUFFER_INFO_YOFFSET: %1%") % frame.offsetY);
+        Log(boost::format("BUFFER_INFO_XPADDING: %1%") % frame.paddingX);
+        Log(boost::format("BUFFER_INFO_PIXELFORMAT: %1%") % frame.pixelFormat);
+        Log(boost::format("BUFFER_INFO_IMAGESIZE: %1%") % imageSize);
+        Log(boost::format("BUFFER_INFO_SIZE_FILLED: %1%") % frame.validSize);
+        Log(boost::format("BUFFER_INFO_YPADDING: %1%") % yPadding);
+    }
     auto basic = std::dynamic_pointer_cast<Base::BasicBuffer>(block.buffer);
     basic->SetInfos(infos, false, true);
     block.newData = true;
