@@ -268,6 +268,12 @@ std::pair<double, double> FrameTable(const Size& size)
         LibCSIImpl::TheConfig().enableUserptr = false;
         rows.push_back(ThroughGenTL("GenTL, announced buffers (copy)", false));
         rows.push_back(ThroughGenTL("GenTL, allocated buffers", true));
+        // The consumer's own memory cannot take the driver's writes through
+        // GenTL while the camera sends a leader and trailer (they land apart
+        // from the payload), so user pointers go through GenTL allocated.
+        LibCSIImpl::TheConfig().enableUserptr = true;
+        rows.push_back(ThroughGenTL("GenTL USERPTR_INT, allocated buffers", true));
+        LibCSIImpl::TheConfig().enableUserptr = false;
         rounds.push_back(rows);
     }
     libcsi_deinit();
