@@ -311,7 +311,7 @@ std::pair<double, double> FrameTable(const Size& size)
 int main()
 {
     LibCSIImpl::TheConfig().logLevel = 0;
-    std::vector<Size> sizes = {{"5 MP", 2592, 1944, 120}, {"0.3 MP", 640, 480, 600}};
+    std::vector<Size> sizes = {{"5 MP", 2592, 1944, 1000}, {"0.3 MP", 640, 480, 5000}};
     if (Bench::Tiny()) {
         sizes = {{"0.3 MP", 640, 480, 10}};
         Rounds = 1;
