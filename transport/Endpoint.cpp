@@ -526,7 +526,8 @@ void Endpoint::EnqueueMessage(FrameRecord* record)
         return;
     }
     const std::shared_ptr<DataTransfer> transfer = found->second;
-    // This queueing is done with; the caller no longer reads its record.
+    // This queueing is done with; the caller no longer reads its record, which
+    // the next queueing of the buffer may take over once the guard is released.
     auto& queueings = transfer->queueings;
     const auto queueing = std::find_if(queueings.begin(), queueings.end(),
                                        [&](const DataTransfer::Queueing& q) { return &q.record == record; });
@@ -536,11 +537,11 @@ void Endpoint::EnqueueMessage(FrameRecord* record)
         return;
     }
     const FrameHandler callback = queueing->callback;
+    const lib_frame_transfer frame = record->frame;
+    const std::uint32_t status = record->status;
     transfer->Retire(queueing);
     const bool emulated = emulateLeaderTrailer;
     const LeaderTrailerParameters parameters = leaderTrailer;
-    const lib_frame_transfer frame = record->frame;
-    const std::uint32_t status = record->status;
     guard.Release();
     const frame_info info = emulated ? EmulatedFrameInfo(parameters, emulatedBlockId.fetch_add(1))
                                      : FrameInfoFromLeaderTrailer(frame, status);
