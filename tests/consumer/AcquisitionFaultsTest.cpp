@@ -283,7 +283,13 @@ TEST_F(ControlledAcquisition, BusAndDriverFaultsFailTheirCallAndTheCameraStreams
     for (const Case& c : cases) {
         SCOPED_TRACE(c.fault);
         failure = {};
+        // Nothing talks to the camera until the fault is surely in force (the
+        // watcher applies a line within 50 ms): an exchange that it caught
+        // between taking the handshake and giving it back would leave the
+        // handshake taken, as the stuck handshake below does, and every later
+        // exchange would fail until the camera restarts.
         Command(c.fault);
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
         EXPECT_TRUE(WaitFor([&] { return !readWidth(); })) << "the fault arrived";
         EXPECT_EQ(notSubmitted, failure);
         if (c.after)
