@@ -46,62 +46,40 @@ inline double ContextSwitches()
     return static_cast<double>(usage.ru_nvcsw + usage.ru_nivcsw);
 }
 
-// CPU microseconds of one hand-off between two threads on this machine: a
-// notify on a condition variable that wakes a thread blocked on it, which
-// answers the same way. Each frame crosses threads a few times; this is the
-// price of each crossing.
-inline double HandOffMicroseconds(int handOffs)
-{
-    std::mutex mutex;
-    std::condition_variable changed;
-    int turn = 0; // even: the first thread's turn
-    const double start = CpuSeconds();
-    std::thread other([&] {
-        std::unique_lock<std::mutex> lock(mutex);
-        for (int n = 1; n < handOffs; n += 2) {
-            changed.wait(lock, [&] { return turn == n; });
-            ++turn;
-            changed.notify_one();
-        }
-    });
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        for (int n = 0; n < handOffs; n += 2) {
-            changed.wait(lock, [&] { return turn == n; });
-            ++turn;
-            changed.notify_one();
-        }
-    }
-    other.join();
-    return (CpuSeconds() - start) * 1e6 / handOffs;
-}
+// Two threads handing a turn to each other `count` times through a condition
+// variable, nothing else done: what each crossing a frame makes costs on this
+// machine. `cpuMicroseconds` is the CPU of both threads per hand-off;
+// `wakeUps` the microseconds from each notify to the woken thread running.
+struct HandOffs {
+    double cpuMicroseconds = 0;
+    std::vector<double> wakeUps;
+};
 
-// Microseconds from a notify to the woken thread running, for each of
-// `handOffs` hand-offs between two threads taking turns: the scheduler's
-// part of every crossing a frame makes, the floor of a wake-up chain.
-inline std::vector<double> HandOffWakeUps(int handOffs)
+inline HandOffs MeasureHandOffs(int count)
 {
     std::mutex mutex;
     std::condition_variable changed;
     int turn = 0; // even: the first thread's turn
     std::uint64_t notifiedAt = 0;
-    std::vector<double> wakeUps;
-    wakeUps.reserve(static_cast<std::size_t>(handOffs));
+    HandOffs result;
+    result.wakeUps.reserve(static_cast<std::size_t>(count));
     auto play = [&](int first) {
         std::unique_lock<std::mutex> lock(mutex);
-        for (int n = first; n < handOffs; n += 2) {
+        for (int n = first; n < count; n += 2) {
             changed.wait(lock, [&] { return turn == n; });
             if (n > 0)
-                wakeUps.push_back(static_cast<double>(SteadyNanoseconds() - notifiedAt) / 1000.0);
+                result.wakeUps.push_back(static_cast<double>(SteadyNanoseconds() - notifiedAt) / 1000.0);
             ++turn;
             notifiedAt = SteadyNanoseconds();
             changed.notify_one();
         }
     };
+    const double start = CpuSeconds();
     std::thread other(play, 1);
     play(0);
     other.join();
-    return wakeUps;
+    result.cpuMicroseconds = (CpuSeconds() - start) * 1e6 / count;
+    return result;
 }
 
 // The value at `fraction` (0.5 the median) of `values`.

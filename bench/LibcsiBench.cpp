@@ -350,7 +350,7 @@ int main()
                         Bench::Format("%.2f", copyUs > 0 ? bytes / copyUs / 1e3 : 0),
                         Bench::Format("%.2f", copyUs > 0 ? memcpyUs / copyUs : 0)}});
 
-    const double handOff = Bench::HandOffMicroseconds(Bench::Tiny() ? 2000 : 200000);
+    const double handOff = Bench::MeasureHandOffs(Bench::Tiny() ? 2000 : 200000).cpuMicroseconds;
     std::printf("### Crossing threads\n\nWhat one hand-off between two threads costs on this machine (a condition "
                 "variable notified, the waiting thread woken, and back), CPU of both threads per hand-off. A frame "
                 "crosses from the driver's thread to libcsi's dequeue thread, to its callback thread and, through "

@@ -217,7 +217,7 @@ void WakeUpLatency()
         tl->DSQueueBuffer(s.stream, data.BufferHandle);
     }
     s.Close();
-    const std::vector<double> handOffs = HandOffWakeUps(Tiny() ? 200 : 20000);
+    const std::vector<double> handOffs = MeasureHandOffs(Tiny() ? 200 : 20000).wakeUps;
     std::printf("### Wake-up latency\n\nFrom the driver filling a frame (its leader's timestamp) to EventGetData "
                 "returning in a consumer that waits: %zu frames of 640x480 Mono8 at 500 fps, 8 buffers. The floor "
                 "is 0; the goal is p99 <= 100 us on an idle machine. The stages split at the moment libcsi's "
