@@ -50,21 +50,12 @@ TEST_F(OwnUserPointerAcquisition, EveryPixelOfThreeHundredFramesInTheConsumersOw
 TEST_F(UserPointerAcquisition, EveryPixelOfThreeHundredFramesInAllocatedMemory)
 {
     // With leader and trailer a consumer's buffer holds only the payload, which
-    // the driver cannot fill in place: refused, nothing written anywhere.
+    // the driver cannot fill in place: refused, nothing announced.
     std::vector<std::uint8_t> own(payloadSize + Alignment);
     auto* aligned = own.data() + (Alignment - reinterpret_cast<std::uintptr_t>(own.data()) % Alignment) % Alignment;
     BUFFER_HANDLE refused = nullptr;
-    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSAnnounceBuffer)(stream, aligned, payloadSize, nullptr, &refused));
-    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSQueueBuffer)(stream, refused));
-    EXPECT_EQ(GC_ERR_ERROR, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE));
-    EXPECT_EQ(0, StreamInfo<bool8_t>(STREAM_INFO_IS_GRABBING));
-    // The failed start gives the buffer back: it can be flushed and revoked.
-    EXPECT_EQ(1u, StreamInfo<size_t>(STREAM_INFO_NUM_QUEUED));
-    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_DISCARD)) << producer.LastError().second;
-    void* base = nullptr;
-    void* user = nullptr;
-    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSRevokeBuffer)(stream, refused, &base, &user)) << producer.LastError().second;
-    EXPECT_EQ(aligned, base);
+    EXPECT_EQ(GC_ERR_ERROR, LORUN_FN(DSAnnounceBuffer)(stream, aligned, payloadSize, nullptr, &refused));
+    EXPECT_EQ(0u, StreamInfo<size_t>(STREAM_INFO_NUM_ANNOUNCED));
 
     StreamVerified(0, 4, 300);
     ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_DISCARD));

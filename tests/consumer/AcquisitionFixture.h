@@ -25,26 +25,27 @@ inline const std::string DefaultCamera = "width = 64\nheight = 16\npixel_format 
 class Acquisition : public ::testing::Test {
 protected:
     struct Setup {
-        explicit Setup(std::string cameraKeys = DefaultCamera, std::string systemKeys = "", std::string config = "")
-            : camera(std::move(cameraKeys)), system(std::move(systemKeys)), libcsiConfig(std::move(config))
+        explicit Setup(std::string cameraKeys = DefaultCamera, std::string systemKeys = "", std::string config = "",
+                       bool dynamicBuffers = false)
+            : camera(std::move(cameraKeys)), system(std::move(systemKeys)), libcsiConfig(std::move(config)),
+              dynamicBufferHandling(dynamicBuffers)
         {
         }
         std::string camera;       // keys of [camera0]
         std::string system;       // keys of [system]
-        std::string libcsiConfig; // libcsi.cfg beside the producer, read at its first use
+        std::string libcsiConfig; // libcsi.cfg beside the producer, read as it loads
+        bool dynamicBufferHandling; // GCInitLibEx's flag: buffers announced and revoked while streaming
     };
 
     Acquisition() : Acquisition(Setup{}) {}
-    explicit Acquisition(const Setup& setup)
+    explicit Acquisition(const Setup& setup) : producer("", setup.libcsiConfig)
     {
-        if (!setup.libcsiConfig.empty())
-            std::ofstream(producer.File("libcsi.cfg")) << setup.libcsiConfig;
         std::ofstream(producer.File("cameras.ini"))
             << "[system]\n" << setup.system << "[camera0]\nguid = CAM-1\nbus_timing = 0\n" << setup.camera;
         emulated = setup.camera.find("leader_trailer = 0") != std::string::npos;
         chunks = setup.camera.find("chunk_data = 1") != std::string::npos;
         setenv("LORUN_VIRTUAL_CAMERA", producer.File("cameras.ini").c_str(), 1);
-        EXPECT_EQ(GC_ERR_SUCCESS, producer.GCInitLib());
+        EXPECT_EQ(GC_ERR_SUCCESS, setup.dynamicBufferHandling ? producer.GCInitLibEx(1) : producer.GCInitLib());
         EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(TLOpen)(&tl));
         EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(TLOpenInterface)(tl, "LorunCSIInterface_0x0", &interface));
         bool8_t changed = 0;
@@ -136,8 +137,21 @@ protected:
     // Takes `count` frames, checks each, and queues its buffer again.
     void Grab(std::size_t count)
     {
-        const auto& format = QEL::Sim::PixelFormatByName("Mono8");
         for (std::size_t frame = 0; frame < count; ++frame) {
+            BUFFER_HANDLE buffer = nullptr;
+            ASSERT_NO_FATAL_FAILURE(buffer = TakeChecked(frame));
+            ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSQueueBuffer)(stream, buffer));
+        }
+    }
+
+    // Waits for the next frame and checks it; its buffer, not queued again
+    // (check with ASSERT_NO_FATAL_FAILURE). The user pointer of each buffer is
+    // its index in `buffers`.
+    BUFFER_HANDLE TakeChecked(std::size_t frame)
+    {
+        BUFFER_HANDLE buffer = nullptr;
+        [&] {
+            const auto& format = QEL::Sim::PixelFormatByName("Mono8");
             EVENT_NEW_BUFFER_DATA data{};
             size_t size = sizeof data;
             ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(EventGetData)(newBuffer, &data, &size, 5000))
@@ -145,7 +159,7 @@ protected:
             const auto index = reinterpret_cast<std::uintptr_t>(data.pUserPointer);
             ASSERT_LT(index, buffers.size());
             ASSERT_EQ(buffers[index], data.BufferHandle);
-            BUFFER_HANDLE buffer = data.BufferHandle;
+            buffer = data.BufferHandle;
             const auto id = BufferInfo<std::uint64_t>(buffer, BUFFER_INFO_FRAMEID);
             EXPECT_GT(id, lastFrameId);
             lastFrameId = id;
@@ -172,8 +186,8 @@ protected:
                         QEL::Sim::PatternSample(x, y, 0, block, format, 0))
                         ++wrongPixels;
             ++seen[index];
-            ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSQueueBuffer)(stream, buffer));
-        }
+        }();
+        return buffer;
     }
 
     // Announces and queues buffers, starts, takes `frames` checked frames and stops.

@@ -25,8 +25,10 @@ public:
     using InitLibExFn = GC_ERROR (*)(uint32_t);
     using CloseLibFn = GC_ERROR (*)();
 
-    // `settingsXml` is written beside the copy as its settings file when not empty.
-    explicit ProducerLoader(const std::string& settingsXml = "")
+    // `settingsXml` is written beside the copy as its settings file, and
+    // `libcsiConfig` as libcsi.cfg, when not empty: before the copy is loaded,
+    // since libcsi reads its configuration as it loads.
+    explicit ProducerLoader(const std::string& settingsXml = "", const std::string& libcsiConfig = "")
     {
         folder = boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("lorun-%%%%-%%%%-%%%%");
         boost::filesystem::create_directories(folder);
@@ -34,6 +36,8 @@ public:
         boost::filesystem::copy_file(LORUN_CTI_PATH, path);
         if (!settingsXml.empty())
             std::ofstream((folder / "lorun_csi2.xml").string()) << settingsXml;
+        if (!libcsiConfig.empty())
+            std::ofstream((folder / "libcsi.cfg").string()) << libcsiConfig;
         handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (!handle)
             throw std::runtime_error(dlerror());
