@@ -34,6 +34,9 @@ struct libcsi_frame_handle {
     // theirs: atomic, as no one mutex covers every writer.
     std::atomic<bool> queued{false};
     std::uint32_t origin = 0; // 0 announced, 1 allocated here
+    // The memory mode the frame was announced in: the device's follows the
+    // latest announce, and a revoke must free only what this frame owns.
+    std::uint32_t memoryMode = 0;
     std::uint32_t m_nBufferIndex = 0;
     std::uint64_t totalSize = 0;
 };
@@ -65,6 +68,12 @@ struct libcsi_device_handle {
     std::set<std::uint64_t> statisticsCapabilities;
     std::map<std::uint8_t, std::pair<std::uint32_t, std::uint32_t>> clockRanges;
     bool formatDirty = true;
+    // The frame geometry this camera's node was last told (VIDIOC_S_FMT).
+    std::uint64_t formatTotalSize = 0;
+    std::uint32_t formatIpuX = 0, formatIpuY = 0;
+    // User-pointer buffers the driver was told of when the stream started:
+    // a frame announced while streaming must take an index below it.
+    std::uint32_t userBuffersDeclared = 0;
     std::uint32_t streamRunCounter = 0;
 
     // Frames.

@@ -19,18 +19,17 @@ namespace QEL { namespace LibCSIImpl {
 
 namespace {
 
-// The geometry last told to the driver, process-wide.
-struct {
-    std::mutex mutex;
-    std::uint64_t totalSize = 0;
-    std::uint32_t ipuX = 0, ipuY = 0;
-} lastFormat;
-
-int32_t SetFormat(Device& device, std::uint64_t totalSize, std::uint32_t ipuX, std::uint32_t ipuY)
+// Kept per camera, since each camera's node has a format of its own. While the
+// camera streams its format cannot change: a frame of another geometry is refused.
+int32_t SetFormat(const char* function, Device& device, std::uint64_t totalSize, std::uint32_t ipuX, std::uint32_t ipuY)
 {
-    std::lock_guard<std::mutex> lock(lastFormat.mutex);
-    if (!device.formatDirty && lastFormat.totalSize == totalSize && lastFormat.ipuX == ipuX && lastFormat.ipuY == ipuY)
+    if (!device.formatDirty && device.formatTotalSize == totalSize && device.formatIpuX == ipuX &&
+        device.formatIpuY == ipuY)
         return LIBCSI_OK;
+    if (device.state == Streaming) {
+        LIBCSI_LOG(TierError, " %s ERROR: Frame geometry differs from the running stream's.\n", function);
+        return LIBCSI_INVALID_DEVICE_STATE;
+    }
     device.formatDirty = false;
     v4l2_format format{};
     format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
@@ -47,9 +46,9 @@ int32_t SetFormat(Device& device, std::uint64_t totalSize, std::uint32_t ipuX, s
     }
     LIBCSI_LOG(TierTrace, " VIDIOC_S_FMT succcess. SizeImage=%d Width=%d, Height=%d\n",
                static_cast<int>(format.fmt.pix.sizeimage), static_cast<int>(ipuX), static_cast<int>(ipuY));
-    lastFormat.totalSize = totalSize;
-    lastFormat.ipuX = ipuX;
-    lastFormat.ipuY = ipuY;
+    device.formatTotalSize = totalSize;
+    device.formatIpuX = ipuX;
+    device.formatIpuY = ipuY;
     return LIBCSI_OK;
 }
 
@@ -175,7 +174,9 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
         return LIBCSI_INVALID_PARAMETER;
     }
     std::lock_guard<std::mutex> frames(device.frameMutex);
-    if (device.state != Open && device.state != ResetRequested) {
+    // A frame may join a running stream (the consumer's dynamic buffer
+    // handling): its buffer goes to the driver when it is queued.
+    if (device.state != Open && device.state != ResetRequested && device.state != Streaming) {
         LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", function);
         return LIBCSI_INVALID_DEVICE_STATE;
     }
@@ -189,7 +190,7 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
     LIBCSI_LOG(TierTrace, " nTotalFrameSize=%lu (L+P+T=%lu+%lu+%lu)\n", static_cast<unsigned long>(total),
                static_cast<unsigned long>(t.m_nLeaderSize), static_cast<unsigned long>(t.m_nPayloadSize),
                static_cast<unsigned long>(t.m_nTrailerSize));
-    if (int32_t result = SetFormat(device, total, ipuX, ipuY))
+    if (int32_t result = SetFormat(function, device, total, ipuX, ipuY))
         return result;
     std::uint32_t index;
     if (!device.freeBufferIndices.empty()) {
@@ -198,11 +199,17 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
     } else {
         index = static_cast<std::uint32_t>(device.announcedFrames.size());
     }
+    const Config& config = TheConfig();
+    if (device.state == Streaming && config.enableUserptr && index >= device.userBuffersDeclared) {
+        LIBCSI_LOG(TierError, " %s ERROR: No buffer index free while streaming (%u user pointer buffers).\n", function,
+                   device.userBuffersDeclared);
+        device.freeBufferIndices.insert(index);
+        return LIBCSI_INVALID_DEVICE_STATE;
+    }
     LIBCSI_LOG(TierTrace, " nNextFreeIndex=%d\n", static_cast<int>(index));
     frame->m_nBufferIndex = index;
     frame->totalSize = total;
     auto giveBack = [&] { device.freeBufferIndices.insert(index); };
-    const Config& config = TheConfig();
     const std::uint32_t alignment = std::max<std::uint32_t>(1, device.driverInfo.usrptr_alignment);
     if (!allocate && config.enableUserptr) {
         // The driver fills one user block from its start: parts that lie apart would be overrun.
@@ -265,6 +272,7 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
         t.m_pTrailer = reinterpret_cast<std::uintptr_t>(trailer);
     }
     frame->transfer = pFrame;
+    frame->memoryMode = device.memoryMode;
     frame->queued = false;
     frame->origin = allocate ? 1 : 0;
     frame->m_pDeviceHandle = &device;
@@ -469,7 +477,7 @@ int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFra
             LIBCSI_LOG(TierError, " %s ERROR: Frame is still queued!\n", __func__);
             return LIBCSI_FRAME_QUEUED;
         }
-        if (device.memoryMode == MemoryMMAP) {
+        if (frame->memoryMode == MemoryMMAP) {
             void* start = frame->origin == 0 ? static_cast<void*>(frame->driverLeader ? frame->driverLeader
                                                                                       : frame->driverPayload)
                                              : reinterpret_cast<void*>(FirstPointer(*frame->transfer));
@@ -483,14 +491,21 @@ int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFra
                            std::strerror(errno));
                 return LIBCSI_DRIVER_CALL_FAILED;
             }
-        } else if (device.memoryMode == MemoryUserptrInternal) {
+        } else if (frame->memoryMode == MemoryUserptrInternal) {
+            // The index the allocation made exist goes too, so that a later frame can take it.
+            if (BufferRequest(device, VIDIOC_MEM_FREE, frame->m_nBufferIndex, V4L2_MEMORY_USERPTR) < 0) {
+                LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_MEM_FREE failed (errno=%d, %s).\n", __func__, errno,
+                           std::strerror(errno));
+                return LIBCSI_DRIVER_CALL_FAILED;
+            }
             std::free(reinterpret_cast<void*>(FirstPointer(*frame->transfer)));
         }
         device.freeBufferIndices.insert(frame->m_nBufferIndex);
         device.announcedFrames.erase(frame);
         if (device.announcedFrames.empty()) {
             device.buffersFit = true;
-            if (device.memoryMode != MemoryMMAP) {
+            // The driver keeps its user-pointer buffers while it streams; the next start declares them anew.
+            if (device.memoryMode != MemoryMMAP && device.state != Streaming) {
                 v4l2_requestbuffers request{};
                 request.count = 0;
                 request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;

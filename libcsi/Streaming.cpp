@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -506,8 +507,13 @@ int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentif
         }
         Os::Backend& os = Os::Current();
         if (device.memoryMode != MemoryMMAP) {
+            // The driver takes indices below the count: after a revoke the
+            // highest index in use can lie above the number of frames.
+            std::uint32_t count = 0;
+            for (const auto& frame : device.announcedFrames)
+                count = std::max(count, frame->m_nBufferIndex + 1);
             v4l2_requestbuffers request{};
-            request.count = static_cast<std::uint32_t>(device.announcedFrames.size());
+            request.count = count;
             request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
             request.memory = V4L2_MEMORY_USERPTR;
             if (os.Ioctl(device.m_nFileHandle, VIDIOC_REQBUFS, &request) < 0) {
@@ -515,6 +521,7 @@ int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentif
                            std::strerror(errno));
                 return LIBCSI_DRIVER_CALL_FAILED;
             }
+            device.userBuffersDeclared = count;
         }
         {
             std::lock_guard<std::mutex> dequeue(device.dequeueMutex);
