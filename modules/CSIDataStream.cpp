@@ -220,6 +220,8 @@ void DataStream::AddRegisters()
                                        0u, Base::AccessReadWrite);
     sizeMode->GetPreWriteSignal().Connect(
         [raw](const unsigned int& value, UIntRegister&) {
+            // The queue's lock before the channel's, as a finished frame takes them.
+            SharedMutexGuard queueGuard(raw->bufferQueue->GetMutex());
             SharedMutexGuard guard(raw->streamChannel->GetMutex());
             if (raw->streamChannel->IsStreaming())
                 throw Exception("Cannot change stream payload size mode while streaming.", GC_ERR_NOT_AVAILABLE);
@@ -233,7 +235,6 @@ void DataStream::AddRegisters()
                 if (!manual->HasValue()) {
                     const std::uint64_t alignment = raw->streamChannel->GetPayloadSizeAlignment();
                     std::uint64_t first = AlignSize(raw->streamChannel->GetPayloadSize(), alignment, true);
-                    SharedMutexGuard queueGuard(raw->bufferQueue->GetMutex());
                     if (raw->bufferQueue->GetAnnouncedCount() > 0)
                         first = std::max<std::uint64_t>(
                             first, AlignSize(raw->bufferQueue->GetSmallestBufferSize(), alignment, false));
@@ -307,6 +308,15 @@ void DataStream::Close()
     Swallow([&] { ClearPort(); });
     Swallow([&] { DeinitializeModule(); });
     Swallow([&] { ClearEvents(); });
+    // The stream channel outlives this stream (the device keeps it): libcsi's
+    // frames of these buffers go now, or memory announced again at the same
+    // address would find an old frame of the old size.
+    Swallow([&] {
+        if (bufferQueue && streamChannel) {
+            SharedMutexGuard guard(bufferQueue->GetMutex());
+            streamChannel->RevokeBuffers();
+        }
+    });
     errorQueue.reset();
     streamChannel.reset();
     Swallow([&] {
@@ -387,8 +397,11 @@ void DataStream::RevokeBuffer(const std::shared_ptr<Base::Buffer>& buffer, void*
     auto basic = std::dynamic_pointer_cast<Base::BasicBuffer>(buffer);
     void* const address = basic ? basic->GetBase() : nullptr;
     bufferQueue->RevokeBuffer(buffer, base, userPointer);
-    if (address)
-        streamChannel->RevokeBuffer(address);
+    // The queue took an allocated buffer for one of the consumer's; its memory
+    // goes with the frame, so no address of it is handed out (the GenTL rule
+    // for producer memory, over returning the address of freed memory).
+    if (address && streamChannel->RevokeBuffer(address) && base)
+        *base = nullptr;
 }
 
 // The queue's lock comes before the channel's here, as on every other path
@@ -544,8 +557,10 @@ void DataStream::GetBufferChunkData(const std::shared_ptr<Base::Buffer>& buffer,
     Base::InfoPtr bundle;
     try {
         bundle = bufferQueue->GetBufferInfo(buffer, Base::BasicBufferQueue::BundleInfo);
-    } catch (const Exception&) {
-        bundle.reset();
+    } catch (const Exception& e) {
+        // A buffer of another stream, or a released one, fails with its own code.
+        if (e.GetCode() != GC_ERR_NOT_AVAILABLE)
+            throw;
     }
     if (!bundle)
         throw Exception("Buffer info bundle not available.", GC_ERR_NOT_AVAILABLE);

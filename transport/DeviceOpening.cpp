@@ -60,19 +60,20 @@ DriverHandler::DeviceGuard::DeviceGuard(const std::shared_ptr<QEL::System::Mutex
     System::MutexGuard guard;
     if (!guard.TimedLock(globalMutex.get(), System::Clock::now() + GlobalLockTimeout))
         throw Exception("Could not lock global mutex.", GC_ERR_ERROR);
-    if (details->GetOpenMutex())
+    try {
+        openMutex = std::make_shared<QEL::System::Mutex>();
+    } catch (const std::bad_alloc&) {
+        openMutex.reset();
+    }
+    if (!openMutex)
         throw Exception("Device not available at the moment.", GC_ERR_RESOURCE_IN_USE);
-    openMutex = std::make_shared<QEL::System::Mutex>();
-    details->SetOpenMutex(openMutex);
 }
 
 DriverHandler::DeviceGuard::~DeviceGuard()
 {
     System::MutexGuard guard;
-    if (guard.TimedLock(globalMutex.get(), System::Clock::now() + GlobalLockTimeout)) {
-        details->SetOpenMutex(nullptr);
+    if (guard.TimedLock(globalMutex.get(), System::Clock::now() + GlobalLockTimeout))
         openMutex.reset();
-    }
 }
 
 // Device.

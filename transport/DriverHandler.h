@@ -104,19 +104,16 @@ public:
         bool IsAvailable() const { return available; }
         void SetAvailable(bool value) { available = value; }
         const DeviceData& GetData() const { return data; }
-        // The mutex that stands for the camera while it is open; empty when closed.
-        std::shared_ptr<QEL::System::Mutex> GetOpenMutex() const { return openMutex.lock(); }
-        void SetOpenMutex(const std::shared_ptr<QEL::System::Mutex>& mutex) { openMutex = mutex; }
 
     private:
         std::string key, id;
         DeviceData data;
         bool available = true;
-        std::weak_ptr<QEL::System::Mutex> openMutex;
     };
 
     // Stands for one open camera under the global mutex: made when it opens,
-    // gone when the camera is closed. A camera already open refuses a second one.
+    // gone when the camera is closed. A second open of a camera is refused
+    // above (the interface) and below (libcsi), not here.
     class DeviceGuard : public virtual System::Object {
     public:
         DeviceGuard(const std::shared_ptr<QEL::System::Mutex>& globalMutex, const std::shared_ptr<DeviceDetails>& details);

@@ -444,14 +444,25 @@ void StreamChannel::AnnounceBuffer(const std::shared_ptr<Base::Buffer>& buffer)
     block->transferHandle = handle;
 }
 
-void StreamChannel::RevokeBuffer(void* base)
+bool StreamChannel::RevokeBuffer(void* base)
 {
     SharedMutexGuard guard(GetMutex());
-    blocks.erase(base);
+    const auto found = blocks.find(base);
+    const bool producerMemory = found != blocks.end() && found->second->producerMemory;
+    if (found != blocks.end())
+        blocks.erase(found);
     const std::int32_t result = handler->RevokeBuffer(base);
     if (result != 0)
         Tools::Logger::Log((boost::format("StreamChannel::RevokeBuffer: libcsi kept the frame (Reason: %1%).") % result)
                                .str());
+    return producerMemory;
+}
+
+void StreamChannel::RevokeBuffers()
+{
+    SharedMutexGuard guard(GetMutex());
+    while (!blocks.empty())
+        RevokeBuffer(const_cast<void*>(blocks.begin()->first));
 }
 
 bool StreamChannel::AllocateBuffer(void** base, std::size_t size, const std::shared_ptr<StreamDataBlock>& block)
@@ -466,6 +477,7 @@ bool StreamChannel::AllocateBuffer(void** base, std::size_t size, const std::sha
                                             FrameHandler(block));
     if (!payload)
         return false;
+    block->producerMemory = true;
     blocks[payload] = block;
     *base = payload;
     return true;

@@ -32,6 +32,8 @@ public:
     bool acquiring = false;
     frame_handle_t* transferHandle = nullptr;
     std::shared_ptr<Base::Buffer> buffer;
+    // Frame memory that libcsi allocated (DSAllocAndAnnounceBuffer): it goes with the revoke.
+    bool producerMemory = false;
     // The handler of this block's frames in stream round `handlerRound`.
     LibCSI::Endpoint::FrameHandler handler;
     std::uint64_t handlerRound = 0;
@@ -83,8 +85,12 @@ public:
     // A consumer's buffer made known to the transfers.
     void AnnounceBuffer(const std::shared_ptr<Base::Buffer>& buffer);
     // A revoked buffer's frame goes back to libcsi, so that its address can
-    // come back as a buffer of another size.
-    void RevokeBuffer(void* base);
+    // come back as a buffer of another size. True when the memory was
+    // libcsi's and went with the frame: its address must not be handed out.
+    bool RevokeBuffer(void* base);
+    // Every buffer's frame goes back to libcsi, as when its data stream
+    // closes: nothing of the stream's buffers stays below the queue.
+    void RevokeBuffers();
     // Frame memory of libcsi's own for `block`; false when libcsi refused.
     bool AllocateBuffer(void** base, std::size_t size, const std::shared_ptr<StreamDataBlock>& block);
 
