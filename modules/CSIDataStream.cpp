@@ -282,6 +282,7 @@ void DataStream::AddRegisters()
         },
         self);
     AddRegister(manual);
+    // Read by StopAcquisition for a deadline that bounds no wait: libcsi's stop always has 200 ms.
     AddRegister(Make<UIntRegister>("Could not allocate Stream Stop Timeout register.", StopTimeoutAddress, 200u,
                                    Base::AccessReadWrite));
 }
@@ -405,7 +406,8 @@ void DataStream::RevokeBuffer(const std::shared_ptr<Base::Buffer>& buffer, void*
 }
 
 // The queue's lock comes before the channel's here, as on every other path
-// that holds both: a finished frame takes them in that order.
+// that holds both: a finished frame takes them in that order. Chosen over
+// taking the channel's first, which would invert the frames' order.
 void DataStream::StartAcquisition(ACQ_START_FLAGS startFlags, std::uint64_t numToAcquire)
 {
     RequireOpen();

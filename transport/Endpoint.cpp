@@ -429,6 +429,7 @@ void Endpoint::RevokeBuffers()
         payloads.clear();
     }
     for (const auto& [handle, transfer] : revoked) {
+        transfer->AwaitReaders();
         wrapper->RevokeFrame(handle);
         // libcsi's callback thread may be about to hand this record back.
         device->KeepUntilClosed(transfer);
@@ -456,11 +457,21 @@ std::int32_t Endpoint::RevokeBuffer(void* payload)
             frames.erase(frame);
         }
     }
+    if (transfer)
+        transfer->AwaitReaders();
     const std::int32_t result = wrapper->RevokeFrame(handle);
     // libcsi's callback thread may be about to hand this record back.
     if (transfer)
         device->KeepUntilClosed(transfer);
     return result;
+}
+
+// Out of the maps, no new reader can find the transfer; a running one reads a
+// few words and takes no lock, so the wait is short and cannot deadlock.
+void Endpoint::DataTransfer::AwaitReaders() const
+{
+    while (readers.load(std::memory_order_acquire) != 0)
+        std::this_thread::yield();
 }
 
 std::size_t Endpoint::GetBufferCount() const
@@ -542,9 +553,11 @@ void Endpoint::EnqueueMessage(FrameRecord* record)
     transfer->Retire(queueing);
     const bool emulated = emulateLeaderTrailer;
     const LeaderTrailerParameters parameters = leaderTrailer;
+    transfer->readers.fetch_add(1, std::memory_order_relaxed);
     guard.Release();
     const frame_info info = emulated ? EmulatedFrameInfo(parameters, emulatedBlockId.fetch_add(1))
                                      : FrameInfoFromLeaderTrailer(frame, status);
+    transfer->readers.fetch_sub(1, std::memory_order_release);
     if (callback && *callback)
         (*callback)(info);
 }

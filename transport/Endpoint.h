@@ -103,6 +103,11 @@ private:
         // Where the camera's leader and trailer land for a buffer of the caller.
         std::vector<std::uint8_t> leader, trailer;
         Endpoint* endpoint = nullptr;
+        // Frame callbacks reading the frame's memory (leader, trailer, the
+        // payload's last word) at this moment: a revoke waits for them
+        // before libcsi frees the memory or the caller takes it back.
+        std::atomic<std::uint32_t> readers{0};
+        void AwaitReaders() const;
     };
     std::shared_ptr<DataTransfer> MakeDataTransfer(DataTransfer::Origin origin, void* payload, std::size_t size,
                                                    std::uint32_t leaderSize, std::uint32_t trailerSize,

@@ -668,6 +668,8 @@ std::int32_t LibCSIWrapper_Impl::StartStream(std::uint8_t parameters, lib_channe
 std::int32_t LibCSIWrapper_Impl::StopStream()
 {
     device_handle_t* handle = RequireDevice("StopStream");
+    // The driver's stop always gets 200 ms; the data stream's StreamStopTimeout register only sets a
+    // deadline that no wait of the stream channel reads (kept so: the register stays, the driver's wait is fixed).
     const std::int32_t result = Call("libcsi_stop_stream", [&] { return libcsi_stop_stream(handle, 200); });
     if (result != 0)
         Library::MediaLogFormat("StopReceiveData ENDPOINT_MODE_SI failed result = %d.", result);

@@ -411,7 +411,8 @@ void StreamChannel::RefreshIPU()
 }
 
 // libcsi takes frames whose leader, payload and trailer fill the IPU geometry
-// exactly: a larger buffer is announced with the camera's payload size.
+// exactly: a larger buffer is announced with the camera's payload size, on
+// purpose (at its own size it would leave libcsi refusing the stream's start).
 std::uint32_t StreamChannel::FrameSizeFor(const Base::BasicBuffer& buffer) const
 {
     const std::uint64_t size = buffer.GetSize();
@@ -593,6 +594,7 @@ void StreamChannel::FinishFrame(StreamDataBlock& block, const LibCSI::frame_info
     auto infos = std::make_shared<Base::BufferInfos>();
     using CSITools::Helper;
     // 0x4001 is the extended form of a chunk image: leader and trailer say so, the payload ends in chunks.
+    // Taken as chunk data on purpose, though only 1 and 4 count as images here: the endpoint reads its chunks.
     const bool chunkFrame = frame.payloadType == PAYLOAD_TYPE_CHUNK_DATA ||
                             frame.payloadType == LibCSI::PayloadTypeExtendedChunk;
     if (frame.payloadType == PAYLOAD_TYPE_CHUNK_ONLY) {
@@ -612,6 +614,7 @@ void StreamChannel::FinishFrame(StreamDataBlock& block, const LibCSI::frame_info
     const std::uint64_t imageSize = ImageBytes(frame.width, frame.height, frame.pixelFormat);
     const std::size_t payloadType =
         (frame.chunkSize != 0 || chunkFrame) ? PAYLOAD_TYPE_CHUNK_DATA : PAYLOAD_TYPE_IMAGE;
+    // 0, not a wrapped difference, when a frame holds less than its image (an incomplete last line).
     const std::uint64_t yPadding = frame.validSize > imageSize ? frame.validSize - imageSize : 0;
     Helper::SetInfo<Base::UInt64Info>(infos, BUFFER_INFO_FRAMEID, frame.frameId);
     Helper::SetInfo<Base::SizeTInfo>(infos, BUFFER_INFO_PAYLOADTYPE, payloadType);
