@@ -220,6 +220,10 @@ int main(int argc, char** argv)
     if (!soak.Close(true))
         return 1;
     std::printf("%llu frames, %llu waits timed out, %lu reopens\n", soak.frames, soak.timeouts, rounds);
+    if (soak.frames == 0 || (total >= reopenEvery && rounds == 0)) {
+        std::printf("NO FRAMES OR NO REOPENS\n");
+        return 1;
+    }
     if (samples.size() < 2)
         return 0;
     // The first sample is after warm-up (caches, allocator pools); growth after it is a leak.
