@@ -64,6 +64,7 @@ void ControlFile::Poll()
         lineNumber = 0;
     }
     char chunk[4096];
+    const std::uint64_t linesBefore = lineNumber;
     // Bounded per look: a file that grows without end cannot hold the thread.
     for (int reads = 0; reads < 64 && offset < status.st_size; ++reads) {
         const ssize_t got = ::pread(fd, chunk, sizeof chunk, offset);
@@ -73,6 +74,27 @@ void ControlFile::Poll()
         offset += got;
     }
     ::close(fd);
+    if (lineNumber != linesBefore)
+        Acknowledge();
+}
+
+// Written beside the control file under a temporary name and renamed over
+// FILE.applied: a reader never sees half a number, and a link planted under
+// either name is replaced, not followed.
+void ControlFile::Acknowledge() const
+{
+    const std::string target = path + ".applied";
+    const std::string temporary = target + ".tmp";
+    ::unlink(temporary.c_str());
+    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return;
+    char text[32];
+    const int length = std::snprintf(text, sizeof text, "%llu\n", static_cast<unsigned long long>(lineNumber));
+    const bool written = length > 0 && ::write(fd, text, static_cast<std::size_t>(length)) == length;
+    ::close(fd);
+    if (!written || ::rename(temporary.c_str(), target.c_str()) != 0)
+        ::unlink(temporary.c_str());
 }
 
 void ControlFile::Consume(const char* data, std::size_t size)

@@ -15,7 +15,10 @@ namespace QEL { namespace Sim {
 // and hands each new complete line to `apply` on a thread of its own, which
 // the destructor stops and joins. Lines already in the file when watching
 // starts are skipped, so a file left from an earlier run does not replay; a
-// file that shrinks or is replaced is read again from its start.
+// file that shrinks or is replaced is read again from its start. After each
+// look that read whole lines, FILE.applied holds the number of the file's last
+// line read, written once every line up to it has been applied: a process
+// that appended a command waits for that number instead of guessing a delay.
 class ControlFile {
 public:
     using Apply = std::function<void(const std::string& line, std::uint64_t lineNumber)>;
@@ -33,6 +36,7 @@ public:
 private:
     void Run();
     void Consume(const char* data, std::size_t size);
+    void Acknowledge() const;
 
     const std::string path;
     const Apply apply;

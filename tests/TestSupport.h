@@ -73,6 +73,17 @@ inline bool Eventually(const std::function<bool()>& done, std::chrono::milliseco
     return true;
 }
 
+// The scheduler's state of a thread of this process ('R' running, 'S' asleep
+// in a blocking call, ...), from /proc; 0 when it cannot be read.
+inline char ThreadState(long tid)
+{
+    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string stat;
+    std::getline(in, stat);
+    const auto end = stat.rfind(')'); // the thread's name may hold anything
+    return end != std::string::npos && end + 2 < stat.size() ? stat[end + 2] : '\0';
+}
+
 inline std::string ReadFile(const std::string& path)
 {
     std::ifstream in(path);

@@ -5,24 +5,15 @@
 // waiting consumer.
 #include "tests/consumer/AcquisitionFixture.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <chrono>
 #include <functional>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// True once `done` holds, false when it still does not after `limit`.
-bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(5))
-{
-    const auto deadline = Clock::now() + limit;
-    while (!done()) {
-        if (Clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
 
 // Libcsi's user-pointer modes: the consumer's own buffers are given to the
 // driver (USERPTR_EXT; a camera without leader and trailer, so that a buffer
@@ -77,7 +68,22 @@ class ControlledAcquisition : public Acquisition {
 protected:
     ControlledAcquisition() : Acquisition(Setup{DefaultCamera, "control = control.txt\n"}) {}
 
-    void Command(const std::string& line) { std::ofstream(producer.File("control.txt"), std::ios::app) << line << "\n"; }
+    // Appends command lines and waits until the camera reports them applied.
+    void Command(const std::string& lines)
+    {
+        const std::string path = producer.File("control.txt");
+        std::ofstream(path, std::ios::app) << lines << "\n";
+        const std::string text = ReadFile(path);
+        const auto written = static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
+        ASSERT_TRUE(Eventually([&] { return Applied() >= written; })) << "not applied: " << lines;
+    }
+
+    // The number of the control file's last line the camera has applied.
+    std::uint64_t Applied() const
+    {
+        const std::string text = ReadFile(producer.File("control.txt.applied"));
+        return text.empty() ? 0 : std::stoull(text);
+    }
 
     struct Frame {
         GC_ERROR result = GC_ERR_ERROR;
@@ -179,11 +185,12 @@ TEST_F(ControlledAcquisition, ACameraPulledOutMidStreamAndPutBack)
             ++frames;
         }
     });
-    ASSERT_TRUE(WaitFor([&] { return frames > 20; }));
+    ASSERT_TRUE(Eventually([&] { return frames > 20; }));
     Command("unplug camera0");
-    EXPECT_TRUE(WaitFor([&] { return AccessStatus() == DEVICE_ACCESS_STATUS_NOACCESS; }))
+    EXPECT_TRUE(Eventually([&] { return AccessStatus() == DEVICE_ACCESS_STATUS_NOACCESS; }))
         << "the interface reports the camera gone";
     const int before = frames;
+    // An observation window: the camera is gone (proven above), no frame may come.
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_LE(frames - before, 4) << "no frames from a camera that is gone (a few may have been under way)";
 
@@ -201,7 +208,7 @@ TEST_F(ControlledAcquisition, ACameraPulledOutMidStreamAndPutBack)
     EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevClose)(device));
 
     Command("replug camera0");
-    ASSERT_TRUE(WaitFor([&] { return AccessStatus() == DEVICE_ACCESS_STATUS_READWRITE; }));
+    ASSERT_TRUE(Eventually([&] { return AccessStatus() == DEVICE_ACCESS_STATUS_READWRITE; }));
     OpenCamera();
     Start();
     Grab(50);
@@ -232,9 +239,9 @@ TEST_F(ControlledAcquisition, BadGenCPAnswersDuringAcquisitionFailOneReadAndPass
     Grab(20);
     Command("fault camera0 BadAckCRC 8");
     Command("fault camera0 StaleRequestID 2");
-    EXPECT_TRUE(WaitFor([&] { return bad > 0; })) << "the fault arrived";
+    EXPECT_TRUE(Eventually([&] { return bad > 0; })) << "the fault arrived";
     const int goodBefore = good;
-    EXPECT_TRUE(WaitFor([&] { return good > goodBefore + 5; })) << "reads recover";
+    EXPECT_TRUE(Eventually([&] { return good > goodBefore + 5; })) << "reads recover";
     Grab(50);
     done = true;
     reader.join();
@@ -274,18 +281,17 @@ TEST_F(ControlledAcquisition, BusAndDriverFaultsFailTheirCallAndTheCameraStreams
     for (const Case& c : cases) {
         SCOPED_TRACE(c.fault);
         failure = {};
-        // Nothing talks to the camera until the fault is surely in force (the
-        // watcher applies a line within 50 ms): an exchange that it caught
-        // between taking the handshake and giving it back would leave the
-        // handshake taken, as the stuck handshake below does, and every later
-        // exchange would fail until the camera restarts.
+        // Nothing talks to the camera until the fault is in force (Command
+        // waits for it): an exchange that it caught between taking the
+        // handshake and giving it back would leave the handshake taken, as the
+        // stuck handshake below does, and every later exchange would fail
+        // until the camera restarts.
         Command(c.fault);
-        std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        EXPECT_TRUE(WaitFor([&] { return !readWidth(); })) << "the fault arrived";
+        EXPECT_TRUE(Eventually([&] { return !readWidth(); })) << "the fault arrived";
         EXPECT_EQ(notSubmitted, failure);
         if (c.after)
             Command(c.after);
-        EXPECT_TRUE(WaitFor([&] { return readWidth(); }, std::chrono::seconds(20))) << "reads pass once it is over";
+        EXPECT_TRUE(Eventually([&] { return readWidth(); }, std::chrono::seconds(20))) << "reads pass once it is over";
         Grab(10);
     }
 
@@ -297,17 +303,18 @@ TEST_F(ControlledAcquisition, BusAndDriverFaultsFailTheirCallAndTheCameraStreams
         SCOPED_TRACE(fault);
         failure = {};
         Command(fault);
-        EXPECT_TRUE(WaitFor([&] { return !readWidth(); }));
+        EXPECT_TRUE(Eventually([&] { return !readWidth(); }));
         EXPECT_EQ(notSubmitted, failure);
-        std::this_thread::sleep_for(std::chrono::milliseconds(600)); // past the late take
+        // Deliberately past the camera's late take, 1.5 s after the packet was sent.
+        std::this_thread::sleep_for(std::chrono::milliseconds(600));
         EXPECT_FALSE(readWidth()) << "the handshake is left taken";
         Grab(10);
         EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
         EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevClose)(device));
         Command("unplug camera0");
-        ASSERT_TRUE(WaitFor([&] { return AccessStatus() == DEVICE_ACCESS_STATUS_NOACCESS; }));
+        ASSERT_TRUE(Eventually([&] { return AccessStatus() == DEVICE_ACCESS_STATUS_NOACCESS; }));
         Command("replug camera0");
-        ASSERT_TRUE(WaitFor([&] { return AccessStatus() == DEVICE_ACCESS_STATUS_READWRITE; }));
+        ASSERT_TRUE(Eventually([&] { return AccessStatus() == DEVICE_ACCESS_STATUS_READWRITE; }));
         OpenCamera();
         ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevGetPort)(device, &remote));
         Start();
@@ -338,8 +345,11 @@ TEST_F(Acquisition, CloseLibWithBuffersQueuedWhileAConsumerWaits)
     AnnounceAndQueue(3, 2);
     ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE));
     Grab(10);
-    GC_ERROR last = GC_ERR_SUCCESS;
+    std::atomic<GC_ERROR> last{GC_ERR_SUCCESS};
+    std::atomic<int> taken{0};
+    std::atomic<long> waiterId{0};
     std::thread waiter([&] {
+        waiterId = static_cast<long>(::gettid());
         auto getData = LORUN_FN(EventGetData);
         EVENT_NEW_BUFFER_DATA data{};
         for (;;) {
@@ -347,12 +357,14 @@ TEST_F(Acquisition, CloseLibWithBuffersQueuedWhileAConsumerWaits)
             last = getData(newBuffer, &data, &size, GENTL_INFINITE);
             if (last != GC_ERR_SUCCESS)
                 return; // the buffers are not queued again, so the wait is endless unless closing ends it
+            ++taken;
         }
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // Every buffer taken, the waiter asleep: it waits in its last EventGetData.
+    EXPECT_TRUE(Eventually([&] { return taken == 5 && waiterId != 0 && ThreadState(waiterId) == 'S'; }));
     EXPECT_EQ(GC_ERR_SUCCESS, producer.GCCloseLib());
     waiter.join();
-    EXPECT_NE(GC_ERR_SUCCESS, last);
+    EXPECT_NE(GC_ERR_SUCCESS, last.load());
 }
 
 }

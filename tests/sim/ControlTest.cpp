@@ -2,6 +2,7 @@
 // its commands), and what a description can ask of a camera: chunk frames,
 // several manifest entries, a document of the user's own.
 #include "SimHarness.h"
+#include "tests/TestSupport.h"
 
 #include "sim/ControlFile.h"
 #include "sim/PixelFormats.h"
@@ -91,11 +92,20 @@ TEST(ControlFile, AppliesLinesAppendedFromOutsideInOrder)
     control.Poll();
     EXPECT_TRUE(seen.empty()) << "lines written before watching began are skipped";
 
+    const std::string applied = path + ".applied";
+    EXPECT_EQ("1\n", ReadFile(applied)) << "the line read is acknowledged, though skipped";
+
+    // A link planted where the acknowledgement goes is replaced, not followed.
+    Append(folder.File("elsewhere"), "untouched\n");
+    ::unlink(applied.c_str());
+    ASSERT_EQ(0, ::symlink(folder.File("elsewhere").c_str(), applied.c_str()));
     Append(path, "first\nsecond\nthi");
     control.Poll();
     ASSERT_EQ(2u, seen.size());
     EXPECT_EQ("second", seen[1].first);
     EXPECT_EQ(3u, seen[1].second) << "numbers count the file's lines";
+    EXPECT_EQ("3\n", ReadFile(applied)) << "acknowledged once both were applied";
+    EXPECT_EQ("untouched\n", ReadFile(folder.File("elsewhere")));
     Append(path, "rd\n" + std::string(5000, 'x') + "\nafter\n");
     control.Poll();
     ASSERT_EQ(4u, seen.size()) << "a line longer than the limit is dropped";
@@ -125,6 +135,8 @@ TEST(ControlFile, AFifoOrAMissingFileNeverBlocks)
     EXPECT_EQ(1, lines) << "a file that appears later is read from its start";
 }
 
+// A process appends a command and waits for its acknowledgement, not for a
+// guessed delay: once FILE.applied holds the line's number, it is in force.
 TEST(ControlFile, TheVirtualCameraFollowsItsControlFile)
 {
     TempFolder folder;
@@ -134,12 +146,9 @@ TEST(ControlFile, TheVirtualCameraFollowsItsControlFile)
     Append(folder.File("control.txt"), "no such command\nunplug camera0\n");
     Harness h("[camera0]\nnode = video0\n");
     h.system = system;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (h.ReadAttribute("/sys/class/video4linux/video0/availability") != "0\n" &&
-           std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_TRUE(Eventually([&] { return ReadFile(folder.File("control.txt.applied")) == "2\n"; }));
     EXPECT_EQ("0\n", h.ReadAttribute("/sys/class/video4linux/video0/availability"))
-        << "the bad line before it is reported and skipped";
+        << "applied, after the bad line before it was reported and skipped";
 }
 
 TEST(Description, FilesThatAreNotRegularOrTooLargeAreRefusedByName)

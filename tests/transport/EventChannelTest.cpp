@@ -113,17 +113,6 @@ std::vector<std::uint8_t> EventPacket(std::uint16_t requestId, std::uint16_t eve
     return bytes;
 }
 
-bool WaitFor(const std::function<bool()>& done)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 class CSIEventChannel : public ::testing::Test {
 protected:
     // Packets of 64 bytes, events of up to 128: two transfers at most.
@@ -227,7 +216,7 @@ TEST_F(CSIEventChannel, AFailedTransferAbortsAndTheChannelRestartsAtOnce)
     EXPECT_EQ(1, log->Count("Abort event channel due to an error: Transfer returned with an error."));
     // The other buffer is taken back from the endpoint, the camera's event
     // switched off, and the channel restarts at once.
-    ASSERT_TRUE(WaitFor([&] { return channel->GetState() == EventChannel::Running; }));
+    ASSERT_TRUE(Eventually([&] { return channel->GetState() == EventChannel::Running; }));
     EXPECT_EQ(1, control->disables.load());
     EXPECT_EQ(2u, endpoint->PendingCount());
     EXPECT_TRUE(control->enabled);
@@ -244,13 +233,13 @@ TEST_F(CSIEventChannel, FailedRestartsBackOffByDoubling)
     control->refuseEnable = true;
     endpoint->CompleteOldest(TransportLayer::TransferFailure, {});
     // Restarts fail at once, then after 100 and 200 ms: the delay doubles each time.
-    ASSERT_TRUE(WaitFor([&] { return channel->GetRetryDelay() >= 800; })) << channel->GetRetryDelay();
+    ASSERT_TRUE(Eventually([&] { return channel->GetRetryDelay() >= 800; })) << channel->GetRetryDelay();
     EXPECT_EQ(800u, channel->GetRetryDelay());
     EXPECT_EQ(3, control->refused.load()) << "at once, after 100 and after 200 ms; the next after 400";
     EXPECT_EQ(3, log->Count("Could not enable event channel. Reason: Events refused."));
     EXPECT_EQ(EventChannel::WaitingToRestart, channel->GetState());
     control->refuseEnable = false;
-    ASSERT_TRUE(WaitFor([&] { return channel->GetState() == EventChannel::Running; }));
+    ASSERT_TRUE(Eventually([&] { return channel->GetState() == EventChannel::Running; }));
 }
 
 TEST_F(CSIEventChannel, AStopWaitsForEveryBufferInFlight)

@@ -32,16 +32,6 @@ protected:
         EXPECT_EQ(0, wrapper->StartChannel(guid, channel, nullptr));
         return wrapper;
     }
-
-    static bool Eventually(const std::function<bool()>& condition)
-    {
-        for (int i = 0; i < 500; ++i) {
-            if (condition())
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return condition();
-    }
 };
 
 TEST_F(Wrapper, CamerasAreListedWithTheirIdentity)
