@@ -388,14 +388,18 @@ std::size_t BasicBufferQueue::GetSmallestBufferSize() const
 void BasicBufferQueue::QueueBuffer(const std::shared_ptr<Buffer>& buffer)
 {
     BufferPtr internal = CheckBuffer(buffer);
-    SharedMutexGuard guard(internal->GetMutex());
-    internal->CheckAvailable();
-    if (!Leave(deliveredPool, internal))
-        NotInDeliveredPool();
-    EnterInput(internal, false);
-    if (internal->state == Delivered)
-        internal->newData = false;
-    internal->SetState(Queued);
+    {
+        SharedMutexGuard guard(internal->GetMutex());
+        internal->CheckAvailable();
+        if (!Leave(deliveredPool, internal))
+            NotInDeliveredPool();
+        EnterInput(internal, false);
+        if (internal->state == Delivered)
+            internal->newData = false;
+        internal->SetState(Queued);
+    }
+    // Under the queue's lock only, as every signal of the queue: its slot, the
+    // stream channel, takes a buffer's lock after its own.
     Fire(inputSignal);
 }
 

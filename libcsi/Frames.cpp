@@ -227,9 +227,9 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
             giveBack();
             return LIBCSI_ALIGNMENT_INVALID;
         }
-        device.memoryMode = MemoryUserptrExternal;
+        frame->memoryMode = MemoryUserptrExternal;
     } else if (!config.enableUserptr) {
-        device.memoryMode = MemoryMMAP;
+        frame->memoryMode = MemoryMMAP;
         std::uint8_t* mapping = nullptr;
         if (int32_t result = MapDriverBuffer(device, *frame, mapping)) {
             giveBack();
@@ -250,7 +250,7 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
             frame->driverTrailerSize = t.m_nTrailerSize;
         }
     } else {
-        device.memoryMode = MemoryUserptrInternal;
+        frame->memoryMode = MemoryUserptrInternal;
         if (BufferRequest(device, VIDIOC_MEM_ALLOC, index, V4L2_MEMORY_USERPTR) < 0) {
             LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_MEM_ALLOC failed (errno=%d, %s).\n", function, errno,
                        std::strerror(errno));
@@ -272,7 +272,6 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
         t.m_pTrailer = reinterpret_cast<std::uintptr_t>(trailer);
     }
     frame->transfer = pFrame;
-    frame->memoryMode = device.memoryMode;
     frame->queued = false;
     frame->origin = allocate ? 1 : 0;
     frame->m_pDeviceHandle = &device;
@@ -283,6 +282,11 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
         return LIBCSI_INVALID_PARAMETER;
     }
     frame->device = owner;
+    // The device's mode follows the latest announce, but not while it streams:
+    // the dequeue thread reads it, and a joining frame's mode is of the same
+    // kind (mapped, or user pointers), as enable_userptr decides for all.
+    if (device.state != Streaming)
+        device.memoryMode = frame->memoryMode;
     device.announcedFrames.insert(frame);
     *ppFrameHandle = frame.get();
     LIBCSI_LOG(TierTrace, allocate ? " Frame allocated and announced. Index=%d\n" : " Frame announced. Index=%d\n",
@@ -339,7 +343,7 @@ bool QueueBuffer(Device& device, const Frame& frame)
     v4l2_buffer buf{};
     buf.index = frame.m_nBufferIndex;
     buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    if (device.memoryMode == MemoryMMAP) {
+    if (frame.memoryMode == MemoryMMAP) {
         buf.memory = V4L2_MEMORY_MMAP;
     } else {
         const std::uint32_t alignment = std::max<std::uint32_t>(1, device.driverInfo.usrptr_alignment);

@@ -364,7 +364,7 @@ void FrameDequeueThread(Device& device)
                 status = LIBCSI_FRAME_ERROR;
             }
             lib_frame_transfer& t = *frame->transfer;
-            if (frame->origin == 0 && device.memoryMode == MemoryMMAP) {
+            if (frame->origin == 0 && frame->memoryMode == MemoryMMAP) {
                 const std::uint64_t start = MonotonicMicroseconds();
                 if (frame->driverLeaderSize)
                     std::memcpy(reinterpret_cast<void*>(t.m_pLeader), frame->driverLeader, t.m_nLeaderSize);

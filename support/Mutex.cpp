@@ -2,7 +2,56 @@
 
 #include "base/Exception.h"
 
+#if defined(__SANITIZE_THREAD__)
+#define LORUN_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define LORUN_TSAN 1
+#endif
+#endif
+
+#ifdef LORUN_TSAN
+#include <sanitizer/tsan_interface.h>
+#endif
+
 namespace QEL { namespace System {
+
+namespace {
+
+// ThreadSanitizer's view of a Mutex; nothing in other builds.
+struct Annotate {
+#ifdef LORUN_TSAN
+    static void Create(void* m) { __tsan_mutex_create(m, __tsan_mutex_write_reentrant | __tsan_mutex_not_static); }
+    static void Destroy(void* m) { __tsan_mutex_destroy(m, __tsan_mutex_not_static); }
+    static void PreLock(void* m, bool tried) { __tsan_mutex_pre_lock(m, tried ? __tsan_mutex_try_lock : 0); }
+    static void PostLock(void* m, bool tried, bool failed)
+    {
+        __tsan_mutex_post_lock(m, (tried ? __tsan_mutex_try_lock : 0) | (failed ? __tsan_mutex_try_lock_failed : 0), 0);
+    }
+    static void PreUnlock(void* m) { __tsan_mutex_pre_unlock(m, 0); }
+    static void PostUnlock(void* m) { __tsan_mutex_post_unlock(m, 0); }
+    static void PreRelease(void* m) { __tsan_mutex_pre_unlock(m, __tsan_mutex_recursive_unlock); }
+    static void PostRestore(void* m, std::size_t depth)
+    {
+        __tsan_mutex_post_lock(m, __tsan_mutex_recursive_lock, static_cast<int>(depth));
+    }
+#else
+    static void Create(void*) {}
+    static void Destroy(void*) {}
+    static void PreLock(void*, bool) {}
+    static void PostLock(void*, bool, bool) {}
+    static void PreUnlock(void*) {}
+    static void PostUnlock(void*) {}
+    static void PreRelease(void*) {}
+    static void PostRestore(void*, std::size_t) {}
+#endif
+};
+
+}
+
+Mutex::Mutex() { Annotate::Create(this); }
+
+Mutex::~Mutex() { Annotate::Destroy(this); }
 
 void Mutex::Take(std::size_t depth)
 {
@@ -12,69 +61,95 @@ void Mutex::Take(std::size_t depth)
 
 void Mutex::Lock()
 {
-    std::unique_lock<std::mutex> lock(state);
-    if (IsHeldByCurrentThread()) {
-        ++count;
-        return;
+    Annotate::PreLock(this, false);
+    {
+        std::unique_lock<std::mutex> lock(state);
+        if (IsHeldByCurrentThread()) {
+            ++count;
+        } else {
+            released.wait(lock, [this] { return count == 0; });
+            Take(1);
+        }
     }
-    released.wait(lock, [this] { return count == 0; });
-    Take(1);
+    Annotate::PostLock(this, false, false);
 }
 
 bool Mutex::TryLock()
 {
-    std::lock_guard<std::mutex> lock(state);
-    if (IsHeldByCurrentThread()) {
-        ++count;
-        return true;
+    Annotate::PreLock(this, true);
+    bool taken = true;
+    {
+        std::lock_guard<std::mutex> lock(state);
+        if (IsHeldByCurrentThread())
+            ++count;
+        else if (count != 0)
+            taken = false;
+        else
+            Take(1);
     }
-    if (count != 0)
-        return false;
-    Take(1);
-    return true;
+    Annotate::PostLock(this, true, !taken);
+    return taken;
 }
 
 bool Mutex::TimedLock(TimePoint absoluteTime)
 {
-    std::unique_lock<std::mutex> lock(state);
-    if (IsHeldByCurrentThread()) {
-        ++count;
-        return true;
+    Annotate::PreLock(this, true);
+    bool taken = true;
+    {
+        std::unique_lock<std::mutex> lock(state);
+        if (IsHeldByCurrentThread())
+            ++count;
+        else if (!released.wait_until(lock, absoluteTime, [this] { return count == 0; }))
+            taken = false;
+        else
+            Take(1);
     }
-    if (!released.wait_until(lock, absoluteTime, [this] { return count == 0; }))
-        return false;
-    Take(1);
-    return true;
+    Annotate::PostLock(this, true, !taken);
+    return taken;
 }
 
+// Only the owner can see itself as owner, so the test needs no lock.
 void Mutex::Unlock()
 {
-    std::lock_guard<std::mutex> lock(state);
     if (!IsHeldByCurrentThread())
         throw Exception("Mutex is not locked by this thread.");
-    if (--count == 0) {
-        owner.store(std::thread::id(), std::memory_order_release);
-        released.notify_one();
+    Annotate::PreUnlock(this);
+    {
+        std::lock_guard<std::mutex> lock(state);
+        if (--count == 0) {
+            owner.store(std::thread::id(), std::memory_order_release);
+            released.notify_one();
+        }
     }
+    Annotate::PostUnlock(this);
 }
 
 std::size_t Mutex::ReleaseFully()
 {
-    std::lock_guard<std::mutex> lock(state);
     if (!IsHeldByCurrentThread())
         throw Exception("Mutex is not locked by this thread.");
-    std::size_t depth = count;
-    count = 0;
-    owner.store(std::thread::id(), std::memory_order_release);
-    released.notify_one();
+    Annotate::PreRelease(this);
+    std::size_t depth = 0;
+    {
+        std::lock_guard<std::mutex> lock(state);
+        depth = count;
+        count = 0;
+        owner.store(std::thread::id(), std::memory_order_release);
+        released.notify_one();
+    }
+    Annotate::PostUnlock(this);
     return depth;
 }
 
 void Mutex::Restore(std::size_t depth)
 {
-    std::unique_lock<std::mutex> lock(state);
-    released.wait(lock, [this] { return count == 0; });
-    Take(depth);
+    Annotate::PreLock(this, false);
+    {
+        std::unique_lock<std::mutex> lock(state);
+        released.wait(lock, [this] { return count == 0; });
+        Take(depth);
+    }
+    Annotate::PostRestore(this, depth);
 }
 
 } }

@@ -525,11 +525,12 @@ void StreamChannel::OnFrameFinished(const std::weak_ptr<StreamDataBlock>& weakBl
 {
     auto queue = std::atomic_load(&bufferQueue);
     std::shared_ptr<StreamDataBlock> block = weakBlock.lock();
-    if (!queue || !block || !block->buffer)
+    if (!queue || !block)
         return;
     SharedMutexGuard queueGuard(queue->GetMutex());
     SharedMutexGuard guard(GetMutex());
-    if (queue != bufferQueue)
+    // The block's buffer is set under these locks by a consumer's thread.
+    if (queue != bufferQueue || !block->buffer)
         return;
     // A frame of an earlier stream that waited for the locks while this one
     // started: its buffer has gone round again and may be queued in this
