@@ -75,11 +75,23 @@ TEST_F(Acquisition, StartAndStopRules)
 TEST_F(Acquisition, AWaitingConsumerIsWokenByTheStopOfAKill)
 {
     AnnounceAndQueue(3, 0);
+    auto getData = LORUN_FN(EventGetData);
+    std::atomic<long> waiterId{0};
+    std::atomic<GC_ERROR> woken{GC_ERR_SUCCESS};
+    std::thread waiter([&] {
+        waiterId = static_cast<long>(::gettid());
+        EVENT_NEW_BUFFER_DATA data{};
+        size_t size = sizeof data;
+        woken = getData(newBuffer, &data, &size, GENTL_INFINITE); // nothing streams: only the kill ends it
+    });
+    // Asleep in its wait before the kill, so that the kill wakes it and is not merely kept for later.
+    EXPECT_TRUE(Eventually([&] { return waiterId != 0 && ThreadState(waiterId) == 'S'; }));
     ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(EventKill)(newBuffer));
+    waiter.join();
+    EXPECT_EQ(GC_ERR_ABORT, woken.load()) << "a kill ends the wait";
     EVENT_NEW_BUFFER_DATA data{};
     size_t size = sizeof data;
-    EXPECT_EQ(GC_ERR_ABORT, LORUN_FN(EventGetData)(newBuffer, &data, &size, 5000)) << "a kill ends the wait";
-    EXPECT_EQ(GC_ERR_TIMEOUT, LORUN_FN(EventGetData)(newBuffer, &data, &size, 20)) << "nothing streams yet";
+    EXPECT_EQ(GC_ERR_TIMEOUT, getData(newBuffer, &data, &size, 20)) << "the kill was used up by the waiter";
 }
 
 TEST_F(Acquisition, ConsumerThreadsSideBySide)
@@ -162,7 +174,8 @@ TEST_F(Acquisition, TheFiveFlushesAndStatisticsThatAgreeWithTheConsumer)
 
     ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE));
     Grab(100);
-    // A consumer waiting while the stream stops is not left hanging: its wait runs out.
+    // A consumer waiting while the stream stops takes the frames finished up
+    // to the stop; a stop ends no wait, so its next wait runs out.
     GC_ERROR waited = GC_ERR_SUCCESS;
     std::uint64_t taken = 0; // frames filled before the stop, not queued again
     std::thread consumer([&] {

@@ -113,8 +113,9 @@ TEST_F(DynamicBuffers, ThreeHundredFramesWhileBuffersJoinAndLeave)
     ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
     ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_DISCARD)) << producer.LastError().second;
     for (std::size_t i = 0; i < buffers.size(); ++i) {
-        if (buffers[i])
+        if (buffers[i]) {
             ASSERT_NO_FATAL_FAILURE(Revoke(i));
+        }
     }
     EXPECT_EQ(0u, StreamInfo<size_t>(STREAM_INFO_NUM_ANNOUNCED));
 }

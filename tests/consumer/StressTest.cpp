@@ -233,7 +233,6 @@ TEST(Stress, SixteenThreadsCallAtRandomAcrossLibraryCycles)
     EXPECT_GT(successes["DSStartAcquisition"], 0);
     EXPECT_GT(successes["EventGetData"], 0);
     EXPECT_GT(successes["DSQueueBuffer"], 0);
-    EXPECT_EQ(std::uint64_t{Threads} * Cycles * CallsPerCycle, calls.load());
     ExpectUsable(gentl);
     unsetenv("LORUN_VIRTUAL_CAMERA");
 }

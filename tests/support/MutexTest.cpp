@@ -2,6 +2,7 @@
 #include "base/Exception.h"
 #include "support/MutexGuard.h"
 #include "support/BasicLockable.h"
+#include "tests/TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -79,9 +80,10 @@ TEST(Condition, WaitReleasesEveryLevelAndRestoresThem)
         mutex.Unlock();
         EXPECT_FALSE(mutex.IsHeldByCurrentThread());
     });
-    while (!ready)
-        std::this_thread::yield();
-    mutex.Lock(); // only possible because the waiter released both levels
+    ASSERT_TRUE(Eventually([&] { return ready.load(); }));
+    // Only possible because the waiter's wait released both levels; a hang
+    // would be no answer, so the lock has a deadline.
+    EXPECT_TRUE(mutex.TimedLock(System::Clock::now() + 10s));
     flag = true;
     condition.Signal();
     mutex.Unlock();
@@ -106,6 +108,7 @@ TEST(Condition, BroadcastWakesAllWaiters)
     System::Condition condition;
     int waiting = 0;
     bool go = false;
+    std::atomic<int> woken{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < 3; ++i)
         threads.emplace_back([&] {
@@ -113,14 +116,22 @@ TEST(Condition, BroadcastWakesAllWaiters)
             ++waiting;
             while (!go)
                 condition.Wait(mutex);
+            ++woken;
         });
-    for (;;) {
+    ASSERT_TRUE(Eventually([&] {
         System::MutexGuard guard(&mutex);
-        if (waiting == 3) {
-            go = true;
-            condition.Broadcast();
-            break;
-        }
+        return waiting == 3; // all three inside their wait, which released the mutex
+    }));
+    {
+        System::MutexGuard guard(&mutex);
+        go = true;
+        condition.Broadcast();
+    }
+    EXPECT_TRUE(Eventually([&] { return woken == 3; })) << "one broadcast wakes every waiter";
+    if (woken != 3) {
+        // A Signal in its place would leave the others waiting: let them go, so that the join ends.
+        System::MutexGuard guard(&mutex);
+        condition.Broadcast();
     }
     for (auto& t : threads)
         t.join();
@@ -146,8 +157,7 @@ TEST(MutexGuard, RebindingReleasesTheOldMutexAndRefusesNulls)
             std::this_thread::yield();
         a.Unlock();
     });
-    while (!LockedElsewhere(a))
-        std::this_thread::yield();
+    ASSERT_TRUE(Eventually([&] { return LockedElsewhere(a); }));
     EXPECT_FALSE(guard.TimedLock(&a, System::Clock::now() + 1ms));
     EXPECT_FALSE(b.IsHeldByCurrentThread()) << "a failed rebind leaves the guard empty";
     release = true;
@@ -163,8 +173,9 @@ TEST(SharedMutexGuard, ReleasesSafelyAfterTheOwnerDied)
     {
         System::SharedMutexGuard guard(owner);
         owner.reset();
-        EXPECT_FALSE(mutex.expired());
-        EXPECT_TRUE(mutex.lock()->IsHeldByCurrentThread());
+        const auto held = mutex.lock();
+        ASSERT_TRUE(held) << "the guard keeps the mutex of a dead owner";
+        EXPECT_TRUE(held->IsHeldByCurrentThread());
     }
     EXPECT_TRUE(mutex.expired());
     EXPECT_THROW(System::SharedMutexGuard(std::shared_ptr<System::Mutex>()), System::Exception);
