@@ -227,6 +227,7 @@ DriverHandler::DriverHandler(const Options& options) : options(options)
     library->GetDiscoverySignal().Connect(
         [this](const char* portID, unsigned char available) { OnDeviceDiscovery(portID, available); });
     Enumerate();
+    ++enumerationRuns;
     {
         System::MutexGuard guard(&threadState->mutex);
         threadState->state = 1;
@@ -269,6 +270,7 @@ void DriverHandler::EnumerationThread()
                                           : now + std::chrono::hours(24 * 365 * 100);
         guard.Release();
         Enumerate();
+        ++enumerationRuns;
         guard.Lock(&sync.mutex);
     }
     sync.state = 0;

@@ -8,6 +8,7 @@
 #include "transport/TransportLayerRoles.h"
 
 #include <array>
+#include <atomic>
 #include <map>
 #include <memory>
 #include <optional>
@@ -204,6 +205,9 @@ public:
     std::shared_ptr<TransportLayer::DeviceList> GetDeviceList(bool* changed) override;
     DeviceChangeSignal& GetDeviceChangeSignal() override { return deviceChangeSignal; }
     void OnDeviceDiscovery(const char* portID, unsigned char available);
+    // How many times the device list was built, its first build included: a
+    // run can be waited for, and its absence observed, rather than guessed.
+    std::uint64_t GetEnumerationRuns() const { return enumerationRuns.load(); }
 
     // Builds the channels of the camera with `id`; a read-only camera gets
     // neither event nor stream channel.
@@ -243,6 +247,7 @@ private:
     std::shared_ptr<QEL::System::Mutex> deviceListMutex;
     Infos infosById;
     Infos lastInfosById;
+    std::atomic<std::uint64_t> enumerationRuns{0};
     std::thread enumerationThread;
 };
 

@@ -1,7 +1,10 @@
 #include "base/BaseException.h"
 #include "entry/LibraryState.h"
+#include "tests/TestSupport.h"
 
 #include <gtest/gtest.h>
+
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -11,6 +14,17 @@ using namespace QEL::Base;
 using namespace std::chrono_literals;
 
 namespace {
+
+// Waits until every thread named has started and sleeps in a blocking call.
+bool AllAsleep(const std::vector<std::atomic<long>>& threads)
+{
+    return Eventually([&] {
+        for (const auto& tid : threads)
+            if (tid == 0 || ThreadState(tid) != 'S')
+                return false;
+        return true;
+    });
+}
 
 std::shared_ptr<LibraryState> Initialised()
 {
@@ -34,14 +48,16 @@ TEST(LibraryState, WriterWaitsForTheReadersInside)
     auto reader = state->GetReadAccess();
     ASSERT_TRUE(reader);
     std::atomic<bool> closed{false};
+    std::vector<std::atomic<long>> ids(1);
     std::thread closer([&] {
+        ids[0] = static_cast<long>(::gettid());
         auto w = state->GetWriteAccess();
         w->SetInitialized(false);
         w->SetReadersBlocked(false);
         w->WaitForReaders();
         closed = true;
     });
-    std::this_thread::sleep_for(50ms);
+    EXPECT_TRUE(AllAsleep(ids)) << "the closer waits";
     EXPECT_FALSE(closed) << "the close must wait for the body that is inside";
     EXPECT_FALSE(state->GetReadAccess()) << "new readers are turned away while closing";
     reader.reset();
@@ -55,13 +71,15 @@ TEST(LibraryState, BlockedReadersWaitThenEnter)
     auto w = state->GetWriteAccess();
     EXPECT_TRUE(w->AreReadersBlocked());
     std::atomic<int> admitted{0};
+    std::vector<std::atomic<long>> ids(3);
     std::vector<std::thread> readers;
     for (int i = 0; i < 3; ++i)
-        readers.emplace_back([&] {
+        readers.emplace_back([&, i] {
+            ids[static_cast<std::size_t>(i)] = static_cast<long>(::gettid());
             if (state->GetReadAccess())
                 ++admitted;
         });
-    std::this_thread::sleep_for(50ms);
+    EXPECT_TRUE(AllAsleep(ids)) << "the readers wait";
     EXPECT_EQ(0, admitted.load());
     w.reset(); // a single wake-up runs through all waiting readers
     for (auto& t : readers)
@@ -74,11 +92,13 @@ TEST(LibraryState, WritersAreSerialised)
     auto state = Initialised();
     auto first = state->GetWriteAccess();
     std::atomic<bool> second{false};
+    std::vector<std::atomic<long>> ids(1);
     std::thread t([&] {
+        ids[0] = static_cast<long>(::gettid());
         auto w = state->GetWriteAccess();
         second = true;
     });
-    std::this_thread::sleep_for(30ms);
+    EXPECT_TRUE(AllAsleep(ids)) << "the second writer waits";
     EXPECT_FALSE(second);
     first.reset();
     t.join();

@@ -220,12 +220,14 @@ TEST_F(Handler, WithoutEnumerationOnlyDiscoveryTriggersARun)
 {
     options.enumerationEnabled = false;
     Start();
-    // The thread's own first run comes at its start; let it pass.
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    // The first build in the constructor, then the thread's own first run at its start.
+    ASSERT_TRUE(Eventually([&] { return handler->GetEnumerationRuns() == 2; }));
     system->SetIdentity(0, "device_guid", "NEW-0003");
     handler->OnDeviceDiscovery("no-such-port", 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_TRUE(Changes().empty()) << "neither time nor an unknown port starts a run";
+    // An observation window of six enumeration intervals, in which time alone would have run it.
+    std::this_thread::sleep_for(std::chrono::milliseconds(6 * options.enumerationInterval));
+    EXPECT_EQ(2u, handler->GetEnumerationRuns()) << "neither time nor an unknown port starts a run";
+    EXPECT_TRUE(Changes().empty());
     AwaitWatched("video1");
     system->SetAvailable(1, false);
     ASSERT_TRUE(AwaitChanges(3));
