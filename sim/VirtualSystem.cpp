@@ -461,6 +461,11 @@ void VirtualSystem::InjectFault(std::size_t camera, Fault fault, std::uint32_t c
     cameras.at(camera)->faults.Arm(fault, count, value);
 }
 
+bool VirtualSystem::IsFaultArmed(std::size_t camera, Fault fault) const
+{
+    return cameras.at(camera)->faults.IsArmed(fault);
+}
+
 void VirtualSystem::FailIoctl(std::size_t camera, unsigned long request, int error, std::uint32_t count)
 {
     std::lock_guard<std::mutex> lock(mutex);

@@ -49,6 +49,8 @@ public:
     // "device_guid" or "serial_number", as when another camera is plugged in.
     void SetIdentity(std::size_t camera, const std::string& name, const std::string& value);
     void InjectFault(std::size_t camera, Fault fault, std::uint32_t count, std::uint64_t value = 0);
+    // True while an injected fault has hits left: one that fired is no longer armed.
+    bool IsFaultArmed(std::size_t camera, Fault fault) const;
     // Makes the named ioctl (its request number) fail with `error` the next `count` times.
     void FailIoctl(std::size_t camera, unsigned long request, int error, std::uint32_t count);
     // The same by the ioctl's name, such as "VIDIOC_DQBUF"; an unknown name throws.
