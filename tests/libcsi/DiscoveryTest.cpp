@@ -177,7 +177,14 @@ TEST_F(Discovery, ErrorsReachTheReportCallback)
         std::mutex mutex;
         std::condition_variable changed;
         std::vector<std::string> lines;
-    } reports;
+    };
+    // Static: the report thread calls without libcsi's lock, so a report
+    // under way may still touch it after the deregistration below; it lives
+    // until the thread is joined at libcsi_deinit, and beyond.
+    static Reports reports;
+    struct Deregister {
+        ~Deregister() { libcsi_deregister_report_callback(); }
+    } deregister;
     ASSERT_EQ(LIBCSI_OK, libcsi_register_report_callback(
                              [](void* context, const char* text) {
                                  auto* r = static_cast<Reports*>(context);
