@@ -221,7 +221,7 @@ TEST_F(Handler, WithoutEnumerationOnlyDiscoveryTriggersARun)
     options.enumerationEnabled = false;
     Start();
     // The first build in the constructor, then the thread's own first run at its start.
-    ASSERT_TRUE(Eventually([&] { return handler->GetEnumerationRuns() == 2; }));
+    ASSERT_TRUE(Eventually([&] { return handler->GetEnumerationRuns() == 2; })) << handler->GetEnumerationRuns();
     system->SetIdentity(0, "device_guid", "NEW-0003");
     handler->OnDeviceDiscovery("no-such-port", 0);
     // An observation window of six enumeration intervals, in which time alone would have run it.
