@@ -13,9 +13,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <numeric>
 #include <vector>
 
 using namespace QEL;
@@ -263,6 +265,69 @@ TEST_F(Streams, TheTransferPlanCutsThePayload)
     EXPECT_EQ(0u, plan.front().size % streamHandler->GetMaxPacketSize()) << "records round up to whole packets";
     EXPECT_TRUE(channel->StopStreaming(System::Clock::now()));
     EXPECT_TRUE(channel->GetTransferPlan().empty()) << "the plan goes with the stream";
+}
+
+// A payload that is no multiple of the transfer size: the rest goes into a
+// first final transfer of whole aligned packets and a second one for what is
+// left, or into a single final transfer; a transfer size below one packet
+// cannot carry a payload at all.
+TEST_F(Streams, TheTransferPlanCarriesTheRestInFinalTransfers)
+{
+    const std::uint64_t packet = streamHandler->GetMaxPacketSize();
+    const std::uint64_t alignment = channel->GetPayloadSizeAlignment();
+    const std::uint64_t common = std::lcm(packet, alignment);
+    const std::uint64_t transfer = 0x40000 - 0x40000 % common;
+    const std::uint64_t size = 3 * transfer + 2 * common + 5;
+    AnnounceAndQueue(3, size);
+    auto kinds = [](const std::vector<StreamChannel::PlanEntry>& plan) {
+        std::vector<std::uint32_t> list;
+        for (const auto& entry : plan)
+            list.push_back(entry.kind);
+        return list;
+    };
+    using Entry = StreamChannel::PlanEntry;
+
+    Start();
+    auto plan = channel->GetTransferPlan();
+    ASSERT_EQ((std::vector<std::uint32_t>{Entry::Leader, Entry::Payload, Entry::Payload, Entry::Payload,
+                                          Entry::FirstFinal, Entry::SecondFinal, Entry::Trailer}),
+              kinds(plan));
+    EXPECT_EQ(3 * transfer, plan[4].offset);
+    EXPECT_EQ(2 * common, plan[4].size) << "the rest down to whole aligned packets";
+    EXPECT_EQ(plan[4].offset + plan[4].size, plan[5].offset);
+    EXPECT_GE(plan[5].size, 5u);
+    EXPECT_EQ(0u, plan[5].size % packet);
+    EXPECT_EQ(0u, plan[5].size % alignment);
+    EXPECT_TRUE(channel->StopStreaming(System::Clock::now()));
+
+    {
+        System::SharedMutexGuard guard(queue->GetMutex());
+        queue->FlushQueue(ACQ_QUEUE_ALL_TO_INPUT);
+    }
+    channel->StartStreaming(channel->GetBufferAnnounceMinimum(), GENTL_INFINITE, queue, errors, StreamChannel::Auto,
+                            0, true);
+    plan = channel->GetTransferPlan();
+    ASSERT_EQ((std::vector<std::uint32_t>{Entry::Leader, Entry::Payload, Entry::Payload, Entry::Payload,
+                                          Entry::FirstFinal, Entry::Trailer}),
+              kinds(plan));
+    EXPECT_GE(plan[4].size, 2 * common + 5) << "one final transfer holds the whole rest";
+    EXPECT_EQ(0u, plan[4].size % packet);
+    EXPECT_TRUE(channel->StopStreaming(System::Clock::now()));
+    {
+        System::SharedMutexGuard guard(queue->GetMutex());
+        queue->FlushQueue(ACQ_QUEUE_ALL_TO_INPUT);
+    }
+
+    // Transfers smaller than a packet: no whole packet fits, nothing can carry the payload.
+    channel.reset();
+    streamHandler.reset();
+    streamHandler = LibCSI::EndpointHandler::Create(stream, 64, static_cast<std::uint32_t>(packet - 1),
+                                                    LibCSI::ENDPOINT_MODE_SI);
+    channel = StreamChannel::Create(control, streamHandler, -1, -1);
+    std::for_each(buffers.begin(), buffers.end(), [&](const auto& buffer) { channel->AnnounceBuffer(buffer); });
+    EXPECT_EQ(Err(GC_ERR_ERROR, "Impossible to split the required payload size into stream transfers."),
+              Failure([&] { Start(); }));
+    EXPECT_FALSE(channel->IsStreaming()) << "a refused start leaves the stream stopped";
 }
 
 TEST(StreamChannelRules, DataIdentifiersAndAlignment)
