@@ -199,17 +199,17 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
     } else {
         index = static_cast<std::uint32_t>(device.announcedFrames.size());
     }
+    auto giveBack = [&] { device.freeBufferIndices.insert(index); };
     const Config& config = TheConfig();
     if (device.state == Streaming && config.enableUserptr && index >= device.userBuffersDeclared) {
         LIBCSI_LOG(TierError, " %s ERROR: No buffer index free while streaming (%u user pointer buffers).\n", function,
                    device.userBuffersDeclared);
-        device.freeBufferIndices.insert(index);
+        giveBack();
         return LIBCSI_INVALID_DEVICE_STATE;
     }
     LIBCSI_LOG(TierTrace, " nNextFreeIndex=%d\n", static_cast<int>(index));
     frame->m_nBufferIndex = index;
     frame->totalSize = total;
-    auto giveBack = [&] { device.freeBufferIndices.insert(index); };
     const std::uint32_t alignment = std::max<std::uint32_t>(1, device.driverInfo.usrptr_alignment);
     if (!allocate && config.enableUserptr) {
         // The driver fills one user block from its start: parts that lie apart would be overrun.

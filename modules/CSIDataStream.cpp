@@ -310,22 +310,18 @@ void DataStream::Close()
     Swallow([&] { DeinitializeModule(); });
     Swallow([&] { ClearEvents(); });
     // The stream channel outlives this stream (the device keeps it): libcsi's
-    // frames of these buffers go now, or memory announced again at the same
+    // frames of these buffers go too, or memory announced again at the same
     // address would find an old frame of the old size.
     Swallow([&] {
-        if (bufferQueue && streamChannel) {
-            SharedMutexGuard guard(bufferQueue->GetMutex());
-            streamChannel->RevokeBuffers();
-        }
+        if (!bufferQueue)
+            return;
+        SharedMutexGuard guard(bufferQueue->GetMutex());
+        if (streamChannel)
+            Swallow([&] { streamChannel->RevokeBuffers(); });
+        bufferQueue->RevokeAll();
     });
     errorQueue.reset();
     streamChannel.reset();
-    Swallow([&] {
-        if (bufferQueue) {
-            SharedMutexGuard guard(bufferQueue->GetMutex());
-            bufferQueue->RevokeAll();
-        }
-    });
     bufferQueue.reset();
     open = false;
 }

@@ -2,6 +2,7 @@
 
 #include "base/GenTL.h"
 
+#include <atomic>
 #include <chrono>
 #include <stdexcept>
 #include <sys/resource.h>
@@ -83,6 +84,14 @@ inline char ThreadState(long tid)
     const auto end = stat.rfind(')'); // the thread's name may hold anything
     return end != std::string::npos && end + 2 < stat.size() ? stat[end + 2] : '\0';
 }
+
+// A thread's ID as /proc names it, which the thread writes itself; 0 until then.
+using ThreadId = std::atomic<long>;
+inline void MarkThisThread(ThreadId& id) { id = static_cast<long>(::gettid()); }
+
+// True once the thread has marked itself and sleeps in a blocking call: what
+// a test waits for before it does what should wake that call.
+inline bool Asleep(const ThreadId& id) { return id != 0 && ThreadState(id) == 'S'; }
 
 inline std::string ReadFile(const std::string& path)
 {

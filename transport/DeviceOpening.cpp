@@ -63,10 +63,8 @@ DriverHandler::DeviceGuard::DeviceGuard(const std::shared_ptr<QEL::System::Mutex
     try {
         openMutex = std::make_shared<QEL::System::Mutex>();
     } catch (const std::bad_alloc&) {
-        openMutex.reset();
-    }
-    if (!openMutex)
         throw Exception("Device not available at the moment.", GC_ERR_RESOURCE_IN_USE);
+    }
 }
 
 DriverHandler::DeviceGuard::~DeviceGuard()

@@ -227,7 +227,6 @@ DriverHandler::DriverHandler(const Options& options) : options(options)
     library->GetDiscoverySignal().Connect(
         [this](const char* portID, unsigned char available) { OnDeviceDiscovery(portID, available); });
     Enumerate();
-    ++enumerationRuns;
     {
         System::MutexGuard guard(&threadState->mutex);
         threadState->state = 1;
@@ -270,7 +269,6 @@ void DriverHandler::EnumerationThread()
                                           : now + std::chrono::hours(24 * 365 * 100);
         guard.Release();
         Enumerate();
-        ++enumerationRuns;
         guard.Lock(&sync.mutex);
     }
     sync.state = 0;
@@ -350,6 +348,7 @@ void DriverHandler::Enumerate()
     } catch (...) {
         Log("An unknown exception occured during device enumeration.");
     }
+    ++enumerationRuns;
     for (const Change& change : changes)
         deviceChangeSignal(change.id, change.changed, change.state);
 }

@@ -429,10 +429,7 @@ void Endpoint::RevokeBuffers()
         payloads.clear();
     }
     for (const auto& [handle, transfer] : revoked) {
-        transfer->AwaitReaders();
-        wrapper->RevokeFrame(handle);
-        // libcsi's callback thread may be about to hand this record back.
-        device->KeepUntilClosed(transfer);
+        GiveBack(handle, transfer);
         frame_info canceled;
         canceled.result = RESULT_Unused;
         if (transfer->callback && *transfer->callback)
@@ -440,7 +437,7 @@ void Endpoint::RevokeBuffers()
     }
 }
 
-std::int32_t Endpoint::RevokeBuffer(void* payload)
+std::int32_t Endpoint::RevokeBuffer(const void* payload)
 {
     frame_handle_t* handle = nullptr;
     std::shared_ptr<DataTransfer> transfer;
@@ -457,10 +454,17 @@ std::int32_t Endpoint::RevokeBuffer(void* payload)
             frames.erase(frame);
         }
     }
+    return GiveBack(handle, transfer);
+}
+
+// The frame, already out of the maps, goes back to libcsi once no callback
+// reads its memory; its records stay, as libcsi's callback thread may be
+// about to hand one back.
+std::int32_t Endpoint::GiveBack(frame_handle_t* handle, const std::shared_ptr<DataTransfer>& transfer)
+{
     if (transfer)
         transfer->AwaitReaders();
     const std::int32_t result = wrapper->RevokeFrame(handle);
-    // libcsi's callback thread may be about to hand this record back.
     if (transfer)
         device->KeepUntilClosed(transfer);
     return result;

@@ -71,7 +71,7 @@ public:
     void RevokeBuffers();
     // Gives one frame back to libcsi (its memory too, when libcsi allocated it);
     // the address may then come back as another buffer.
-    std::int32_t RevokeBuffer(void* payload);
+    std::int32_t RevokeBuffer(const void* payload);
     std::size_t GetBufferCount() const;
     void SetEmulateLeaderTrailer(bool emulate);
     void SetLeaderTrailerParam(const LeaderTrailerParameters& parameters);
@@ -112,6 +112,7 @@ private:
     std::shared_ptr<DataTransfer> MakeDataTransfer(DataTransfer::Origin origin, void* payload, std::size_t size,
                                                    std::uint32_t leaderSize, std::uint32_t trailerSize,
                                                    FrameHandler callback);
+    std::int32_t GiveBack(frame_handle_t* handle, const std::shared_ptr<DataTransfer>& transfer);
     frame_handle_t* AnnounceLocked(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
                                    std::uint32_t leaderSize, std::uint32_t trailerSize, FrameHandler callback);
     // What libcsi's frame records point to. It outlives the endpoint, until

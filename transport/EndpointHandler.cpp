@@ -240,7 +240,7 @@ std::int32_t EndpointHandler::FlushBuffers()
     return endpoint->FlushBuffers();
 }
 
-std::int32_t EndpointHandler::RevokeBuffer(void* payload) { return endpoint->RevokeBuffer(payload); }
+std::int32_t EndpointHandler::RevokeBuffer(const void* payload) { return endpoint->RevokeBuffer(payload); }
 
 void EndpointHandler::RevokeBuffers()
 {

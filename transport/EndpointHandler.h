@@ -45,7 +45,7 @@ public:
                                      Endpoint::FrameHandler callback);
     virtual std::int32_t FlushBuffers();
     virtual void RevokeBuffers();
-    virtual std::int32_t RevokeBuffer(void* payload);
+    virtual std::int32_t RevokeBuffer(const void* payload);
     virtual void SetEmulateLeaderTrailer(bool emulate);
     virtual void SetLeaderTrailerParam(const LeaderTrailerParameters& parameters);
 

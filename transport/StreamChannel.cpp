@@ -445,7 +445,7 @@ void StreamChannel::AnnounceBuffer(const std::shared_ptr<Base::Buffer>& buffer)
     block->transferHandle = handle;
 }
 
-bool StreamChannel::RevokeBuffer(void* base)
+bool StreamChannel::RevokeBuffer(const void* base)
 {
     SharedMutexGuard guard(GetMutex());
     const auto found = blocks.find(base);
@@ -463,7 +463,7 @@ void StreamChannel::RevokeBuffers()
 {
     SharedMutexGuard guard(GetMutex());
     while (!blocks.empty())
-        RevokeBuffer(const_cast<void*>(blocks.begin()->first));
+        RevokeBuffer(blocks.begin()->first);
 }
 
 bool StreamChannel::AllocateBuffer(void** base, std::size_t size, const std::shared_ptr<StreamDataBlock>& block)

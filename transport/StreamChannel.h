@@ -87,7 +87,7 @@ public:
     // A revoked buffer's frame goes back to libcsi, so that its address can
     // come back as a buffer of another size. True when the memory was
     // libcsi's and went with the frame: its address must not be handed out.
-    bool RevokeBuffer(void* base);
+    bool RevokeBuffer(const void* base);
     // Every buffer's frame goes back to libcsi, as when its data stream
     // closes: nothing of the stream's buffers stays below the queue.
     void RevokeBuffers();

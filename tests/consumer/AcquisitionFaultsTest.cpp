@@ -5,8 +5,6 @@
 // waiting consumer.
 #include "tests/consumer/AcquisitionFixture.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <functional>
@@ -347,9 +345,9 @@ TEST_F(Acquisition, CloseLibWithBuffersQueuedWhileAConsumerWaits)
     Grab(10);
     std::atomic<GC_ERROR> last{GC_ERR_SUCCESS};
     std::atomic<int> taken{0};
-    std::atomic<long> waiterId{0};
-    std::thread waiter([&] {
-        waiterId = static_cast<long>(::gettid());
+    ThreadId waiter{0};
+    std::thread waiting([&] {
+        MarkThisThread(waiter);
         auto getData = LORUN_FN(EventGetData);
         EVENT_NEW_BUFFER_DATA data{};
         for (;;) {
@@ -361,9 +359,9 @@ TEST_F(Acquisition, CloseLibWithBuffersQueuedWhileAConsumerWaits)
         }
     });
     // Every buffer taken, the waiter asleep: it waits in its last EventGetData.
-    EXPECT_TRUE(Eventually([&] { return taken == 5 && waiterId != 0 && ThreadState(waiterId) == 'S'; }));
+    EXPECT_TRUE(Eventually([&] { return taken == 5 && Asleep(waiter); }));
     EXPECT_EQ(GC_ERR_SUCCESS, producer.GCCloseLib());
-    waiter.join();
+    waiting.join();
     EXPECT_NE(GC_ERR_SUCCESS, last.load());
 }
 

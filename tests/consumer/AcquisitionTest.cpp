@@ -76,18 +76,18 @@ TEST_F(Acquisition, AWaitingConsumerIsWokenByTheStopOfAKill)
 {
     AnnounceAndQueue(3, 0);
     auto getData = LORUN_FN(EventGetData);
-    std::atomic<long> waiterId{0};
+    ThreadId waiter{0};
     std::atomic<GC_ERROR> woken{GC_ERR_SUCCESS};
-    std::thread waiter([&] {
-        waiterId = static_cast<long>(::gettid());
+    std::thread waiting([&] {
+        MarkThisThread(waiter);
         EVENT_NEW_BUFFER_DATA data{};
         size_t size = sizeof data;
         woken = getData(newBuffer, &data, &size, GENTL_INFINITE); // nothing streams: only the kill ends it
     });
     // Asleep in its wait before the kill, so that the kill wakes it and is not merely kept for later.
-    EXPECT_TRUE(Eventually([&] { return waiterId != 0 && ThreadState(waiterId) == 'S'; }));
+    EXPECT_TRUE(Eventually([&] { return Asleep(waiter); }));
     ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(EventKill)(newBuffer));
-    waiter.join();
+    waiting.join();
     EXPECT_EQ(GC_ERR_ABORT, woken.load()) << "a kill ends the wait";
     EVENT_NEW_BUFFER_DATA data{};
     size_t size = sizeof data;

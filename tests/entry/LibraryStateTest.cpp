@@ -4,8 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -16,14 +15,9 @@ using namespace std::chrono_literals;
 namespace {
 
 // Waits until every thread named has started and sleeps in a blocking call.
-bool AllAsleep(const std::vector<std::atomic<long>>& threads)
+bool AllAsleep(const std::vector<ThreadId>& threads)
 {
-    return Eventually([&] {
-        for (const auto& tid : threads)
-            if (tid == 0 || ThreadState(tid) != 'S')
-                return false;
-        return true;
-    });
+    return Eventually([&] { return std::all_of(threads.begin(), threads.end(), Asleep); });
 }
 
 std::shared_ptr<LibraryState> Initialised()
@@ -48,9 +42,9 @@ TEST(LibraryState, WriterWaitsForTheReadersInside)
     auto reader = state->GetReadAccess();
     ASSERT_TRUE(reader);
     std::atomic<bool> closed{false};
-    std::vector<std::atomic<long>> ids(1);
+    std::vector<ThreadId> ids(1);
     std::thread closer([&] {
-        ids[0] = static_cast<long>(::gettid());
+        MarkThisThread(ids[0]);
         auto w = state->GetWriteAccess();
         w->SetInitialized(false);
         w->SetReadersBlocked(false);
@@ -71,11 +65,11 @@ TEST(LibraryState, BlockedReadersWaitThenEnter)
     auto w = state->GetWriteAccess();
     EXPECT_TRUE(w->AreReadersBlocked());
     std::atomic<int> admitted{0};
-    std::vector<std::atomic<long>> ids(3);
+    std::vector<ThreadId> ids(3);
     std::vector<std::thread> readers;
     for (int i = 0; i < 3; ++i)
         readers.emplace_back([&, i] {
-            ids[static_cast<std::size_t>(i)] = static_cast<long>(::gettid());
+            MarkThisThread(ids[static_cast<std::size_t>(i)]);
             if (state->GetReadAccess())
                 ++admitted;
         });
@@ -92,9 +86,9 @@ TEST(LibraryState, WritersAreSerialised)
     auto state = Initialised();
     auto first = state->GetWriteAccess();
     std::atomic<bool> second{false};
-    std::vector<std::atomic<long>> ids(1);
+    std::vector<ThreadId> ids(1);
     std::thread t([&] {
-        ids[0] = static_cast<long>(::gettid());
+        MarkThisThread(ids[0]);
         auto w = state->GetWriteAccess();
         second = true;
     });
