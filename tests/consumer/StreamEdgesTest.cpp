@@ -312,6 +312,72 @@ TEST_F(Acquisition, PayloadSizeModeWrittenWhileFramesFinish)
     EXPECT_EQ(0, wrongPixels);
 }
 
+// Two cameras whose second has the taller image the first changes to.
+class CamerasOfTwoSizes : public Acquisition {
+protected:
+    CamerasOfTwoSizes()
+        : Acquisition(Setup{DefaultCamera + "[camera1]\nguid = CAM-2\nnode = video1\nbus = 3\nbus_timing = 0\n" +
+                            TallCameraKeys})
+    {
+    }
+    static inline const std::string TallCameraKeys = "width = 64\nheight = 400\npixel_format = Mono8\nframe_rate = 0\n";
+};
+
+// The frame size each camera's driver was told is the camera's own: the other
+// camera told of the size this one changes to does not spare telling it.
+TEST_F(CamerasOfTwoSizes, EachCameraIsToldItsOwnFrameSize)
+{
+    StreamVerified(3, 0, 10);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_DISCARD));
+    RevokeAll();
+    // The tall camera's frames announced: its driver now has the tall size.
+    DEV_HANDLE tallDevice = nullptr;
+    DS_HANDLE tall = nullptr;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(IFOpenDevice)(interface, "DEV_CAM-2", DEVICE_ACCESS_CONTROL, &tallDevice))
+        << producer.LastError().second;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevOpenDataStream)(tallDevice, "DEV_CAM-2_DS_0x0", &tall));
+    size_t tallPayload = 0;
+    INFO_DATATYPE type = 0;
+    size_t size = sizeof tallPayload;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSGetInfo)(tall, STREAM_INFO_PAYLOAD_SIZE, &type, &tallPayload, &size));
+    for (int i = 0; i < 3; ++i) {
+        BUFFER_HANDLE buffer = nullptr;
+        ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSAllocAndAnnounceBuffer)(tall, tallPayload, nullptr, &buffer));
+    }
+
+    // The first camera grows to the same size and streams at it.
+    PORT_HANDLE remote = nullptr;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevGetPort)(device, &remote));
+    std::uint32_t taller = 400;
+    size = sizeof taller;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(GCWritePort)(remote, 0x10200014, &taller, &size)) << producer.LastError().second;
+    height = taller;
+    payloadSize = StreamInfo<size_t>(STREAM_INFO_PAYLOAD_SIZE);
+    ASSERT_EQ(tallPayload, payloadSize);
+    seen.clear();
+    lastFrameId = 0;
+    StreamVerified(3, 0, 20);
+    EXPECT_EQ(0, wrongPixels);
+}
+
+// In a user-pointer mode the driver is told of buffers up to the highest
+// index in use, which a revoke can leave above the number of buffers.
+TEST_P(UserPointerDynamicBuffers, AStreamStartsAfterItsFirstBufferWasRevoked)
+{
+    const bool allocated = GetParam();
+    AnnounceAndQueue(allocated ? 0 : 4, allocated ? 4 : 0);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_DISCARD));
+    ASSERT_NO_FATAL_FAILURE(Revoke(0));
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_UNQUEUED_TO_INPUT));
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE))
+        << producer.LastError().second;
+    Grab(30);
+    EXPECT_EQ(0, wrongPixels);
+    for (std::size_t i = 1; i < 4; ++i)
+        EXPECT_GT(seen[i], 0) << "buffer " << i;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+}
+
 // Two cameras: a buffer of one camera's stream is no buffer of the other's.
 class TwoStreams : public Acquisition {
 protected:
