@@ -3,6 +3,7 @@
 #include "libcsi/Config.h"
 #include "libcsi/SafeFile.h"
 #include "libcsi/Device.h"
+#include "libcsi/Diagnostics.h"
 #include "libcsi/Library.h"
 #include "libcsi/Log.h"
 #include "libcsi/OsSeam.h"
@@ -202,6 +203,12 @@ void WriteStatisticsLine(Device& device)
     std::fflush(file);
 }
 
+}
+
+std::uint64_t DroppedFrameCount(device_handle_t* device)
+{
+    std::lock_guard<std::mutex> statistics(device->statisticsMutex);
+    return device->m_nNumDroppedFrames;
 }
 
 int32_t StopStream(Device& device, std::uint32_t timeout) { return Stop(device, timeout); }
