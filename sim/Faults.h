@@ -27,6 +27,7 @@ enum class Fault {
     UnknownFrameState,   // frames with none of the state bits
     ZeroFrame,           // frames whose buffer was never filled
     DQBUFError,          // VIDIOC_DQBUF fails with errno `value`
+    QBUFError,           // VIDIOC_QBUF fails with errno `value`
     StreamOffHangs,      // the stream-off attribute never reaches "2"
     FlushHangs,          // the flush attribute never reaches "2"
     NodeOpenFailure,     // opening the V4L2 node fails with errno `value` (0: EBUSY)

@@ -500,8 +500,12 @@ void StreamChannel::SubmitBuffers()
             throw;
         }
         if (result != 0) {
-            // The endpoint takes no more for now.
             bufferQueue->ReturnToInputQueue(buffer);
+            // A driver that refuses a buffer will not fill this stream again:
+            // the consumer hears of it instead of waiting for frames in vain.
+            if (result == LIBCSI_DRIVER_CALL_FAILED)
+                throw Exception((boost::format("Could not queue buffer (Reason: %1%).") % result).str(), GC_ERR_IO);
+            // The endpoint takes no more for now.
             return;
         }
         block->acquiring = true;

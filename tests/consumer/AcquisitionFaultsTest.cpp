@@ -167,6 +167,49 @@ TEST_F(ControlledAcquisition, BrokenFramesAreLostToTheConsumerAndTheStreamGoesOn
     ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
 }
 
+// A driver that refuses a buffer while frames flow will not fill the stream
+// again: the stream aborts, and the consumer hears why on the data stream's
+// error event instead of waiting for frames in vain. The stop works from
+// there, every buffer is the consumer's again, and the next start streams.
+TEST_F(ControlledAcquisition, ADriverThatRefusesABufferAbortsTheStream)
+{
+    EVENT_HANDLE errors = nullptr;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(GCRegisterEvent)(stream, EVENT_ERROR, &errors));
+    Start();
+    Grab(10);
+    Command("fault camera0 QBUFError 1");
+    // The buffers are all with libcsi: the first one queued again is the refused one.
+    BUFFER_HANDLE refused = nullptr;
+    ASSERT_NO_FATAL_FAILURE(refused = TakeChecked(10));
+    EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSQueueBuffer)(stream, refused)) << "the queue took it; the driver did not";
+
+    std::vector<char> error(1024);
+    size_t size = error.size();
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(EventGetData)(errors, error.data(), &size, 5000)) << "the abort was reported";
+    INFO_DATATYPE type = 0;
+    std::int64_t code = 0;
+    size_t infoSize = sizeof code;
+    ASSERT_EQ(GC_ERR_SUCCESS,
+              LORUN_FN(EventGetDataInfo)(errors, error.data(), size, EVENT_DATA_NUMID, &type, &code, &infoSize));
+    EXPECT_EQ(GC_ERR_IO, code);
+    char text[512] = {};
+    infoSize = sizeof text;
+    ASSERT_EQ(GC_ERR_SUCCESS,
+              LORUN_FN(EventGetDataInfo)(errors, error.data(), size, EVENT_DATA_VALUE, &type, text, &infoSize));
+    EXPECT_STREQ("Could not queue buffer (Reason: -16). (Error code: -1010)", text);
+
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT)) << producer.LastError().second;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSFlushQueue)(stream, ACQ_QUEUE_ALL_TO_INPUT));
+    EXPECT_EQ(buffers.size(), StreamInfo<size_t>(STREAM_INFO_NUM_QUEUED)) << "every buffer came back";
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE))
+        << producer.LastError().second;
+    Grab(30);
+    EXPECT_EQ(0, wrongPixels);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+    EXPECT_EQ(GC_ERR_TIMEOUT, LORUN_FN(EventGetData)(errors, error.data(), &size, 0)) << "one abort, one error";
+    EXPECT_EQ(GC_ERR_SUCCESS, LORUN_FN(GCUnregisterEvent)(stream, EVENT_ERROR));
+}
+
 TEST_F(ControlledAcquisition, ACameraPulledOutMidStreamAndPutBack)
 {
     Start();
