@@ -173,6 +173,7 @@ void CameraFirmware::BuildMemory()
         Put<std::uint64_t>(manifest, entry + 16, document.size());
         std::copy(digest.begin(), digest.end(), manifest.begin() + static_cast<std::ptrdiff_t>(entry) + 24);
         memory.AddBytes(XmlFileAddress(i), document);
+        documents.push_back({XmlFileAddress(i), document.size()});
     }
     memory.AddBytes(Manifest, manifest);
 
@@ -443,6 +444,8 @@ std::vector<std::uint8_t> CameraFirmware::Serve(const std::vector<std::uint8_t>&
             status = memory.Read(address, payload.data(), length);
             if (status != 0)
                 payload.clear();
+            else
+                ReadOfDocuments(address, payload);
         }
     } else if (commandId == WriteMemCmd && command.size() > 24) {
         const std::uint64_t address = Get<std::uint64_t>(command, 16);
@@ -464,6 +467,20 @@ std::vector<std::uint8_t> CameraFirmware::Serve(const std::vector<std::uint8_t>&
     if (faults.Take(Fault::StaleRequestID))
         answeredId = static_cast<std::uint16_t>(requestId - 1);
     return Answer(status, ackId, answeredId, payload);
+}
+
+void CameraFirmware::ReadOfDocuments(std::uint64_t address, std::vector<std::uint8_t>& answer)
+{
+    const std::uint64_t end = address + answer.size();
+    for (const DocumentRange& document : documents) {
+        const std::uint64_t from = std::max(address, document.address);
+        const std::uint64_t to = std::min(end, document.address + document.size);
+        if (from >= to)
+            continue;
+        documentBytesRead += to - from;
+        if (from == document.address && faults.Take(Fault::DocumentCorrupt))
+            answer[from - address] ^= 0xFF;
+    }
 }
 
 CameraFirmware::FrameGeometry CameraFirmware::Geometry()

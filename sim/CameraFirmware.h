@@ -68,6 +68,8 @@ public:
     std::uint64_t GetCommandCount();
     // Bytes that went over the control bus, addresses and data.
     std::uint64_t GetBusBytes() const { return busBytes.load(); }
+    // Bytes of the manifest's documents that GenCP reads answered.
+    std::uint64_t GetDocumentBytesRead() const { return documentBytesRead.load(); }
 
 private:
     struct PendingAnswer {
@@ -87,6 +89,8 @@ private:
     std::vector<std::uint8_t> Answer(std::uint16_t status, std::uint16_t commandId, std::uint16_t requestId,
                                      const std::vector<std::uint8_t>& payload);
     void BusDelay(std::size_t bytes);
+    // Counts the document bytes in a read's answer; DocumentCorrupt changes a document's first byte.
+    void ReadOfDocuments(std::uint64_t address, std::vector<std::uint8_t>& answer);
     std::uint32_t CciValue(std::uint16_t address, std::size_t size);
     void SetCciValue(std::uint16_t address, std::size_t size, std::uint32_t value);
 
@@ -108,6 +112,11 @@ private:
     std::uint64_t commands = 0;
     std::map<std::uint32_t, std::uint32_t> asic;
     std::atomic<std::uint64_t> busBytes{0};
+    struct DocumentRange {
+        std::uint64_t address, size;
+    };
+    std::vector<DocumentRange> documents;
+    std::atomic<std::uint64_t> documentBytesRead{0};
     // Bus time the transfers have taken but not yet slept (negative: slept too long).
     std::mutex busMutex;
     std::chrono::nanoseconds busTimeOwed{0};

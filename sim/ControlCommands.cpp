@@ -2,6 +2,8 @@
 // pulled out, put back or given faults from outside the process.
 #include "sim/VirtualSystem.h"
 
+#include "sim/ControlFile.h"
+
 #include <cerrno>
 #include <sstream>
 #include <stdexcept>
@@ -81,9 +83,25 @@ void VirtualSystem::ApplyCommand(const std::string& line)
     } else if (verb == "clear") {
         expect(2, 2, "clear CAMERA");
         ClearFaults(CameraByName(words[1]));
+    } else if (verb == "report") {
+        expect(2, 2, "report CAMERA");
+        Report(CameraByName(words[1]));
     } else {
         throw std::invalid_argument("unknown command '" + verb + "'");
     }
+}
+
+void VirtualSystem::Report(std::size_t camera)
+{
+    if (description.control.empty())
+        throw std::invalid_argument("report needs a control file");
+    CameraFirmware& firmware = GetFirmware(camera);
+    std::ostringstream text;
+    text << "frames_sent = " << GetFramesSent(camera) << "\nframes_lost = " << GetFramesLost(camera)
+         << "\nbus_bytes = " << firmware.GetBusBytes() << "\ndocument_bytes_read = " << firmware.GetDocumentBytesRead()
+         << "\n";
+    if (!WriteFileReplacing(description.control + ".report", text.str()))
+        throw std::invalid_argument("report file '" + description.control + ".report' cannot be written");
 }
 
 } }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <string>
 
 namespace QEL { namespace Sim {
 
@@ -78,23 +79,24 @@ void ControlFile::Poll()
         Acknowledge();
 }
 
-// Written beside the control file under a temporary name and renamed over
-// FILE.applied: a reader never sees half a number, and a link planted under
-// either name is replaced, not followed.
-void ControlFile::Acknowledge() const
+bool WriteFileReplacing(const std::string& target, const std::string& text)
 {
-    const std::string target = path + ".applied";
     const std::string temporary = target + ".tmp";
     ::unlink(temporary.c_str());
     const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0)
-        return;
-    char text[32];
-    const int length = std::snprintf(text, sizeof text, "%llu\n", static_cast<unsigned long long>(lineNumber));
-    const bool written = length > 0 && ::write(fd, text, static_cast<std::size_t>(length)) == length;
+        return false;
+    const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     ::close(fd);
-    if (!written || ::rename(temporary.c_str(), target.c_str()) != 0)
-        ::unlink(temporary.c_str());
+    if (written && ::rename(temporary.c_str(), target.c_str()) == 0)
+        return true;
+    ::unlink(temporary.c_str());
+    return false;
+}
+
+void ControlFile::Acknowledge() const
+{
+    WriteFileReplacing(path + ".applied", std::to_string(lineNumber) + "\n");
 }
 
 void ControlFile::Consume(const char* data, std::size_t size)

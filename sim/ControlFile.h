@@ -19,6 +19,11 @@ namespace QEL { namespace Sim {
 // look that read whole lines, FILE.applied holds the number of the file's last
 // line read, written once every line up to it has been applied: a process
 // that appended a command waits for that number instead of guessing a delay.
+// Puts `text` in the file `target`, written under a temporary name beside it
+// and renamed over it: a reader never sees half of it, and a link planted
+// under either name is replaced, not followed. False when it could not.
+bool WriteFileReplacing(const std::string& target, const std::string& text);
+
 class ControlFile {
 public:
     using Apply = std::function<void(const std::string& line, std::uint64_t lineNumber)>;

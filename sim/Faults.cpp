@@ -18,7 +18,7 @@ Fault FaultByName(const std::string& name)
         {"UnknownFrameState", Fault::UnknownFrameState}, {"ZeroFrame", Fault::ZeroFrame},
         {"DQBUFError", Fault::DQBUFError},               {"StreamOffHangs", Fault::StreamOffHangs},
         {"FlushHangs", Fault::FlushHangs},               {"NodeOpenFailure", Fault::NodeOpenFailure},
-        {"QBUFError", Fault::QBUFError},
+        {"DocumentCorrupt", Fault::DocumentCorrupt},
     };
     for (const auto& [text, fault] : names)
         if (name == text)

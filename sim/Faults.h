@@ -27,10 +27,10 @@ enum class Fault {
     UnknownFrameState,   // frames with none of the state bits
     ZeroFrame,           // frames whose buffer was never filled
     DQBUFError,          // VIDIOC_DQBUF fails with errno `value`
-    QBUFError,           // VIDIOC_QBUF fails with errno `value`
     StreamOffHangs,      // the stream-off attribute never reaches "2"
     FlushHangs,          // the flush attribute never reaches "2"
     NodeOpenFailure,     // opening the V4L2 node fails with errno `value` (0: EBUSY)
+    DocumentCorrupt,     // a GenCP read answers a manifest document's first byte changed
 };
 
 // The fault of that name, as in the enumeration; an unknown name throws std::invalid_argument.

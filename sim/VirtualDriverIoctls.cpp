@@ -325,9 +325,6 @@ int VirtualSystem::BufferIoctl(Camera& camera, unsigned long request, void* argu
         auto& buf = As<v4l2_buffer>(argument);
         if (buf.type != V4L2_BUF_TYPE_VIDEO_CAPTURE)
             return Fail(EINVAL);
-        std::uint64_t error = 0;
-        if (camera.faults.Take(Fault::QBUFError, &error))
-            return Fail(static_cast<int>(error ? error : EIO));
         if (buf.memory == V4L2_MEMORY_USERPTR) {
             if (buf.index >= camera.userBuffers || buf.m.userptr == 0 || buf.length < camera.frameSize ||
                 (description.usrptrAlignment > 1 && buf.m.userptr % description.usrptrAlignment != 0))

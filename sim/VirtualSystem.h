@@ -61,6 +61,8 @@ public:
     // "identity CAMERA NAME VALUE", "clear CAMERA"; CAMERA is the name of the
     // camera's section. A bad line throws std::invalid_argument and changes nothing.
     void ApplyCommand(const std::string& line);
+    // "report CAMERA": the camera's counters, "NAME = VALUE" a line, in FILE.report beside the control file.
+    void Report(std::size_t camera);
     std::size_t CameraByName(const std::string& name) const;
     // Frames the camera produced, and those it lost for want of a queued buffer.
     std::uint64_t GetFramesSent(std::size_t camera);

@@ -4,6 +4,7 @@
 // pulled out and put back, bad GenCP answers, and a library closed under a
 // waiting consumer.
 #include "tests/consumer/AcquisitionFixture.h"
+#include "tests/sim/CameraControl.h"
 
 #include <algorithm>
 #include <chrono>
@@ -66,22 +67,7 @@ class ControlledAcquisition : public Acquisition {
 protected:
     ControlledAcquisition() : Acquisition(Setup{DefaultCamera, "control = control.txt\n"}) {}
 
-    // Appends command lines and waits until the camera reports them applied.
-    void Command(const std::string& lines)
-    {
-        const std::string path = producer.File("control.txt");
-        std::ofstream(path, std::ios::app) << lines << "\n";
-        const std::string text = ReadFile(path);
-        const auto written = static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n'));
-        ASSERT_TRUE(Eventually([&] { return Applied() >= written; })) << "not applied: " << lines;
-    }
-
-    // The number of the control file's last line the camera has applied.
-    std::uint64_t Applied() const
-    {
-        const std::string text = ReadFile(producer.File("control.txt.applied"));
-        return text.empty() ? 0 : std::stoull(text);
-    }
+    void Command(const std::string& lines) { ASSERT_TRUE(CameraControl(producer.File("control.txt")).Command(lines)); }
 
     struct Frame {
         GC_ERROR result = GC_ERR_ERROR;
@@ -177,7 +163,7 @@ TEST_F(ControlledAcquisition, ADriverThatRefusesABufferAbortsTheStream)
     ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(GCRegisterEvent)(stream, EVENT_ERROR, &errors));
     Start();
     Grab(10);
-    Command("fault camera0 QBUFError 1");
+    Command("ioctl camera0 VIDIOC_QBUF 5 1");
     // The buffers are all with libcsi: the first one queued again is the refused one.
     BUFFER_HANDLE refused = nullptr;
     ASSERT_NO_FATAL_FAILURE(refused = TakeChecked(10));

@@ -2,6 +2,7 @@
 // producer, on the virtual camera.
 #include "sim/CameraMap.h"
 #include "tests/consumer/ProducerLoader.h"
+#include "tests/sim/CameraControl.h"
 
 #include <gtest/gtest.h>
 
@@ -26,14 +27,20 @@ namespace fs = boost::filesystem;
 
 class DeviceFamily : public ::testing::Test {
 protected:
+    static std::string NewCacheFolder()
+    {
+        return (fs::temp_directory_path() / fs::unique_path("lorun-cache-%%%%-%%%%")).string();
+    }
+
     // `files` are written beside the producer before it starts.
     explicit DeviceFamily(const std::string& settings = "", const std::string& camera = "",
-                          const std::map<std::string, std::string>& files = {})
-        : producer("<Settings><LogFileName>lorun.log</LogFileName><XMLCacheFolder>" +
-                   (fs::temp_directory_path() / fs::unique_path("lorun-cache-%%%%-%%%%")).string() +
-                   "</XMLCacheFolder>" + settings + "</Settings>")
+                          const std::map<std::string, std::string>& files = {},
+                          const std::string& cache = NewCacheFolder())
+        : producer("<Settings><LogFileName>lorun.log</LogFileName><XMLCacheFolder>" + cache + "</XMLCacheFolder>" +
+                   settings + "</Settings>")
     {
         std::ofstream(producer.File("cameras.ini"))
+            << "[system]\ncontrol = control.txt\n"
             << "[camera0]\nguid = CAM-1\nserial_number = SN-1\nbus_timing = 0\nwidth = 64\nheight = 16\n" << camera;
         for (const auto& [name, text] : files)
             std::ofstream(producer.File(name)) << text;
@@ -124,6 +131,16 @@ protected:
                 files.push_back(entry.path());
         return files;
     }
+
+    // Bytes of its documents the camera has sent over its control bus.
+    std::uint64_t DocumentBytesSent()
+    {
+        const auto counters = CameraControl(producer.File("control.txt")).Report("camera0");
+        EXPECT_EQ(1u, counters.count("document_bytes_read")) << "the camera's report";
+        return counters.count("document_bytes_read") ? counters.at("document_bytes_read") : 0;
+    }
+
+    std::string Log() const { return ReadFile(producer.File("lorun.log")); }
 
     ProducerLoader producer;
     TL_HANDLE tl = nullptr;
@@ -241,6 +258,88 @@ TEST_F(DeviceFamily, TheCamerasDocumentComesFromTheCameraThenFromTheCache)
     // From the cache now: the same document.
     device = Open(DEVICE_ACCESS_READONLY);
     EXPECT_EQ(document, RemoteDocument(RemotePort(device)));
+}
+
+// What the cache saves is the document's transfer over the slow control bus.
+TEST_F(DeviceFamily, ACacheHitReadsNothingOfTheDocumentFromTheCamera)
+{
+    DEV_HANDLE device = Open(DEVICE_ACCESS_CONTROL);
+    const std::string document = RemoteDocument(RemotePort(device));
+    const std::uint64_t size = document.size();
+    EXPECT_EQ(size, DocumentBytesSent()) << "fetched once at the opening; the consumer's read came from memory";
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevClose)(device));
+
+    device = Open(DEVICE_ACCESS_CONTROL);
+    EXPECT_EQ(document, RemoteDocument(RemotePort(device)));
+    EXPECT_EQ(size, DocumentBytesSent()) << "a cache hit";
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevClose)(device));
+
+    // A cache file cut short is passed over, logged, and written anew.
+    const auto files = CacheFiles();
+    ASSERT_EQ(1u, files.size());
+    fs::resize_file(files[0], size - 1);
+    device = Open(DEVICE_ACCESS_CONTROL);
+    EXPECT_EQ(document, RemoteDocument(RemotePort(device)));
+    EXPECT_EQ(2 * size, DocumentBytesSent()) << "read from the camera again";
+    EXPECT_EQ(document, ReadFile(files[0].string())) << "replaced";
+    EXPECT_NE(std::string::npos, Log().find("Could not load XML cache file with hash " + files[0].filename().string() +
+                                            " (Reason: Invalid file size found"));
+}
+
+// A document whose transfer fails its SHA-1 is read again, three times at
+// most; after three failures the device opens all the same, nothing is
+// cached, and the consumer's reads of the document go to the camera.
+TEST_F(DeviceFamily, ADocumentFailingItsHashIsReadAgainThriceAtMost)
+{
+    ASSERT_TRUE(CameraControl(producer.File("control.txt")).Command("fault camera0 DocumentCorrupt 2"));
+    DEV_HANDLE device = Open(DEVICE_ACCESS_CONTROL);
+    const std::uint64_t threeReads = DocumentBytesSent();
+    const std::string document = RemoteDocument(RemotePort(device));
+    const std::uint64_t size = document.size();
+    EXPECT_EQ(3 * size, threeReads) << "two spoilt transfers and a good one";
+    EXPECT_EQ(threeReads, DocumentBytesSent()) << "the third one is served from memory";
+    ASSERT_EQ(1u, CacheFiles().size());
+    EXPECT_EQ(document, ReadFile(CacheFiles()[0].string()));
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DevClose)(device));
+    fs::remove(CacheFiles()[0]);
+
+    ASSERT_TRUE(CameraControl(producer.File("control.txt")).Command("fault camera0 DocumentCorrupt 3"));
+    device = Open(DEVICE_ACCESS_CONTROL);
+    EXPECT_EQ(threeReads + 3 * size, DocumentBytesSent());
+    EXPECT_NE(std::string::npos, Log().find("Could not load XML file from device (Reason: Too many retries"));
+    EXPECT_TRUE(CacheFiles().empty()) << "nothing verified, nothing cached";
+    EXPECT_EQ(document, RemoteDocument(RemotePort(device))) << "straight from the camera, whose fault is used up";
+    EXPECT_EQ(threeReads + 4 * size, DocumentBytesSent());
+}
+
+// A cache folder that cannot be created: the opening goes on, and the
+// document, verified, is served from memory while the device stays open.
+class DeviceWithUnwritableCache : public DeviceFamily {
+protected:
+    DeviceWithUnwritableCache() : DeviceFamily("", "", {}, BlockedFolder()) {}
+    ~DeviceWithUnwritableCache() override
+    {
+        boost::system::error_code ignored;
+        fs::remove(fs::path(cacheFolder).parent_path(), ignored);
+    }
+
+    // A folder whose parent is a regular file: not even root can create it.
+    static std::string BlockedFolder()
+    {
+        const std::string file = NewCacheFolder();
+        std::ofstream(file) << "not a folder\n";
+        return file + "/cache";
+    }
+};
+
+TEST_F(DeviceWithUnwritableCache, TheDocumentIsServedFromMemory)
+{
+    DEV_HANDLE device = Open(DEVICE_ACCESS_CONTROL);
+    const std::string document = RemoteDocument(RemotePort(device));
+    EXPECT_NE(std::string::npos, document.find("<RegisterDescription"));
+    EXPECT_EQ(document.size(), DocumentBytesSent()) << "read once, at the opening";
+    EXPECT_NE(std::string::npos, Log().find("Could not store XML cache file with hash "));
+    EXPECT_FALSE(fs::exists(cacheFolder));
 }
 
 // A camera whose manifest lists three documents, saved for debugging on opening.

@@ -74,9 +74,10 @@ TEST(ControlCommands, UnplugReplugFaultsAndTheirRefusals)
                             "fault camera0 NoSuchFault", "fault camera0 BadCRC 1", "fault camera0 BadAckCRC -1",
                             "fault camera0 BadAckCRC 0x100000000", "fault camera0 BadAckCRC 2x",
                             "ioctl camera0 VIDIOC_NOPE 5 1", "ioctl camera0 VIDIOC_DQBUF 0 1",
-                            "identity camera0 colour red"})
+                            "identity camera0 colour red", "report", "report camera0"})
         EXPECT_THROW(h.system->ApplyCommand(bad), std::invalid_argument) << bad;
     EXPECT_EQ("1\n", h.ReadAttribute("/sys/class/video4linux/video0/availability")) << "bad lines change nothing";
+    // "report camera0" is refused above: without a control file there is no place for the report.
 }
 
 TEST(ControlFile, AppliesLinesAppendedFromOutsideInOrder)
@@ -149,6 +150,13 @@ TEST(ControlFile, TheVirtualCameraFollowsItsControlFile)
     ASSERT_TRUE(Eventually([&] { return ReadFile(folder.File("control.txt.applied")) == "2\n"; }));
     EXPECT_EQ("0\n", h.ReadAttribute("/sys/class/video4linux/video0/availability"))
         << "applied, after the bad line before it was reported and skipped";
+
+    // The camera's counters, in a file beside the control file, written before the acknowledgement.
+    h.system->GetFirmware(0).ReadValue(0); // not over the bus: counts nothing
+    Append(folder.File("control.txt"), "report camera0\n");
+    ASSERT_TRUE(Eventually([&] { return ReadFile(folder.File("control.txt.applied")) == "3\n"; }));
+    EXPECT_EQ("frames_sent = 0\nframes_lost = 0\nbus_bytes = 0\ndocument_bytes_read = 0\n",
+              ReadFile(folder.File("control.txt.report")));
 }
 
 TEST(Description, FilesThatAreNotRegularOrTooLargeAreRefusedByName)
@@ -220,6 +228,30 @@ TEST(Manifest, SeveralEntriesAndADocumentOfTheUsersOwn)
         hashes.insert(std::vector<std::uint8_t>(entry.begin() + 24, entry.begin() + 44));
     }
     EXPECT_EQ(3u, hashes.size()) << "the entries are told apart";
+
+    // Every document byte a read answered is counted, and the fault spoils one
+    // read of a document's first byte.
+    std::uint64_t sizes = 0;
+    for (std::uint32_t i = 0; i < 3; ++i) {
+        auto entry = h.ReadMemory(fd, manifest + 8 + 64 * i, 64);
+        std::uint64_t size;
+        std::memcpy(&size, &entry[16], 8);
+        sizes += size;
+    }
+    EXPECT_EQ(sizes, h.system->GetFirmware(0).GetDocumentBytesRead());
+    auto entry = h.ReadMemory(fd, manifest + 8, 64);
+    std::uint64_t address, size;
+    std::memcpy(&address, &entry[8], 8);
+    std::memcpy(&size, &entry[16], 8);
+    const auto beside = h.ReadMemory(fd, address + 1, 8); // not the first byte: the fault waits
+    h.system->InjectFault(0, Fault::DocumentCorrupt, 1);
+    EXPECT_EQ(beside, h.ReadMemory(fd, address + 1, 8));
+    const auto changed = ReadWhole(h, fd, address, size);
+    const auto whole = ReadWhole(h, fd, address, size);
+    ASSERT_EQ(size, changed.size());
+    EXPECT_EQ(std::uint8_t(whole[0] ^ 0xFF), changed[0]);
+    EXPECT_TRUE(std::equal(whole.begin() + 1, whole.end(), changed.begin() + 1)) << "only the first byte";
+    EXPECT_EQ(sizes + 16 + 2 * size, h.system->GetFirmware(0).GetDocumentBytesRead());
 }
 
 TEST(ChunkFrames, TheImageAndTheBlockIDAsChunksBehindATrailerWithTheLayoutID)
