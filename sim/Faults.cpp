@@ -15,6 +15,7 @@ Fault FaultByName(const std::string& name)
         {"PendingAck", Fault::PendingAck},               {"BadLeaderKey", Fault::BadLeaderKey},
         {"BadTrailerKey", Fault::BadTrailerKey},         {"BlockIDGap", Fault::BlockIDGap},
         {"IncompleteFrame", Fault::IncompleteFrame},     {"IncompleteFrame28", Fault::IncompleteFrame28},
+        {"PacketCRCError", Fault::PacketCRCError},
         {"UnknownFrameState", Fault::UnknownFrameState}, {"ZeroFrame", Fault::ZeroFrame},
         {"DQBUFError", Fault::DQBUFError},               {"StreamOffHangs", Fault::StreamOffHangs},
         {"FlushHangs", Fault::FlushHangs},               {"NodeOpenFailure", Fault::NodeOpenFailure},

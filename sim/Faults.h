@@ -24,6 +24,7 @@ enum class Fault {
     BlockIDGap,          // the block ID jumps by `value` (frames lost in the camera)
     IncompleteFrame,     // frames flagged invalid or incomplete (bit 31)
     IncompleteFrame28,   // the same with bit 28
+    PacketCRCError,      // a packet of the frame fails its CRC: counted, and the frame flagged invalid
     UnknownFrameState,   // frames with none of the state bits
     ZeroFrame,           // frames whose buffer was never filled
     DQBUFError,          // VIDIOC_DQBUF fails with errno `value`

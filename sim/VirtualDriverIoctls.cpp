@@ -176,7 +176,7 @@ int VirtualSystem::NodeIoctl(Camera& camera, unsigned long request, void* argume
         return 0;
     case VIDIOC_STREAMSTAT: {
         auto& stat = As<qel_stream_statistics>(argument);
-        stat = qel_stream_statistics{camera.framesSent, 0, camera.framesLost, camera.incomplete, 0, 0};
+        stat = qel_stream_statistics{camera.framesSent, camera.packetCrcErrors, camera.framesLost, camera.incomplete, 0, 0};
         // The current rate: the frames done within the last second, over the time they span.
         const auto now = std::chrono::steady_clock::now();
         while (!camera.recentFrames.empty() && now - camera.recentFrames.front() > std::chrono::seconds(1))
@@ -191,7 +191,7 @@ int VirtualSystem::NodeIoctl(Camera& camera, unsigned long request, void* argume
         return 0;
     }
     case VIDIOC_RESET_STREAMSTAT:
-        camera.framesSent = camera.framesLost = camera.incomplete = 0;
+        camera.framesSent = camera.framesLost = camera.incomplete = camera.packetCrcErrors = 0;
         camera.recentFrames.clear();
         return 0;
     case VIDIOC_G_STATISTICS_CAPABILITIES:
@@ -465,7 +465,11 @@ void VirtualSystem::FrameLoop(Camera& camera)
             flags = QEL_BUF_FLAG_INVALID_28;
         if (camera.faults.Take(Fault::UnknownFrameState))
             flags = 0;
+        const bool badPacket = camera.faults.Take(Fault::PacketCRCError);
+        if (badPacket)
+            flags = QEL_BUF_FLAG_INVALID_31;
         lock.lock();
+        camera.packetCrcErrors += badPacket ? 1 : 0;
         camera.rendering = -1;
         if (flags != QEL_BUF_FLAG_VALID)
             ++camera.incomplete;

@@ -59,7 +59,7 @@ struct VirtualSystem::Camera {
     std::thread frameThread;
     std::uint64_t blockID = 0;
     std::uint32_t sequence = 0;
-    std::uint64_t framesSent = 0, framesLost = 0, incomplete = 0;
+    std::uint64_t framesSent = 0, framesLost = 0, incomplete = 0, packetCrcErrors = 0;
     // When the frames of the last second were done: the driver's current rate.
     std::deque<std::chrono::steady_clock::time_point> recentFrames;
     std::uint32_t input = 0;

@@ -65,7 +65,10 @@ TEST_F(ChunkAcquisition, EachFrameCarriesItsImageAndBlockIDAsChunks)
 // A camera whose faults are armed from outside, through its control file.
 class ControlledAcquisition : public Acquisition {
 protected:
-    ControlledAcquisition() : Acquisition(Setup{DefaultCamera, "control = control.txt\n"}) {}
+    explicit ControlledAcquisition(const std::string& camera = DefaultCamera)
+        : Acquisition(Setup{camera, "control = control.txt\n"})
+    {
+    }
 
     void Command(const std::string& lines) { ASSERT_TRUE(CameraControl(producer.File("control.txt")).Command(lines)); }
 
@@ -131,6 +134,53 @@ protected:
             << producer.LastError().second;
     }
 };
+
+// A sensor that runs at its own rate, whether or not a buffer waits.
+class FreeRunningAcquisition : public ControlledAcquisition {
+protected:
+    FreeRunningAcquisition() : ControlledAcquisition("width = 64\nheight = 16\npixel_format = Mono8\nframe_rate = 500\n") {}
+};
+
+// The data stream's statistics are the driver's, each from its own cause:
+// frames sent, packets with a bad CRC, frames flagged incomplete, and frames
+// the sensor lost while the consumer withheld every buffer.
+TEST_F(FreeRunningAcquisition, StreamStatisticsAreTheDriversFieldByField)
+{
+    constexpr std::uint64_t Delivered = 0x10E0000, CRCError = 0x10F0000, Incomplete = 0x1100000,
+                            Underrun = 0x1110000, Rate = 0x1120000;
+    CameraControl control(producer.File("control.txt"));
+    Start();
+    Grab(10);
+    double rate = 0;
+    size_t size = sizeof rate;
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(GCReadPort)(stream, Rate, &rate, &size));
+    EXPECT_GT(rate, 0.0) << "StatFrameRate while frames flow";
+    // One at a time, as each frame takes every fault armed: at most four
+    // frames were under way when a fault came, so ten later ones show it was sent.
+    Command("fault camera0 IncompleteFrame 2");
+    Grab(10);
+    Command("fault camera0 PacketCRCError 1");
+    Grab(10);
+
+    std::vector<BUFFER_HANDLE> withheld;
+    for (std::size_t i = 0; i < buffers.size(); ++i) {
+        ASSERT_NO_FATAL_FAILURE(withheld.push_back(TakeChecked(i)));
+    }
+    const std::uint64_t lostBefore = control.Report("camera0")["frames_lost"];
+    ASSERT_TRUE(Eventually([&] { return control.Report("camera0")["frames_lost"] >= lostBefore + 20; }));
+    for (BUFFER_HANDLE buffer : withheld)
+        ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSQueueBuffer)(stream, buffer));
+    Grab(10);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
+
+    auto camera = control.Report("camera0");
+    EXPECT_EQ(camera["frames_lost"], StreamInfo<std::uint64_t>(STREAM_INFO_NUM_UNDERRUN));
+    EXPECT_EQ(camera["frames_lost"], Read64(stream, Underrun)) << "StatFrameUnderrun";
+    EXPECT_EQ(camera["frames_sent"], Read64(stream, Delivered)) << "StatFrameDelivered";
+    EXPECT_EQ(1u, Read64(stream, CRCError)) << "StatFrameCRCError";
+    EXPECT_EQ(3u, Read64(stream, Incomplete)) << "StatFrameIncomplete: two flagged, one with a bad packet";
+    EXPECT_EQ(0, wrongPixels);
+}
 
 TEST_F(ControlledAcquisition, BrokenFramesAreLostToTheConsumerAndTheStreamGoesOn)
 {

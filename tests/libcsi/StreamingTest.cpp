@@ -442,6 +442,83 @@ TEST_F(Stream, FrameFaultsAreCountedWhereTheyBelong)
     RevokeAll();
 }
 
+// Each field of the statistics record comes from its own counter of the
+// driver: frames sent, packets with a bad CRC, frames lost for want of a
+// buffer, frames flagged incomplete, and the current rate.
+TEST_F(Stream, StatisticsAreTheDriversFieldByField)
+{
+    Open(kOneBuffer);
+    ASSERT_EQ(LIBCSI_OK, Announce(1));
+    requeue = false;
+    std::size_t frames = 0;
+    auto frameWith = [&](std::optional<Sim::Fault> fault) {
+        if (fault)
+            system->InjectFault(0, *fault, 1);
+        ASSERT_EQ(LIBCSI_OK, libcsi_queue_frame(device, buffers[0].handle, &Stream::OnFrame, this));
+        ASSERT_TRUE(AwaitFrames(++frames));
+    };
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    StartCamera();
+    frameWith(std::nullopt);
+    frameWith(Sim::Fault::IncompleteFrame);
+    frameWith(Sim::Fault::PacketCRCError);
+    frameWith(Sim::Fault::PacketCRCError);
+    frameWith(std::nullopt);
+    libcsi_stream_statistics_t statistics{};
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_stream_statistics(device, &statistics));
+    EXPECT_EQ(5u, statistics.m_nFramesCount);
+    EXPECT_EQ(2u, statistics.m_nPacketCRCError);
+    EXPECT_EQ(3u, statistics.m_nFramesIncomplete) << "a frame with a bad packet is not whole either";
+    EXPECT_EQ(0u, statistics.m_nFramesUnderrun) << "this camera waits for a buffer";
+    EXPECT_EQ(3u, Count(LIBCSI_FRAME_INVALID));
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+
+    ASSERT_EQ(LIBCSI_OK, libcsi_reset_stream_statistics(device));
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_stream_statistics(device, &statistics));
+    EXPECT_EQ(0u, statistics.m_nFramesCount + statistics.m_nPacketCRCError + statistics.m_nFramesIncomplete);
+    EXPECT_EQ(0.0, statistics.m_dFrameRate) << "no frames, no interval";
+
+    // The rate is the driver's current frame count over its current interval.
+    struct DriverAtTwoHundred : Sim::ObservedSystem {
+        using ObservedSystem::ObservedSystem;
+        int Ioctl(int fd, unsigned long request, void* argument) override
+        {
+            const int result = ObservedSystem::Ioctl(fd, request, argument);
+            if (request == VIDIOC_STREAMSTAT && result >= 0) {
+                auto& answer = *static_cast<qel_stream_statistics*>(argument);
+                answer.current_frames_count = 50;
+                answer.current_frames_interval = 250000; // microseconds
+            }
+            return result;
+        }
+    };
+    Os::Install(std::make_shared<DriverAtTwoHundred>(system, nullptr));
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_stream_statistics(device, &statistics));
+    EXPECT_DOUBLE_EQ(200.0, statistics.m_dFrameRate);
+    libcsi_flush_frames(device);
+    RevokeAll();
+}
+
+TEST_F(Stream, FramesTheCameraLostForWantOfABufferAreUnderruns)
+{
+    Open("[camera0]\nbus_timing = 0\nwidth = 64\nheight = 16\nframe_rate = 500\nmode_switch_delay_ms = 2\n");
+    ASSERT_EQ(LIBCSI_OK, Announce(3));
+    requeue = false;
+    QueueAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    StartCamera();
+    ASSERT_TRUE(AwaitFrames(3));
+    // Every buffer is with the consumer now: the sensor runs on, and loses its frames.
+    ASSERT_TRUE(Eventually([&] { return system->GetFramesLost(0) >= 5; }));
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+    libcsi_stream_statistics_t statistics{};
+    ASSERT_EQ(LIBCSI_OK, libcsi_get_stream_statistics(device, &statistics));
+    EXPECT_EQ(system->GetFramesLost(0), statistics.m_nFramesUnderrun);
+    EXPECT_EQ(3u, statistics.m_nFramesCount);
+    libcsi_flush_frames(device);
+    RevokeAll();
+}
+
 TEST_F(Stream, DisabledKeyCheckCountsButKeepsTheFrame)
 {
     auto& config = LibCSIImpl::TheConfig();
