@@ -2,8 +2,10 @@
 
 #include "tools/FeatureTree.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <sys/stat.h>
 #include <vector>
@@ -96,12 +98,20 @@ void Summary(Session& session, const Counts& counts, double seconds)
 
 int Grab(Session& session, const GrabOptions& options, const std::atomic<bool>& stop)
 {
+    // Before the camera is touched: a folder that cannot take the images ends the grab at once.
+    if (!options.saveFolder.empty() && ::mkdir(options.saveFolder.c_str(), 0755) != 0) {
+        const int error = errno;
+        struct stat status {};
+        if (error != EEXIST || ::stat(options.saveFolder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+            std::fprintf(stderr, "Cannot save images in %s: %s\n", options.saveFolder.c_str(),
+                         std::strerror(error == EEXIST ? ENOTDIR : error));
+            return 1;
+        }
+    }
     GenTLProducer& producer = session.Producer();
     session.OpenDevice(options.deviceId);
     session.OpenStream();
     DS_HANDLE stream = session.Stream();
-    if (!options.saveFolder.empty())
-        ::mkdir(options.saveFolder.c_str(), 0755);
 
     size_t payload = 0;
     INFO_DATATYPE type = 0;
@@ -211,6 +221,11 @@ int Grab(Session& session, const GrabOptions& options, const std::atomic<bool>& 
         Progress(producer, stream, counts, seconds, options.progressOnTerminal);
     cleanUp();
     Summary(session, counts, seconds);
+    // Lost frames are the camera's data, not a failure of the grab: a camera
+    // that runs at its own rate loses frames whenever the consumer is slow.
+    if (counts.lost)
+        std::fprintf(stderr, "Warning: %llu frames lost (frame ID gaps).\n",
+                     static_cast<unsigned long long>(counts.lost));
     return result;
 }
 

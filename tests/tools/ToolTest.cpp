@@ -1,6 +1,8 @@
 // lorun-gentl against the built producer on the virtual camera, each
 // subcommand and its failures, run as a user runs it: a separate process.
 #include "sim/PixelFormats.h"
+#include "tests/TestSupport.h"
+#include "tests/sim/CameraControl.h"
 
 #include <gtest/gtest.h>
 
@@ -28,14 +30,6 @@ struct Result {
     int code = -1;
     std::string out, err;
 };
-
-std::string ReadAll(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 class Tool : public ::testing::Test {
 protected:
@@ -72,8 +66,8 @@ protected:
                                     File("err.txt") + "'";
         const int status = std::system(command.c_str());
         result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        result.out = ReadAll(File("out.txt"));
-        result.err = ReadAll(File("err.txt"));
+        result.out = ReadFile(File("out.txt"));
+        result.err = ReadFile(File("err.txt"));
         return result;
     }
 
@@ -95,21 +89,17 @@ protected:
         int status = 0;
         ::waitpid(child, &status, 0);
         result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        result.out = ReadAll(File("out.txt"));
-        result.err = ReadAll(File("err.txt"));
+        result.out = ReadFile(File("out.txt"));
+        result.err = ReadFile(File("err.txt"));
         return result;
     }
-    void Control(const std::string& line) const { std::ofstream(File("control.txt"), std::ios::app) << line << "\n"; }
+    // Gives the virtual camera a command, and waits until it is applied.
+    void Control(const std::string& line) const { ASSERT_TRUE(CameraControl(File("control.txt")).Command(line)); }
     // Waits until the started tool has written `text` to its standard output.
     bool AwaitOutput(const std::string& text) const
     {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (ReadAll(File("out.txt")).find(text) == std::string::npos) {
-            if (std::chrono::steady_clock::now() > deadline)
-                return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return true;
+        return Eventually([&] { return ReadFile(File("out.txt")).find(text) != std::string::npos; },
+                          std::chrono::seconds(30));
     }
 
     fs::path folder;
@@ -290,6 +280,52 @@ TEST_F(Tool, ProgressLinesInAPipeAndACameraPulledOutDuringGrab)
     EXPECT_NE(std::string::npos, r.out.find("frames ")) << "periodic progress lines";
     EXPECT_EQ(std::string::npos, r.out.find('\r')) << "plain lines when the output is no terminal";
     EXPECT_NE(std::string::npos, r.out.find("Summary")) << "a summary all the same";
+}
+
+// Each failure of a grab ends it with exit code 1 and its reason on standard
+// error: a folder that cannot take the images before the camera is opened, an
+// image that cannot be saved with the buffers revoked and a summary.
+TEST_F(Tool, GrabFailuresEndWithTheirReasonAndACleanTeardown)
+{
+    std::ofstream(File("a-file")) << "not a folder\n";
+    struct Case {
+        std::string arguments, camera, message;
+        bool acquired;
+    } cases[] = {
+        {"grab -n 5 --save " + File("a-file"), "Mono8", "Cannot save images in " + File("a-file") + ": Not a directory",
+         false},
+        {"grab -n 5 --save " + File("missing/images"), "Mono8",
+         "Cannot save images in " + File("missing/images") + ": No such file or directory", false},
+        {"grab -n 5 --format pgm --save " + File("grey"), "RGB8", "PGM holds grey images only; save colour as png",
+         true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.arguments);
+        Describe("[camera0]\nguid = CAM-1\nbus_timing = 0\nwidth = 32\nheight = 8\nframe_rate = 0\npixel_format = " +
+                 c.camera + "\n");
+        const Result r = Run(c.arguments);
+        EXPECT_EQ(1, r.code) << r.out;
+        EXPECT_NE(std::string::npos, r.err.find(c.message)) << r.err;
+        EXPECT_EQ(std::string::npos, r.err.find("ERROR")) << "buffers revoked without complaint: " << r.err;
+        EXPECT_EQ(c.acquired, r.out.find("Images saved                 0") != std::string::npos) << r.out;
+    }
+    EXPECT_FALSE(fs::exists(File("missing"))) << "no parents made up";
+    EXPECT_TRUE(fs::is_empty(File("grey"))) << "no half-written image";
+}
+
+// Frames the camera lost show in the progress lines and the summary, and as
+// a warning at the end; they are the camera's data, not a failure of the grab.
+TEST_F(Tool, FramesLostInTheCameraAreReported)
+{
+    const pid_t grab = Start("grab -t 60");
+    EXPECT_TRUE(AwaitOutput("frames ")) << "grabbing";
+    Control("fault camera0 BlockIDGap 1 5");
+    EXPECT_TRUE(AwaitOutput("lost 5 ")) << "the progress line counts them";
+    ::kill(grab, SIGINT);
+    const Result r = Wait(grab);
+    EXPECT_EQ(0, r.code) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("Lost (frame ID gaps)         5")) << r.out;
+    EXPECT_NE(std::string::npos, r.err.find("Warning: 5 frames lost (frame ID gaps).")) << r.err;
 }
 
 TEST_F(Tool, CtrlCStopsCleanlyWithASummary)
