@@ -30,8 +30,7 @@ protected:
     {
         auto generic = std::dynamic_pointer_cast<GenericEvent>(Handleable::FromHandle(event));
         ASSERT_TRUE(generic);
-        while (generic->GetWaiterCount() < count)
-            std::this_thread::sleep_for(1ms);
+        ASSERT_TRUE(Eventually([&] { return generic->GetWaiterCount() >= count; })) << count << " waiters";
     }
 
     struct Result {

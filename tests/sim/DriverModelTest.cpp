@@ -75,6 +75,7 @@ TEST(Sysfs, AvailabilityChangesWakeASelectOverMixedDescriptors)
     EXPECT_EQ(0, wait(20)) << "no change yet";
 
     std::thread unplug([&] {
+        // Race-widening: the change should come while select already waits (it may come before, too).
         std::this_thread::sleep_for(std::chrono::milliseconds(30));
         h.system->SetAvailable(0, false);
     });

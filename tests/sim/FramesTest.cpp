@@ -199,6 +199,8 @@ TEST_F(Frames, StreamOffAndFlushReportTheirProgress)
     ASSERT_EQ(0, h.system->Ioctl(fd, VIDIOC_STREAMON_EX, nullptr));
     h.system->InjectFault(0, Fault::StreamOffHangs, 1);
     ASSERT_EQ(0, h.system->Ioctl(fd, VIDIOC_STREAMOFF_EX, &timeout));
+    EXPECT_FALSE(h.system->IsFaultArmed(0, Fault::StreamOffHangs)) << "the stream-off met the fault";
+    // An observation window, longer than a stream-off takes above: the cause is proven.
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ("1\n", h.ReadAttribute("/sys/class/video4linux/video0/streamoff"));
 }

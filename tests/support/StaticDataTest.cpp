@@ -28,6 +28,7 @@ struct Slow {
     Slow()
     {
         ++constructions;
+        // Race-widening: other threads ask for the object while it is being made.
         std::this_thread::sleep_for(std::chrono::milliseconds(30));
     }
 };

@@ -268,7 +268,7 @@ protected:
 TEST_F(EmptyBoard, NoCameraLeavesTheListEmpty)
 {
     Start();
-    std::this_thread::sleep_for(std::chrono::milliseconds(120));
+    ASSERT_TRUE(Eventually([&] { return handler->GetEnumerationRuns() >= 2; })) << "the thread looked, too";
     bool changed = true;
     EXPECT_EQ(0u, handler->GetDeviceList(&changed)->GetCount());
     EXPECT_FALSE(changed);
