@@ -62,6 +62,6 @@ struct BufferData {
     void* bufferHandle;
     void* userPointer;
 };
-static_assert(sizeof(BufferData) == 16, "BufferData layout");
+static_assert(sizeof(BufferData) == 2 * sizeof(void*), "BufferData layout: two pointers of the consumer's width");
 
 } }

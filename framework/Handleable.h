@@ -10,13 +10,20 @@
 
 namespace QEL { namespace Base {
 
-// Everything a GenTL handle can name. A handle is the type in the top 8 bits
-// and the table position + 1 in the low 56 bits; the tables hold weak
-// pointers, so a handle keeps nothing alive and a dead object's handle fails
-// cleanly.
+// Everything a GenTL handle can name. A handle is a pointer-sized word: the
+// type in its top 8 bits and the table position + 1 below them (56 bits on a
+// 64-bit target, 24 on a 32-bit one), so that it survives the consumer's
+// void*. The tables hold weak pointers, so a handle keeps nothing alive and a
+// dead object's handle fails cleanly.
 class Handleable : public virtual QEL::System::Lockable {
 public:
-    static constexpr std::uint64_t PositionMask = 0x00ffffffffffffffull;
+    static constexpr unsigned HandleBits = sizeof(void*) * 8;
+    static constexpr unsigned TypeShift = HandleBits - 8;
+    static constexpr std::uint64_t PositionMask = (std::uint64_t{1} << TypeShift) - 1;
+
+    // The handle of `type` at table `position`; "Invalid index passed." when
+    // the position does not fit below the type.
+    static std::uint64_t Compose(std::uint8_t type, std::uint64_t position);
 
     ~Handleable() override;
 

@@ -86,8 +86,7 @@ int32_t MapDriverBuffer(Device& device, Frame& frame, std::uint8_t*& mapping)
         BufferRequest(device, VIDIOC_MEM_FREE, frame.m_nBufferIndex, V4L2_MEMORY_MMAP);
         return LIBCSI_DRIVER_CALL_FAILED;
     }
-    std::uint64_t offset;
-    std::memcpy(&offset, &buf.m, sizeof offset);
+    const std::uint32_t offset = buf.m.offset;
     void* memory = Os::Current().Mmap(nullptr, frame.totalSize, PROT_READ | PROT_WRITE, MAP_SHARED,
                                       device.m_nFileHandle, static_cast<off_t>(offset));
     if (memory == MAP_FAILED) {

@@ -18,7 +18,6 @@ namespace QEL { namespace Sim {
 
 namespace {
 
-constexpr std::size_t PageSize = 4096;
 
 template <class T>
 T& As(void* argument)
@@ -315,9 +314,9 @@ int VirtualSystem::BufferIoctl(Camera& camera, unsigned long request, void* argu
             return Fail(EINVAL);
         buf.memory = V4L2_MEMORY_MMAP;
         buf.length = static_cast<std::uint32_t>(it->second.length);
-        buf.m.offset = 0;
-        // One window of the node's offset space per buffer index.
-        reinterpret_cast<std::uint64_t&>(buf.m) = std::uint64_t{buf.index} << 32;
+        if (buf.index > 0xFFFFFFFFu / PageSize)
+            return Fail(EINVAL);
+        buf.m.offset = static_cast<std::uint32_t>(buf.index * PageSize);
         buf.flags = it->second.queued ? V4L2_BUF_FLAG_QUEUED : 0;
         return 0;
     }

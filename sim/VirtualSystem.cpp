@@ -26,7 +26,6 @@ namespace QEL { namespace Sim {
 
 namespace {
 
-constexpr std::size_t PageSize = 4096;
 
 // The pipe on which the calling thread sleeps in Select.
 struct ThreadWaiter {
@@ -406,7 +405,11 @@ void* VirtualSystem::Mmap(void* address, std::size_t length, int protection, int
         errno = EINVAL;
         return MAP_FAILED;
     }
-    auto it = file->camera->buffers.find(static_cast<std::uint32_t>(static_cast<std::uint64_t>(offset) >> 32));
+    if (offset < 0) {
+        errno = EINVAL;
+        return MAP_FAILED;
+    }
+    auto it = file->camera->buffers.find(static_cast<std::uint32_t>(static_cast<std::uint64_t>(offset) / PageSize));
     if (it == file->camera->buffers.end() || !it->second.mapping || length > it->second.mappingSize) {
         errno = EINVAL;
         return MAP_FAILED;

@@ -11,6 +11,10 @@
 
 namespace QEL { namespace Sim {
 
+// Mappings are made in whole pages; buffer i's mmap offset is i pages, a
+// cookie as V4L2 drivers hand out, which fits the 32-bit `m.offset`.
+constexpr std::size_t PageSize = 4096;
+
 // Fails a system call the way the kernel does: errno and -1.
 inline int Fail(int error)
 {

@@ -39,13 +39,34 @@ TEST(Handles, LayoutAndStableValues)
     auto a = std::make_shared<Object<201>>();
     auto b = std::make_shared<Object<201>>();
     std::uint64_t ha = Handleable::GetHandle(a);
-    EXPECT_EQ(201u, ha >> 56);
+    EXPECT_EQ(201u, ha >> Handleable::TypeShift);
     EXPECT_EQ(1u, ha & Handleable::PositionMask);
     EXPECT_EQ(ha, Handleable::GetHandle(a)) << "asking twice gives the same handle";
     EXPECT_EQ(2u, Handleable::GetHandle(b) & Handleable::PositionMask);
     EXPECT_EQ(a, Handleable::FromHandle(ha));
     EXPECT_EQ(Err(GC_ERR_INVALID_PARAMETER, "No object passed."),
               Failure([] { Handleable::GetHandle(nullptr); }));
+}
+
+// A handle travels as the consumer's void*: type and position fit in a
+// pointer's width, the type byte on top, and a position that would reach
+// into the type is refused.
+TEST(Handles, TypeAndPositionFitInAPointer)
+{
+    EXPECT_EQ(sizeof(void*) * 8 - 8, Handleable::TypeShift);
+    const std::uint64_t last = Handleable::Compose(203, Handleable::PositionMask - 1);
+    EXPECT_EQ(Handleable::PositionMask, last & Handleable::PositionMask);
+    const void* asPointer = reinterpret_cast<const void*>(static_cast<std::uintptr_t>(last));
+    const auto back = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(asPointer));
+    EXPECT_EQ(last, back) << "nothing lost through a pointer";
+    EXPECT_EQ(203u, back >> Handleable::TypeShift);
+    EXPECT_EQ(Err(GC_ERR_INVALID_PARAMETER, "Invalid index passed."),
+              Failure([] { Handleable::Compose(203, Handleable::PositionMask); }));
+    EXPECT_EQ(kInvalid, Failure([&] { Handleable::FromHandle(last); })) << "a position past the table";
+    if (sizeof(void*) < 8) {
+        EXPECT_EQ(kInvalid, Failure([] { Handleable::FromHandle(std::uint64_t{1} << 40 | 1); }))
+            << "bits above a pointer's width";
+    }
 }
 
 TEST(Handles, ForgedAndStaleValuesAreRefused)
@@ -55,7 +76,7 @@ TEST(Handles, ForgedAndStaleValuesAreRefused)
     EXPECT_EQ(kInvalid, Failure([] { Handleable::FromHandle(std::uint64_t{0}); }));
     EXPECT_EQ(kInvalid, Failure([&] { Handleable::FromHandle(ha & ~Handleable::PositionMask); }));
     EXPECT_EQ(kInvalid, Failure([&] { Handleable::FromHandle(ha + 1); })) << "past the end of the table";
-    EXPECT_EQ(kInvalid, Failure([&] { Handleable::FromHandle((std::uint64_t{250} << 56) | 1); }))
+    EXPECT_EQ(kInvalid, Failure([&] { Handleable::FromHandle((std::uint64_t{250} << Handleable::TypeShift) | 1); }))
         << "a type byte nobody uses";
     EXPECT_EQ(kInvalid, Failure([] { Handleable::FromHandle(~std::uint64_t{0}); }));
     EXPECT_EQ(kInvalid, Failure([] { Handleable::FromHandle(reinterpret_cast<const void*>(0x1234)); }));

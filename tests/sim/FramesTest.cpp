@@ -45,8 +45,9 @@ protected:
         buf.index = index;
         buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
         EXPECT_EQ(0, h.system->Ioctl(fd, VIDIOC_QUERYBUF, &buf));
-        std::uint64_t offset;
-        std::memcpy(&offset, &buf.m, sizeof offset);
+        EXPECT_EQ(index * 4096u, buf.m.offset) << "a page per index, in the 32-bit offset";
+        EXPECT_GE(buf.length, size) << "the answer's other fields intact";
+        const std::uint32_t offset = buf.m.offset;
         void* memory = h.system->Mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, static_cast<off_t>(offset));
         EXPECT_NE(MAP_FAILED, memory);
         return static_cast<std::uint8_t*>(memory);
