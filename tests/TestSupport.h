@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <stdexcept>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -61,11 +62,25 @@ Result Failure(F&& f)
     return {GC_ERR_SUCCESS, ""};
 }
 
+// How many times slower than natively the tests run: LORUN_TEST_TIME_SCALE,
+// which scripts/cross.sh sets for emulated runs (1 to 100, else 1). Every
+// deadline of the tests is multiplied by it, none by a factor of its own.
+inline int TimeScale()
+{
+    static const int scale = [] {
+        const char* text = std::getenv("LORUN_TEST_TIME_SCALE");
+        const long value = text ? std::strtol(text, nullptr, 10) : 1;
+        return value >= 1 && value <= 100 ? static_cast<int>(value) : 1;
+    }();
+    return scale;
+}
+
 // Waits until `done` holds, looking every few milliseconds; false when it
-// still does not after `limit`, which is generous for slow and sanitized runs.
+// still does not after `limit` (times the time scale), which is generous for
+// slow and sanitized runs.
 inline bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(10))
 {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
+    const auto deadline = std::chrono::steady_clock::now() + limit * TimeScale();
     while (!done()) {
         if (std::chrono::steady_clock::now() > deadline)
             return false;

@@ -1,0 +1,102 @@
+#!/usr/bin/env bash
+# Builds everything for a board's processor on this machine, and runs it here
+# under qemu-user:
+#   cross.sh ARCH [build|test|run]
+# ARCH: arm64 (Tegra/Jetson, i.MX8) or armhf (i.MX6, Nitrogen, Wandboard).
+#   build  the producer, libcsi, the tool, the tests and benchmarks in build-ARCH/
+#   test   the whole CTest suite of that build, each program under qemu-user
+#   run    the README's main job with the target's lorun-gentl
+# The target's libraries come from a sysroot of Debian's -dev packages for
+# ARCH (build-ARCH/sysroot, kept between runs); the host's own are untouched.
+# LORUN_DEBIAN_MIRROR and LORUN_DEBIAN_SUITE choose where it comes from.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+usage() { echo "usage: scripts/cross.sh arm64|armhf [build|test|run]" >&2; exit 2; }
+arch=${1:-}
+action=${2:-build}
+case "$arch" in
+  arm64) triple=aarch64-linux-gnu; qemu=qemu-aarch64 ;;
+  armhf) triple=arm-linux-gnueabihf; qemu=qemu-arm ;;
+  *) usage ;;
+esac
+case "$action" in build|test|run) ;; *) usage ;; esac
+
+dir=build-$arch
+sysroot=$PWD/$dir/sysroot
+mirror=${LORUN_DEBIAN_MIRROR:-http://deb.debian.org/debian}
+suite=${LORUN_DEBIAN_SUITE:-bookworm}
+
+install_missing() {
+  local missing=()
+  for p in "$@"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+  done
+  if [ ${#missing[@]} -gt 0 ]; then
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends "${missing[@]}"
+  fi
+}
+
+# The host's tools: the cross compiler, the emulator, and what unpacks the sysroot.
+install_missing "crossbuild-essential-$arch" qemu-user mmdebstrap cmake make pkg-config
+
+# The target's libraries: what install-deps.sh installs on a board, for ARCH.
+target_packages=(
+  libc6-dev libstdc++-12-dev
+  libboost-dev libboost-thread-dev libboost-filesystem-dev libboost-date-time-dev libboost-locale-dev
+  libboost-program-options-dev libtinyxml-dev liburiparser-dev
+  libgtest-dev libgmock-dev libaravis-dev libpng-dev libusb-1.0-0-dev
+)
+stamp=$sysroot/.lorun-packages
+wanted="$suite ${target_packages[*]}"
+if [ "$(cat "$stamp" 2>/dev/null)" != "$wanted" ]; then
+  include=$(IFS=,; echo "${target_packages[*]}")
+  security=${mirror%/debian}/debian-security
+  made=""
+  for attempt in 1 2 3; do
+    rm -rf "$sysroot"
+    if mmdebstrap --quiet --variant=extract --architectures="$arch" --include="$include" "$suite" "$sysroot" \
+        "deb $mirror $suite main" "deb $mirror $suite-updates main" "deb $security $suite-security main"; then
+      made=yes
+      break
+    fi
+    echo "cross.sh: the sysroot for $arch could not be made (attempt $attempt of 3)" >&2
+    sleep $((attempt * 5))
+  done
+  if [ -z "$made" ]; then
+    # A security index briefly out of step with the main one: the main suite alone still builds.
+    echo "cross.sh: going on without $suite-security for $arch: its index does not match the main suite's" >&2
+    rm -rf "$sysroot"
+    mmdebstrap --quiet --variant=extract --architectures="$arch" --include="$include" "$suite" "$sysroot" \
+      "deb $mirror $suite main" "deb $mirror $suite-updates main"
+  fi
+  echo "$wanted" > "$stamp"
+fi
+
+cmake -S . -B "$dir" -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/$arch.cmake" -DLORUN_SYSROOT="$sysroot" \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLORUN_CHECK_HEADERS=OFF >/dev/null
+cmake --build "$dir" -j"$(nproc)"
+
+# Emulated code runs several times slower: the tests' deadlines scale by this.
+export LORUN_TEST_TIME_SCALE=${LORUN_TEST_TIME_SCALE:-8}
+case "$action" in
+  test)
+    (cd "$dir" && ctest --output-on-failure -j"$(nproc)" --timeout $((300 * LORUN_TEST_TIME_SCALE)))
+    ;;
+  run)
+    export GENICAM_GENTL64_PATH="$PWD/$dir" GENICAM_GENTL32_PATH="$PWD/$dir"
+    export LORUN_VIRTUAL_CAMERA="$PWD/sim/examples/two-cameras.ini"
+    tool=("$qemu" -L "$sysroot" "$dir/tools/lorun-gentl")
+    "${tool[@]}" info
+    echo
+    "${tool[@]}" devices
+    echo
+    rm -rf "out-$arch"
+    "${tool[@]}" grab -n 300 --every 60 --save "out-$arch"
+    echo
+    echo "Images saved in out-$arch/:"
+    ls "out-$arch"
+    ;;
+esac
