@@ -3,6 +3,12 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(LORUN_GENTL_DIR ${CMAKE_INSTALL_LIBDIR}/gentl)
+# 32-bit consumers look for producers on their own variable.
+if(CMAKE_SIZEOF_VOID_P EQUAL 8)
+  set(LORUN_GENTL_VARIABLE GENICAM_GENTL64_PATH)
+else()
+  set(LORUN_GENTL_VARIABLE GENICAM_GENTL32_PATH)
+endif()
 
 # The producer in a GenTL folder; GENICAM_GENTL64_PATH names it.
 install(TARGETS lorun_csi2 LIBRARY DESTINATION ${LORUN_GENTL_DIR} COMPONENT runtime)
@@ -42,6 +48,7 @@ install(CODE "
     set(profile_dir \"\${CMAKE_INSTALL_PREFIX}/etc/profile.d\")
   endif()
   set(LORUN_GENTL_FULL_DIR \"\${gentl_dir}\")
+  set(LORUN_GENTL_VARIABLE \"${LORUN_GENTL_VARIABLE}\")
   configure_file(\"${CMAKE_CURRENT_LIST_DIR}/lorun-gentl.sh.in\" \"\$ENV{DESTDIR}\${profile_dir}/lorun-gentl.sh\" @ONLY)
   message(STATUS \"Installing: \$ENV{DESTDIR}\${profile_dir}/lorun-gentl.sh\")
 " COMPONENT runtime)

@@ -1,6 +1,7 @@
 // lorun-gentl: a GenTL consumer on the command line. It loads any producer
 // (.cti) with dlopen, as a consumer does: by default the first one on
-// GENICAM_GENTL64_PATH, then the one built beside it.
+// GENICAM_GENTL64_PATH (GENICAM_GENTL32_PATH in a 32-bit build, as 32-bit
+// consumers look), then the one built beside it.
 #include "tools/Events.h"
 #include "tools/FeatureTree.h"
 #include "tools/Grab.h"
@@ -36,11 +37,14 @@ std::atomic<bool> interrupted{false};
 
 void OnInterrupt(int) { interrupted = true; }
 
-// The .cti files of the folders of GENICAM_GENTL64_PATH, in path order, each folder sorted.
+// The variable that lists the GenTL folders for a consumer of this build's width.
+constexpr const char* GenTLPathVariable = sizeof(void*) == 8 ? "GENICAM_GENTL64_PATH" : "GENICAM_GENTL32_PATH";
+
+// The .cti files of the folders of the GenTL path, in path order, each folder sorted.
 std::vector<std::string> ProducersOnPath()
 {
     std::vector<std::string> found;
-    const char* variable = std::getenv("GENICAM_GENTL64_PATH");
+    const char* variable = std::getenv(GenTLPathVariable);
     std::stringstream folders(variable ? variable : "");
     for (std::string folder; std::getline(folders, folder, ':');) {
         if (folder.empty())
@@ -67,7 +71,7 @@ std::string DefaultProducer()
         return onPath.front();
     if (*LORUN_BUILT_PRODUCER && ::access(LORUN_BUILT_PRODUCER, R_OK) == 0)
         return LORUN_BUILT_PRODUCER;
-    throw UsageError("no producer: set GENICAM_GENTL64_PATH or give --producer PATH.cti");
+    throw UsageError(std::string("no producer: set ") + GenTLPathVariable + " or give --producer PATH.cti");
 }
 
 void PrintInfo(const GenTLProducer& producer)
@@ -112,7 +116,7 @@ int Producers()
 {
     const auto found = ProducersOnPath();
     if (found.empty()) {
-        std::printf("No producer on GENICAM_GENTL64_PATH.\n");
+        std::printf("No producer on %s.\n", GenTLPathVariable);
         return 0;
     }
     int result = 0;

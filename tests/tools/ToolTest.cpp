@@ -54,7 +54,9 @@ protected:
     // The tool's command line with the test's environment, for sh.
     std::string CommandLine(const std::string& arguments) const
     {
-        return "LORUN_VIRTUAL_CAMERA='" + File("cameras.ini") + "' GENICAM_GENTL64_PATH='" + gentlPath + "' '" +
+        // A 32-bit build looks for its producers on GENICAM_GENTL32_PATH.
+        return "LORUN_VIRTUAL_CAMERA='" + File("cameras.ini") + "' GENICAM_GENTL64_PATH='" + gentlPath +
+               "' GENICAM_GENTL32_PATH='" + gentlPath + "' '" +
                LORUN_TOOL_PATH + "' " + arguments;
     }
 

@@ -190,6 +190,11 @@ LIBCSI_API int32_t libcsi_read_gencp(device_handle_t* pDeviceHandle, void* pData
 
 #ifdef __cplusplus
 }
+
+/* The records a caller shares with libcsi have one layout on every target:
+ * 64-bit fields whatever the width of a pointer. */
+static_assert(sizeof(lib_frame_transfer) == 48, "lib_frame_transfer: six 64-bit fields");
+static_assert(sizeof(libcsi_stream_statistics_t) == 40, "libcsi_stream_statistics_t: four counters and a rate");
 #endif
 
 #endif

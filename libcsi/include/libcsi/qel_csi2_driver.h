@@ -3,6 +3,7 @@
 #ifndef QEL_CSI2_DRIVER_H
 #define QEL_CSI2_DRIVER_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <linux/ioctl.h>
 
@@ -153,6 +154,12 @@ struct qel_frame_trailer {
 
 #ifdef __cplusplus
 }
+
+/* What the camera and the driver send has one layout on every target. */
+static_assert(sizeof(qel_frame_leader) == 52 && offsetof(qel_frame_leader, timestamp) == 20, "frame leader layout");
+static_assert(sizeof(qel_frame_trailer) == 32 && offsetof(qel_frame_trailer, valid_payload_size) == 20,
+              "frame trailer layout");
+static_assert(sizeof(qel_stream_statistics) == 48, "stream statistics layout");
 #endif
 
 #endif
