@@ -9,6 +9,7 @@
 
 #include <sys/mman.h>
 
+#include <cinttypes>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -186,9 +187,9 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
         LIBCSI_LOG(TierError, " %s ERROR: Failed to create frame handle.\n", function);
         return LIBCSI_READ_FAILED;
     }
-    LIBCSI_LOG(TierTrace, " nTotalFrameSize=%lu (L+P+T=%lu+%lu+%lu)\n", static_cast<unsigned long>(total),
-               static_cast<unsigned long>(t.m_nLeaderSize), static_cast<unsigned long>(t.m_nPayloadSize),
-               static_cast<unsigned long>(t.m_nTrailerSize));
+    LIBCSI_LOG(TierTrace, " nTotalFrameSize=%" PRIu64 " (L+P+T=%" PRIu64 "+%" PRIu64 "+%" PRIu64 ")\n",
+               static_cast<std::uint64_t>(total), static_cast<std::uint64_t>(t.m_nLeaderSize),
+               static_cast<std::uint64_t>(t.m_nPayloadSize), static_cast<std::uint64_t>(t.m_nTrailerSize));
     if (int32_t result = SetFormat(function, device, total, ipuX, ipuY))
         return result;
     std::uint32_t index;

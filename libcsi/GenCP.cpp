@@ -3,6 +3,7 @@
 #include "libcsi/Library.h"
 #include "libcsi/Log.h"
 
+#include <cinttypes>
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -70,7 +71,7 @@ void Decode(const std::uint8_t* packet, std::uint64_t size, bool sending)
         if (count == 1 || count == 2 || count == 4 || count == 8) {
             std::uint64_t value = 0;
             std::memcpy(&value, packet + at, count);
-            LIBCSI_LOG(TierVerbose, "  Value: 0x%lX\n", static_cast<unsigned long>(value));
+            LIBCSI_LOG(TierVerbose, "  Value: 0x%" PRIX64 "\n", static_cast<std::uint64_t>(value));
             return;
         }
         for (std::size_t line = 0; line < count; line += 32) {
@@ -87,7 +88,7 @@ void Decode(const std::uint8_t* packet, std::uint64_t size, bool sending)
                              : address == 0x10220020 ? " (STREAMDBG RegAcquisitionAbort)"
                              : address == 0x20000    ? " (STREAMDBG SIRM EnableStream)"
                                                      : "";
-        LIBCSI_LOG(TierVerbose, "  Address: 0x%016lX%s\n", static_cast<unsigned long>(address), marker);
+        LIBCSI_LOG(TierVerbose, "  Address: 0x%016" PRIX64 "%s\n", static_cast<std::uint64_t>(address), marker);
         if (command == 0x0800 && size >= 28)
             LIBCSI_LOG(TierVerbose, "  Reserved: %u\n  ReadLength: %u\n", u16(24), u16(26));
         if (command == 0x0802 && length >= 8) {

@@ -43,7 +43,7 @@ constexpr std::uint64_t AlignmentAddress = 0x10A0000;
 constexpr std::uint64_t ManualPayloadSizeAddress = 0x10B0000;
 constexpr std::uint64_t StopTimeoutAddress = 0x10C0000;
 
-using ULongRegister = Base::GenericRegister<unsigned long>;
+using ULongRegister = Base::GenericRegister<std::uint64_t>; // the document's 8-byte registers, on every target
 using UIntRegister = Base::GenericRegister<unsigned int>;
 using IntRegister = Base::GenericRegister<int>;
 using DoubleRegister = Base::GenericRegister<double>;
@@ -269,7 +269,7 @@ void DataStream::AddRegisters()
         },
         self);
     manual->GetPreWriteSignal().Connect(
-        [raw](const unsigned long& value, ULongRegister&) {
+        [raw](const std::uint64_t& value, ULongRegister&) {
             SharedMutexGuard guard(raw->streamChannel->GetMutex());
             if (raw->streamChannel->IsStreaming())
                 throw Exception("Cannot change manual stream payload size while streaming.", GC_ERR_NOT_AVAILABLE);

@@ -59,10 +59,10 @@ TEST(Info, ReadRulesOfEveryClass)
     CheckReadRules(UInt64Info(7), INFO_DATATYPE_UINT64, 8);
     CheckReadRules(Float64Info(1.5), INFO_DATATYPE_FLOAT64, 8);
     int target = 0;
-    CheckReadRules(PtrInfo(&target), INFO_DATATYPE_PTR, 8);
+    CheckReadRules(PtrInfo(&target), INFO_DATATYPE_PTR, sizeof(void*));
     CheckReadRules(Bool8Info(1), INFO_DATATYPE_BOOL8, 1);
-    CheckReadRules(SizeTInfo(9), INFO_DATATYPE_SIZET, 8);
-    CheckReadRules(PtrDiffTInfo(-9), INFO_DATATYPE_PTRDIFF, 8);
+    CheckReadRules(SizeTInfo(9), INFO_DATATYPE_SIZET, sizeof(size_t));
+    CheckReadRules(PtrDiffTInfo(-9), INFO_DATATYPE_PTRDIFF, sizeof(ptrdiff_t));
     CheckReadRules(StringInfo("abc"), INFO_DATATYPE_STRING, 4);
     CheckReadRules(StringListInfo(std::vector<std::string>{"a", "bc"}), INFO_DATATYPE_STRINGLIST, 6);
     const unsigned char raw[] = {1, 2, 3};

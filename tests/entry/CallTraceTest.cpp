@@ -57,8 +57,10 @@ TEST_F(Trace, ValueForms)
     EXPECT_EQ(prefix + "<unknown value>", TraceParam::Data("x", text).Format());
     bool8_t flag = 1;
     EXPECT_EQ(TraceParam::Pointer("x", &flag).Format() + " to Bool true", TraceParam::Bool("x", &flag).Format());
-    size_t size = 0x123456789ull;
-    EXPECT_EQ(TraceParam::Pointer("x", &size).Format() + " to UInt32 4886718345 (0x123456789)",
+    // The widest size_t value of the target, whatever its width.
+    size_t size = static_cast<size_t>(0x123456789ull);
+    EXPECT_EQ(TraceParam::Pointer("x", &size).Format() +
+                  (sizeof size == 8 ? " to UInt32 4886718345 (0x123456789)" : " to UInt32 591751049 (0x23456789)"),
               TraceParam::Size("x", &size).Format());
     int32_t value = -1;
     EXPECT_EQ(TraceParam::Pointer("x", &value).Format() + " to Int32 -1 (0xFFFFFFFF)",

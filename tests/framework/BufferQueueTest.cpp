@@ -163,7 +163,7 @@ TEST_F(BufferQueue, AFrameMovesFromInputToOutputAndIsDeliveredOnce)
     EXPECT_EQ(1u, queue->GetCount()) << "a refused read keeps the buffer";
     size = sizeof record;
     queue->GetData(&record, &size);
-    EXPECT_EQ(16u, size);
+    EXPECT_EQ(2 * sizeof(void*), size);
     EXPECT_EQ(&user, record.userPointer);
     EXPECT_EQ(std::shared_ptr<Handleable>(buffer), Handleable::FromHandle(record.bufferHandle));
     EXPECT_EQ(1u, queue->GetDeliveredCount());

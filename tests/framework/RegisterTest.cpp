@@ -96,7 +96,7 @@ TEST(GenericRegister, PreWriteRefusesAndPostWriteFailuresAreDropped)
               Failure([&] { reg.Read(0, &value, &size); }));
     size = 1;
     EXPECT_EQ(Err(GC_ERR_INVALID_PARAMETER, "Invalid address passed."), Failure([&] { reg.Read(8, &value, &size); }));
-    GenericRegister<unsigned long> unset(0x30, AccessRead);
+    GenericRegister<std::uint64_t> unset(0x30, AccessRead);
     size = 8;
     EXPECT_EQ(Err(GC_ERR_ERROR, "Register not initialized."), Failure([&] { unset.Read(0, &value, &size); }));
 }
