@@ -61,7 +61,14 @@ set(CPACK_PACKAGE_CONTACT "Lorun developers <lorun@example.invalid>")
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON) # the runtime dependencies, from the libraries the binaries link
+if(CMAKE_CROSSCOMPILING)
+  # dpkg-shlibdeps reads the host's package database, which holds no target
+  # libraries: scripts/cross.sh computes the dependencies from the sysroot's.
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${LORUN_DEBIAN_ARCH})
+  set(CPACK_DEBIAN_PACKAGE_DEPENDS "${LORUN_PACKAGE_DEPENDS}")
+else()
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON) # the runtime dependencies, from the libraries the binaries link
+endif()
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON) # libcsi's shlibs entry and the ldconfig trigger
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEB_COMPONENT_INSTALL OFF)

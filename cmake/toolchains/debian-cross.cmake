@@ -2,7 +2,7 @@
 # crossbuild-essential-ARCH, libraries from a sysroot of the target's -dev
 # packages (scripts/cross.sh makes it), and the target's programs run through
 # qemu-user, so that CTest runs the whole suite here.
-# Expects LORUN_CROSS_TRIPLE, LORUN_CROSS_QEMU and LORUN_SYSROOT.
+# Expects LORUN_CROSS_TRIPLE, LORUN_CROSS_QEMU, LORUN_DEBIAN_ARCH and LORUN_SYSROOT.
 if(NOT LORUN_SYSROOT)
   message(FATAL_ERROR "LORUN_SYSROOT must name the target's sysroot (scripts/cross.sh makes one).")
 endif()
@@ -12,6 +12,9 @@ set(CMAKE_C_COMPILER ${LORUN_CROSS_TRIPLE}-gcc)
 set(CMAKE_CXX_COMPILER ${LORUN_CROSS_TRIPLE}-g++)
 set(CMAKE_SYSROOT ${LORUN_SYSROOT})
 set(CMAKE_LIBRARY_ARCHITECTURE ${LORUN_CROSS_TRIPLE})
+# Installed and packaged into the target's multiarch folders, as Debian's own
+# libraries are (GNUInstallDirs does this only for native builds).
+set(CMAKE_INSTALL_LIBDIR lib/${LORUN_CROSS_TRIPLE} CACHE PATH "Object code libraries (lib/${LORUN_CROSS_TRIPLE})")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
