@@ -15,6 +15,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <cinttypes>
 #include <atomic>
 #include <algorithm>
 #include <cerrno>
@@ -180,10 +181,10 @@ void WriteStatisticsLine(Device& device)
     const std::uint64_t duration = Milliseconds() - device.streamStartTime;
     std::FILE* file = library->statisticsFile;
     std::fprintf(file, "#%04u; ", device.streamRunCounter);
-    std::fprintf(file, "Duration=%02luh:%02lum:%02lus:%03lums; ", static_cast<unsigned long>(duration / 3600000),
-                 static_cast<unsigned long>(duration / 60000 % 60), static_cast<unsigned long>(duration / 1000 % 60),
-                 static_cast<unsigned long>(duration % 1000));
-    std::fprintf(file, "FramesReceived=%06lu; ", static_cast<unsigned long>(device.m_nNumReceivedFrames));
+    std::fprintf(file, "Duration=%02" PRIu64 "h:%02" PRIu64 "m:%02" PRIu64 "s:%03" PRIu64 "ms; ",
+                 static_cast<std::uint64_t>(duration / 3600000), static_cast<std::uint64_t>(duration / 60000 % 60),
+                 static_cast<std::uint64_t>(duration / 1000 % 60), static_cast<std::uint64_t>(duration % 1000));
+    std::fprintf(file, "FramesReceived=%06" PRIu64 "; ", static_cast<std::uint64_t>(device.m_nNumReceivedFrames));
     std::fprintf(file, "MeanFrameRate=%6.2f; ",
                  duration ? static_cast<double>(device.m_nNumReceivedFrames) * 1000.0 / static_cast<double>(duration) : 0.0);
     std::fprintf(file, "LeaderMagicKeyErrors=%04u; TrailerMagicKeyErrors=%04u; BlockIdErrors=%04u",
@@ -424,35 +425,38 @@ void FrameDequeueThread(Device& device)
                 } else if (!exitFlag && status == LIBCSI_FRAME_VALID) {
                     ++device.blockIDErrors;
                     if (!config.disableBlockIdCheck) {
-                        LIBCSI_LOG(TierError, "  FDTP: Inconsistent block IDs (0x%016lX,0x%016lX)\n",
-                                   static_cast<unsigned long>(leaderID), static_cast<unsigned long>(trailerID));
+                        LIBCSI_LOG(TierError, "  FDTP: Inconsistent block IDs (0x%016" PRIX64 ",0x%016" PRIX64 ")\n",
+                                   static_cast<std::uint64_t>(leaderID), static_cast<std::uint64_t>(trailerID));
                         status = LIBCSI_FRAME_ERROR;
                     } else {
-                        LIBCSI_LOG(TierWarning, "  FDTP: Inconsistent block IDs (0x%016lX,0x%016lX)\n",
-                                   static_cast<unsigned long>(leaderID), static_cast<unsigned long>(trailerID));
+                        LIBCSI_LOG(TierWarning, "  FDTP: Inconsistent block IDs (0x%016" PRIX64 ",0x%016" PRIX64 ")\n",
+                                   static_cast<std::uint64_t>(leaderID), static_cast<std::uint64_t>(trailerID));
                     }
                 }
             }
             if (firstFrame) {
                 lastBlockID = currentBlockID;
-            } else if (!exitFlag && status == LIBCSI_FRAME_VALID) {
+            } else if (!exitFlag && status == LIBCSI_FRAME_VALID && hasLeader && hasTrailer) {
+                // Only a leader and a trailer carry block IDs: without them there is no order to check.
                 if (lastBlockID < currentBlockID) {
                     std::lock_guard<std::mutex> statistics(device.statisticsMutex);
                     device.m_nNumDroppedFrames += currentBlockID - lastBlockID - 1;
                     lastBlockID = currentBlockID;
                 } else {
-                    LIBCSI_LOG(TierWarning, " FDTP: currentBlockID=%lu lastBlockID=%lu: Invalid BlockID order\n",
-                               static_cast<unsigned long>(currentBlockID), static_cast<unsigned long>(lastBlockID));
+                    LIBCSI_LOG(TierWarning,
+                               " FDTP: currentBlockID=%" PRIu64 " lastBlockID=%" PRIu64 ": Invalid BlockID order\n",
+                               static_cast<std::uint64_t>(currentBlockID), static_cast<std::uint64_t>(lastBlockID));
                 }
             }
             DumpFrame(device, t);
             if (auto library = CurrentLibrary(); library && library->timingFile && config.dumpFrameTiming && hasLeader) {
                 const std::uint64_t now = MonotonicMicroseconds();
                 if (previousTime != 0) {
-                    std::fprintf(library->timingFile, "%lu;%lu;%x;%lu;%lu\r\n",
-                                 static_cast<unsigned long>(now - previousTime), static_cast<unsigned long>(leader.block_id),
-                                 buf.flags, static_cast<unsigned long>(leader.timestamp),
-                                 static_cast<unsigned long>(copyDuration));
+                    std::fprintf(library->timingFile, "%" PRIu64 ";%" PRIu64 ";%x;%" PRIu64 ";%" PRIu64 "\r\n",
+                                 static_cast<std::uint64_t>(now - previousTime),
+                                 static_cast<std::uint64_t>(leader.block_id), buf.flags,
+                                 static_cast<std::uint64_t>(leader.timestamp),
+                                 static_cast<std::uint64_t>(copyDuration));
                     std::fflush(library->timingFile);
                 }
                 previousTime = now;
@@ -467,7 +471,7 @@ void FrameDequeueThread(Device& device)
         sched_yield();
         lock.lock();
     }
-    LIBCSI_LOG(TierTrace, " FDTP: nNumZeroFrames=%lu\n", static_cast<unsigned long>(zeroFrames));
+    LIBCSI_LOG(TierTrace, " FDTP: nNumZeroFrames=%" PRIu64 "\n", static_cast<std::uint64_t>(zeroFrames));
     if (device.dequeueThreadState == StopRequested) {
         char sink[10];
         (void)!::read(stopPipe, sink, sizeof sink);

@@ -1,5 +1,6 @@
 #include "libcsi/Config.h"
 #include "libcsi/Diagnostics.h"
+#include "libcsi/Log.h"
 #include "libcsi/OsSeam.h"
 #include "libcsi/include/libcsi/libcsi.h"
 #include "sim/CameraMap.h"
@@ -70,9 +71,9 @@ protected:
     lib_frame_transfer Sizes() const
     {
         lib_frame_transfer t{};
-        t.m_nLeaderSize = Sim::CameraMap::MaxLeaderSize;
+        t.m_nLeaderSize = bare ? 0 : Sim::CameraMap::MaxLeaderSize;
         t.m_nPayloadSize = geometry.payloadSize;
-        t.m_nTrailerSize = Sim::CameraMap::MaxTrailerSize;
+        t.m_nTrailerSize = bare ? 0 : Sim::CameraMap::MaxTrailerSize;
         return t;
     }
 
@@ -91,9 +92,9 @@ protected:
             } else {
                 b.memory = static_cast<std::uint8_t*>(std::aligned_alloc(256, 1 << 20));
                 std::uint8_t* start = b.memory + misalign;
-                b.transfer.m_pLeader = reinterpret_cast<std::uintptr_t>(start);
-                b.transfer.m_pPayload = b.transfer.m_pLeader + b.transfer.m_nLeaderSize;
-                b.transfer.m_pTrailer = b.transfer.m_pPayload + b.transfer.m_nPayloadSize;
+                b.transfer.m_pLeader = bare ? 0 : reinterpret_cast<std::uintptr_t>(start);
+                b.transfer.m_pPayload = reinterpret_cast<std::uintptr_t>(start) + b.transfer.m_nLeaderSize;
+                b.transfer.m_pTrailer = bare ? 0 : b.transfer.m_pPayload + b.transfer.m_nPayloadSize;
                 result = libcsi_announce_frame(device, geometry.ipuX, geometry.ipuY, &b.transfer, &b.handle);
             }
             if (result != LIBCSI_OK)
@@ -121,7 +122,7 @@ protected:
     {
         std::uint64_t blockID = 0;
         int wrong = 0;
-        if (status == LIBCSI_FRAME_VALID) {
+        if (status == LIBCSI_FRAME_VALID && transfer->m_nLeaderSize) { // the pattern moves with the leader's block ID
             const auto* leader = reinterpret_cast<const qel_frame_leader*>(transfer->m_pLeader);
             blockID = leader->block_id;
             const auto* image = reinterpret_cast<const std::uint8_t*>(transfer->m_pPayload);
@@ -203,6 +204,7 @@ protected:
     Sim::CameraFirmware::FrameGeometry geometry{};
     std::deque<Buffer> buffers; // libcsi keeps pointers to their transfer records: they must not move
     bool allocated = false;
+    bool bare = false; // frames of the payload alone, as a camera without leader and trailer sends them
     std::atomic<bool> requeue{true};
     std::mutex mutex;
     std::condition_variable changed;
@@ -575,6 +577,58 @@ TEST_F(Stream, DriverFailuresEndTheStreamCleanly)
     EXPECT_EQ(0u, Count(LIBCSI_FRAME_VALID)) << "the dequeue thread ended on the error";
     EXPECT_EQ(LIBCSI_OK, libcsi_close_device(device)) << "closing while streaming stops the stream";
     device = nullptr;
+}
+
+TEST_F(Stream, FramesWithoutLeaderAndTrailerLeaveTheLogQuiet)
+{
+    struct Reports {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::vector<std::string> lines;
+    };
+    // Static: a report under way may touch it after the deregistration (see Discovery).
+    static Reports reports;
+    reports.lines.clear();
+    Open((std::string(kCamera) + "leader_trailer = 0\n").c_str());
+    struct Deregister {
+        ~Deregister() { libcsi_deregister_report_callback(); }
+    } deregister;
+    ASSERT_EQ(LIBCSI_OK, libcsi_register_report_callback(
+                             [](void* context, const char* text) {
+                                 auto* r = static_cast<Reports*>(context);
+                                 std::lock_guard<std::mutex> lock(r->mutex);
+                                 r->lines.push_back(text);
+                                 r->changed.notify_all();
+                             },
+                             &reports));
+    const std::int32_t savedLevel = LibCSIImpl::ExchangeLogLevel(3); // warnings and errors
+    bare = true;
+    ASSERT_EQ(LIBCSI_OK, Announce(4));
+    QueueAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    StartCamera();
+    ASSERT_TRUE(AwaitValidFrames(3000, 60 * TimeScale())) << "frames came: " << Count(LIBCSI_FRAME_VALID);
+    requeue = false;
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+    // Report lines arrive in the order they were logged: once this error is
+    // in, every line the stream logged before it is too.
+    std::int32_t type;
+    std::uint64_t size = 0;
+    EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_get_info(0, 40, &type, nullptr, &size));
+    LibCSIImpl::ExchangeLogLevel(savedLevel);
+    std::unique_lock<std::mutex> lock(reports.mutex);
+    ASSERT_TRUE(reports.changed.wait_for(lock, std::chrono::seconds(10 * TimeScale()), [&] {
+        return std::any_of(reports.lines.begin(), reports.lines.end(),
+                           [](const std::string& line) { return line.find("Invalid InfoID.") != std::string::npos; });
+    }));
+    const auto blockIDLines = std::count_if(reports.lines.begin(), reports.lines.end(), [](const std::string& line) {
+        return line.find("BlockID") != std::string::npos || line.find("magic key") != std::string::npos;
+    });
+    EXPECT_EQ(0, blockIDLines) << "first of " << reports.lines.size() << ": " << reports.lines.front();
+    EXPECT_EQ(0u, LibCSIImpl::DroppedFrameCount(device)) << "nothing to count without block IDs";
+    lock.unlock();
+    libcsi_flush_frames(device);
+    RevokeAll();
 }
 
 TEST_F(Stream, AStreamOffThatNeverCompletesTimesOut)
