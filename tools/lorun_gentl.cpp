@@ -22,6 +22,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #ifndef LORUN_BUILT_PRODUCER
@@ -202,23 +203,69 @@ void ModuleOption(po::options_description& options)
                           "system, interface, device, remote (the camera) or stream");
 }
 
-// One feature tree of the chosen module, in a session that ends with it.
+// NAME=VALUE split at its first '='; a bad one is a usage error.
+std::pair<std::string, std::string> ParseAssignment(const std::string& assignment)
+{
+    const auto equals = assignment.find('=');
+    if (equals == std::string::npos || equals == 0)
+        throw UsageError("expected NAME=VALUE, got '" + assignment + "'");
+    return {assignment.substr(0, equals), assignment.substr(equals + 1)};
+}
+
+// The NAME=VALUE settings a command takes after its own arguments, all checked
+// for their form before any is written.
+std::vector<std::pair<std::string, std::string>> SettingsOf(const po::variables_map& vm)
+{
+    std::vector<std::pair<std::string, std::string>> settings;
+    if (vm.count("settings"))
+        for (const std::string& assignment : vm["settings"].as<std::vector<std::string>>())
+            settings.push_back(ParseAssignment(assignment));
+    return settings;
+}
+
+void SettingsOption(po::options_description& options, po::positional_options_description& positional)
+{
+    options.add_options()("settings", po::value<std::vector<std::string>>()->multitoken(),
+                          "NAME=VALUE ... written in order to the module's features first");
+    positional.add("settings", -1);
+}
+
+// Writes the settings in order; the first a feature refuses ends the command, as `set` does.
+void Apply(FeatureTree& features, const std::vector<std::pair<std::string, std::string>>& settings)
+{
+    for (const auto& [name, value] : settings)
+        features.Set(name, value);
+}
+
+// One feature tree of the chosen module, its settings written, in a session that ends with it.
 template <class F>
 int WithFeatures(const po::variables_map& vm, F&& use)
 {
+    const auto settings = SettingsOf(vm);
     GenTLProducer producer(ProducerOf(vm));
     Session session(producer);
     if (vm.count("device"))
         session.OpenDevice(vm["device"].as<std::string>());
     FeatureTree features(producer, session.Port(vm["module"].as<std::string>()));
+    Apply(features, settings);
     return use(features);
+}
+
+// Opens the module's port in `session` and writes the settings, before a command that needs no feature tree.
+void ApplySettings(Session& session, const std::string& module, const po::variables_map& vm)
+{
+    const auto settings = SettingsOf(vm);
+    if (settings.empty())
+        return;
+    FeatureTree features(session.Producer(), session.Port(module));
+    Apply(features, settings);
 }
 
 const std::map<std::string, Command>& Commands()
 {
     static const std::map<std::string, Command> commands = {
         {"producers",
-         {"the .cti files on GENICAM_GENTL64_PATH with their library info", [](auto&, auto&) {},
+         {"the .cti files on GENICAM_GENTL64_PATH (32 for a 32-bit tool) with their library info", [](auto&, auto&) {},
           [](const po::variables_map&) { return Producers(); }}},
         {"info",
          {"library information of a producer",
@@ -240,10 +287,11 @@ const std::map<std::string, Command>& Commands()
           }}},
         {"features",
          {"the feature tree of a module's document with values, access modes and units",
-          [](po::options_description& o, auto&) {
+          [](po::options_description& o, po::positional_options_description& p) {
               ModuleOption(o);
               o.add_options()("all", "also invisible, guru and unimplemented features")(
                   "device", po::value<std::string>(), "camera ID (default: the first)");
+              SettingsOption(o, p);
           },
           [](const po::variables_map& vm) {
               return WithFeatures(vm, [&](FeatureTree& f) {
@@ -258,6 +306,7 @@ const std::map<std::string, Command>& Commands()
               o.add_options()("name", po::value<std::string>()->required(), "feature name")(
                   "device", po::value<std::string>(), "camera ID (default: the first)");
               p.add("name", 1);
+              SettingsOption(o, p);
           },
           [](const po::variables_map& vm) {
               return WithFeatures(vm, [&](FeatureTree& f) {
@@ -274,13 +323,9 @@ const std::map<std::string, Command>& Commands()
               p.add("assignment", 1);
           },
           [](const po::variables_map& vm) {
-              const std::string assignment = vm["assignment"].as<std::string>();
-              const auto equals = assignment.find('=');
-              if (equals == std::string::npos || equals == 0)
-                  throw UsageError("expected NAME=VALUE, got '" + assignment + "'");
-              return WithFeatures(vm, [&](FeatureTree& f) {
-                  const std::string name = assignment.substr(0, equals);
-                  f.Set(name, assignment.substr(equals + 1));
+              const auto [name, value] = ParseAssignment(vm["assignment"].as<std::string>());
+              return WithFeatures(vm, [&, name = name, value = value](FeatureTree& f) {
+                  f.Set(name, value);
                   std::printf("%s = %s\n", name.c_str(), f.Get(name).c_str());
                   return 0;
               });
@@ -301,7 +346,9 @@ const std::map<std::string, Command>& Commands()
           }}},
         {"grab",
          {"acquires frames with a live progress line and a summary; Ctrl-C stops cleanly",
-          [](po::options_description& o, auto&) {
+          [](po::options_description& o, po::positional_options_description& p) {
+              ModuleOption(o);
+              SettingsOption(o, p);
               o.add_options()("frames,n", po::value<std::uint64_t>(), "frames to take")(
                   "seconds,t", po::value<double>(), "seconds to acquire")(
                   "device", po::value<std::string>(), "camera ID (default: the first)")(
@@ -342,23 +389,29 @@ const std::map<std::string, Command>& Commands()
               else
                   throw UsageError("--format must be png, pgm or raw");
               options.progressOnTerminal = ::isatty(STDOUT_FILENO) != 0;
+              SettingsOf(vm); // their form, before the producer loads
               GenTLProducer producer(ProducerOf(vm));
               Session session(producer);
+              session.OpenDevice(options.deviceId); // the settings go to the camera grabbed from
+              ApplySettings(session, vm["module"].as<std::string>(), vm);
               return Grab(session, options, interrupted);
           }}},
         {"events",
          {"prints a module's events as they arrive (device list changes, camera events)",
-          [](po::options_description& o, auto&) {
+          [](po::options_description& o, po::positional_options_description& p) {
               o.add_options()("module,m", po::value<std::string>()->default_value("interface"),
                               "system, interface, device or stream")("seconds,t", po::value<double>(),
                                                                      "seconds to watch (default: until Ctrl-C)");
+              SettingsOption(o, p);
           },
           [](const po::variables_map& vm) {
               const double seconds = vm.count("seconds") ? vm["seconds"].as<double>() : 0;
               if (vm.count("seconds") && seconds <= 0)
                   throw UsageError("-t must be above 0");
+              SettingsOf(vm); // their form, before the producer loads
               GenTLProducer producer(ProducerOf(vm));
               Session session(producer);
+              ApplySettings(session, vm["module"].as<std::string>(), vm);
               return WatchEvents(session, vm["module"].as<std::string>(), seconds, interrupted);
           }}},
     };
