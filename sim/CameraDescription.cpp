@@ -1,6 +1,7 @@
 #include "sim/CameraDescription.h"
 
 #include "sim/PixelFormats.h"
+#include "sim/StateFile.h"
 
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
@@ -257,7 +258,8 @@ SystemDescription SystemDescription::Parse(const std::string& text, const std::s
                    {"ipu_y_inc", Into(d.ipuYInc)},
                    {"min_announced_frames", Into(d.minAnnouncedFrames)},
                    {"statistics_capabilities", Into(d.statisticsCapabilities)},
-                   {"control", Into(d.control)}});
+                   {"control", Into(d.control)},
+                   {"state", Into(d.stateKey)}});
             static const char* const boards[] = {"nitrogen", "wandboard", "tegra", "imx8", "imx8m", "imx8x"};
             if (std::find(std::begin(boards), std::end(boards), d.board) == std::end(boards))
                 throw KeyError(name, "board", "unknown board '" + d.board + "'");
@@ -286,6 +288,8 @@ SystemDescription SystemDescription::Parse(const std::string& text, const std::s
                 throw KeyError(b.name, "address", "[" + a.name + "] and [" + b.name + "] have one bus and address");
         }
     d.control = Beside(origin, d.control);
+    d.state = d.stateKey == "none" ? "" : Beside(origin, d.stateKey);
+    d.identity = TextDigest(text);
     for (CameraDescription& camera : d.cameras)
         if (!camera.documentFile.empty())
             camera.document =
@@ -295,7 +299,10 @@ SystemDescription SystemDescription::Parse(const std::string& text, const std::s
 
 SystemDescription SystemDescription::FromFile(const std::string& path)
 {
-    return FromText(ReadRegularFile(path, 1u << 20, "camera description"), path);
+    SystemDescription d = FromText(ReadRegularFile(path, 1u << 20, "camera description"), path);
+    if (d.stateKey.empty())
+        d.state = StateFile::DefaultPath(path);
+    return d;
 }
 
 } }

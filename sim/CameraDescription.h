@@ -67,10 +67,17 @@ struct SystemDescription {
     std::uint32_t minAnnouncedFrames = 3;
     std::uint64_t statisticsCapabilities = 0x3F;
     std::string control;              // a file of commands that other processes append to; empty: none
+    // The file in which the cameras keep their settings between processes;
+    // empty: they keep nothing. "state" in the file, "none" for nothing;
+    // without the key a description read from a file keeps them beside itself.
+    std::string state;
+    std::string stateKey;             // the key as written
+    std::uint64_t identity = 0;       // a digest of the description's text, which its state file carries
     std::vector<CameraDescription> cameras;
 
     // Reads an ini file: a [system] section and one section per camera whose
-    // name begins with "camera". Unknown keys are an error.
+    // name begins with "camera". Unknown keys are an error. Without a state
+    // key, the cameras keep their settings in StateFile::DefaultPath(path).
     static SystemDescription FromFile(const std::string& path);
     // Relative file names in it are taken from the folder of `origin`, the
     // description's own path, or from the working folder.

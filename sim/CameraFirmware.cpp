@@ -27,6 +27,14 @@ std::uint32_t GenCPCrc32(const std::uint8_t* data, std::size_t size)
 
 namespace {
 
+// What a powered camera keeps between the processes that open it: the user
+// name and the settings of its document; not the commands, not what a host
+// writes at every open (the IPU restrictions, the stream's registers).
+constexpr std::uint64_t UserDefinedName = 0x0184;
+constexpr std::uint64_t KeptAddresses[] = {UserDefinedName, Width,        Height,          OffsetX,
+                                           OffsetY,         PixelFormatRegister, TestPattern,  ExposureTime,
+                                           Gain,            AcquisitionFrameRate, AcquisitionMode, AcquisitionFrameCount};
+
 template <class T>
 void Put(std::vector<std::uint8_t>& bytes, std::size_t offset, T value)
 {
@@ -69,6 +77,8 @@ CameraFirmware::CameraFirmware(const CameraDescription& camera, FaultPlan& plan)
       xml(camera.document.empty() ? CameraXML(camera) : camera.document)
 {
     BuildMemory();
+    for (const std::uint64_t address : KeptAddresses)
+        described[address] = memory.At(address).bytes;
     ResetState();
 }
 
@@ -83,7 +93,7 @@ void CameraFirmware::BuildMemory()
     memory.AddString(0x00C4, 64, EncodeCameraString(description.deviceVersion, encoding), false);
     memory.AddString(0x0104, 64, EncodeCameraString(description.manufacturerInfo, encoding), false);
     memory.AddString(0x0144, 64, EncodeCameraString(description.serialNumber, encoding), false);
-    memory.AddString(0x0184, 64, EncodeCameraString(description.userDefinedName, encoding), true);
+    memory.AddString(UserDefinedName, 64, EncodeCameraString(description.userDefinedName, encoding), true);
     memory.AddValue(0x01C4, 8, 0xF01 | (encoding << 4), false); // user name, family, SBRM, byte order, written length
     memory.AddValue(0x01CC, 4, 200, false);
     memory.AddValue(0x01D0, 8, Manifest, false);
@@ -247,8 +257,107 @@ void CameraFirmware::BuildMemory()
 
 void CameraFirmware::PowerCycle()
 {
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        ResetState();
+        ResetKeptLocked();
+    }
+    PassKeptOn();
+}
+
+void CameraFirmware::RestoreDescription()
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        ResetKeptLocked();
+    }
+    PassKeptOn();
+}
+
+void CameraFirmware::ResetKeptLocked()
+{
+    for (const auto& [address, bytes] : described)
+        memory.At(address).bytes = bytes;
+    keptChanged = true;
+}
+
+
+CameraFirmware::KeptValues CameraFirmware::KeptValuesLocked()
+{
+    KeptValues values;
+    for (const auto& [address, bytes] : described)
+        if (memory.At(address).bytes != bytes)
+            values[address] = memory.At(address).bytes;
+    return values;
+}
+
+CameraFirmware::KeptValues CameraFirmware::GetKeptValues()
+{
     std::lock_guard<std::mutex> lock(mutex);
-    ResetState();
+    return KeptValuesLocked();
+}
+
+std::vector<std::uint64_t> CameraFirmware::ReplaceKeptValues(const KeptValues& values)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& [address, bytes] : described)
+        memory.At(address).bytes = bytes;
+    return RestoreKeptLocked(values);
+}
+
+std::vector<std::uint64_t> CameraFirmware::RestoreKeptValues(const KeptValues& values)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    return RestoreKeptLocked(values);
+}
+
+std::vector<std::uint64_t> CameraFirmware::RestoreKeptLocked(const KeptValues& values)
+{
+    KeptValues remaining;
+    std::vector<std::uint64_t> refused;
+    for (const auto& [address, bytes] : values) {
+        const auto kept = described.find(address);
+        if (kept == described.end() || kept->second.size() != bytes.size())
+            refused.push_back(address);
+        else
+            remaining.insert({address, bytes});
+    }
+    for (bool progress = true; progress && !remaining.empty();) {
+        progress = false;
+        for (auto it = remaining.begin(); it != remaining.end();) {
+            if (memory.Write(it->first, it->second.data(), it->second.size()) == MemoryMap::Success) {
+                it = remaining.erase(it);
+                progress = true;
+            } else {
+                ++it;
+            }
+        }
+    }
+    for (const auto& entry : remaining)
+        refused.push_back(entry.first);
+    return refused;
+}
+
+void CameraFirmware::SetKeeper(std::function<void(const KeptValues&)> newKeeper)
+{
+    std::lock_guard<std::mutex> keeping(keeperMutex);
+    keeper = std::move(newKeeper);
+}
+
+void CameraFirmware::PassKeptOn()
+{
+    if (!keptChanged.load())
+        return;
+    std::lock_guard<std::mutex> keeping(keeperMutex);
+    KeptValues values;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (!keptChanged.exchange(false))
+            return; // another thread passed this change on
+        values = KeptValuesLocked();
+    }
+    if (keeper)
+        keeper(values);
 }
 
 void CameraFirmware::ResetState()
@@ -314,6 +423,20 @@ void CameraFirmware::BusDelay(std::size_t bytes)
 
 int CameraFirmware::ReadCCI(std::uint16_t address, std::uint8_t* data, std::size_t size)
 {
+    const int result = ServeCCIRead(address, data, size);
+    PassKeptOn(); // a packet taken late may have been a write
+    return result;
+}
+
+int CameraFirmware::WriteCCI(std::uint16_t address, const std::uint8_t* data, std::size_t size)
+{
+    const int result = ServeCCIWrite(address, data, size);
+    PassKeptOn();
+    return result;
+}
+
+int CameraFirmware::ServeCCIRead(std::uint16_t address, std::uint8_t* data, std::size_t size)
+{
     if (faults.Take(Fault::I2CInterrupted))
         return EINTR;
     if (faults.Take(Fault::I2CReadFailure))
@@ -327,7 +450,7 @@ int CameraFirmware::ReadCCI(std::uint16_t address, std::uint8_t* data, std::size
     return 0;
 }
 
-int CameraFirmware::WriteCCI(std::uint16_t address, const std::uint8_t* data, std::size_t size)
+int CameraFirmware::ServeCCIWrite(std::uint16_t address, const std::uint8_t* data, std::size_t size)
 {
     if (faults.Take(Fault::I2CInterrupted))
         return EINTR;
@@ -348,6 +471,7 @@ int CameraFirmware::WriteCCI(std::uint16_t address, const std::uint8_t* data, st
     }
     if (covers(CciReset) && cci[CciReset] == 1) {
         ResetState();
+        ResetKeptLocked();
         return 0;
     }
     if (covers(GcprmOutHandshake) && cci[GcprmOutHandshake] == 1 && !packetWaiting) {
@@ -451,6 +575,9 @@ std::vector<std::uint8_t> CameraFirmware::Serve(const std::vector<std::uint8_t>&
         const std::uint64_t address = Get<std::uint64_t>(command, 16);
         const std::size_t length = command.size() - 24;
         status = memory.Write(address, command.data() + 24, length);
+        for (const auto& [kept, bytes] : described)
+            if (status == 0 && kept < address + length && address < kept + bytes.size())
+                keptChanged = true;
         payload.assign(4, 0);
         Put<std::uint16_t>(payload, 2, status == 0 ? static_cast<std::uint16_t>(length) : 0);
     } else {

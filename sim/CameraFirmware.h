@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -62,8 +63,28 @@ public:
     const CameraDescription& GetDescription() const { return description; }
     void StartAcquisition();
     void StopAcquisition();
-    // As after power-on: mode, GenCP handshakes and answers, acquisition.
+    // As after power-on: mode, GenCP handshakes and answers, acquisition, and
+    // the settings back at the description's values.
     void PowerCycle();
+
+    // The settings registers a powered camera keeps (image format, offsets,
+    // pixel format, exposure, gain, frame rate, test pattern, acquisition
+    // mode, user name): address and bytes of those that differ from the
+    // description's values.
+    using KeptValues = std::map<std::uint64_t, std::vector<std::uint8_t>>;
+    KeptValues GetKeptValues();
+    // Writes kept values back as a host's writes would be checked, in
+    // whatever order lets each pass (an offset may need its width first);
+    // returns the addresses refused, which keep the description's values.
+    std::vector<std::uint64_t> RestoreKeptValues(const KeptValues& values);
+    // The description's values, then `values` restored: the settings as another
+    // process left them. The keeper is not told.
+    std::vector<std::uint64_t> ReplaceKeptValues(const KeptValues& values);
+    // The settings back at the description's values, as after a reset.
+    void RestoreDescription();
+    // Told the kept values, outside the camera's lock, whenever a host's write
+    // or a reset changed them; one call at a time, in the order of the changes.
+    void SetKeeper(std::function<void(const KeptValues&)> keeper);
     // Counts of GenCP commands served, for tests.
     std::uint64_t GetCommandCount();
     // Bytes that went over the control bus, addresses and data.
@@ -78,6 +99,13 @@ private:
     };
 
     FrameGeometry ComputeGeometry();
+    int ServeCCIRead(std::uint16_t address, std::uint8_t* data, std::size_t size);
+    int ServeCCIWrite(std::uint16_t address, const std::uint8_t* data, std::size_t size);
+    KeptValues KeptValuesLocked();
+    void ResetKeptLocked();
+    std::vector<std::uint64_t> RestoreKeptLocked(const KeptValues& values);
+    // Tells the keeper of kept values that changed; takes the locks itself.
+    void PassKeptOn();
     // True when `frame` already holds the image of geometry `g`; remembers it otherwise.
     bool ImagePrepared(const std::uint8_t* frame, const FrameGeometry& g);
     void BuildMemory();
@@ -117,6 +145,10 @@ private:
     };
     std::vector<DocumentRange> documents;
     std::atomic<std::uint64_t> documentBytesRead{0};
+    KeptValues described;                   // the kept registers as the description sets them
+    std::atomic<bool> keptChanged{false};
+    std::mutex keeperMutex;                 // taken before `mutex`: keeps the keeper's calls in order
+    std::function<void(const KeptValues&)> keeper;
     // Bus time the transfers have taken but not yet slept (negative: slept too long).
     std::mutex busMutex;
     std::chrono::nanoseconds busTimeOwed{0};

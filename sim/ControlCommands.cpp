@@ -83,6 +83,9 @@ void VirtualSystem::ApplyCommand(const std::string& line)
     } else if (verb == "clear") {
         expect(2, 2, "clear CAMERA");
         ClearFaults(CameraByName(words[1]));
+    } else if (verb == "reset") {
+        expect(2, 2, "reset CAMERA");
+        GetFirmware(CameraByName(words[1])).RestoreDescription();
     } else if (verb == "report") {
         expect(2, 2, "report CAMERA");
         Report(CameraByName(words[1]));

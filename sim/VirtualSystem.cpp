@@ -5,6 +5,7 @@
 #include "sim/CameraMap.h"
 #include "sim/ControlFile.h"
 #include "sim/Scheduler.h"
+#include "sim/StateFile.h"
 #include "sim/TextEncoding.h"
 #include "sim/VirtualSystemState.h"
 
@@ -66,6 +67,8 @@ std::shared_ptr<VirtualSystem> VirtualSystem::FromFile(const std::string& path)
 
 VirtualSystem::VirtualSystem(const SystemDescription& system) : description(system), scheduler(new Scheduler)
 {
+    if (!description.state.empty())
+        stateFile = std::make_unique<StateFile>(description.state, description.identity);
     for (std::size_t i = 0; i < description.cameras.size(); ++i) {
         auto camera = std::make_unique<Camera>();
         camera->index = i;
@@ -77,6 +80,11 @@ VirtualSystem::VirtualSystem(const SystemDescription& system) : description(syst
         for (int r = 0; r < 6; ++r)
             camera->firmware->WriteValue(CameraMap::Sirm + 56 + std::uint64_t{4} * r, restrictions[r]);
         camera->node = camera->description.node;
+        if (stateFile) {
+            LoadKeptValues(*camera);
+            camera->firmware->SetKeeper([file = stateFile.get(), name = camera->description.name](
+                                            const CameraFirmware::KeptValues& kept) { file->Save(name, kept); });
+        }
         cameras.push_back(std::move(camera));
     }
     BuildTree();
@@ -90,6 +98,15 @@ VirtualSystem::VirtualSystem(const SystemDescription& system) : description(syst
                              static_cast<unsigned long long>(number), e.what());
             }
         });
+}
+
+void VirtualSystem::LoadKeptValues(Camera& camera)
+{
+    CameraFirmware& firmware = *camera.firmware;
+    const std::string& name = camera.description.name;
+    for (const std::uint64_t refused : firmware.ReplaceKeptValues(stateFile->Load(name)))
+        std::fprintf(stderr, "Virtual camera state file '%s': [%s] register 0x%llx refused its value; ignored\n",
+                     stateFile->Path().c_str(), name.c_str(), static_cast<unsigned long long>(refused));
 }
 
 VirtualSystem::~VirtualSystem()
@@ -188,6 +205,12 @@ int VirtualSystem::Open(const char* path, int flags)
                 std::uint64_t error = 0;
                 if (camera->faults.Take(Fault::NodeOpenFailure, &error))
                     return Fail(error ? static_cast<int>(error) : EBUSY);
+                // A camera another process has open is busy, as the driver of a real one answers.
+                if (camera->nodeOpens == 0 && stateFile) {
+                    if (!stateFile->Claim(camera->index))
+                        return Fail(EBUSY);
+                    LoadKeptValues(*camera); // what the process that had it open last left
+                }
                 file->kind = OpenFile::Node;
                 file->camera = camera.get();
             }
@@ -199,8 +222,13 @@ int VirtualSystem::Open(const char* path, int flags)
     }
     // A real descriptor reserves the number, so virtual and real ones never clash.
     int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
+    if (fd < 0) {
+        if (file->camera && file->camera->nodeOpens == 0 && stateFile)
+            stateFile->Release(file->camera->index);
         return -1;
+    }
+    if (file->camera)
+        ++file->camera->nodeOpens;
     files[fd] = file;
     return fd;
 }
@@ -208,6 +236,10 @@ int VirtualSystem::Open(const char* path, int flags)
 int VirtualSystem::Close(int fd)
 {
     std::lock_guard<std::mutex> lock(mutex);
+    const auto file = files.find(fd);
+    if (file != files.end() && file->second->kind == OpenFile::Node && --file->second->camera->nodeOpens == 0 &&
+        stateFile)
+        stateFile->Release(file->second->camera->index);
     files.erase(fd);
     return ::close(fd);
 }

@@ -18,6 +18,7 @@ namespace QEL { namespace Sim {
 
 class Scheduler;
 class ControlFile;
+class StateFile;
 
 // The virtual camera seen from libcsi: a user-space model of the CSI-2 kernel
 // driver (sysfs tree, V4L2 nodes, private ioctls, buffers, frame timing) over
@@ -58,7 +59,8 @@ public:
     void ClearFaults(std::size_t camera);
     // One line of the control file: "unplug CAMERA", "replug CAMERA",
     // "fault CAMERA NAME [COUNT [VALUE]]", "ioctl CAMERA VIDIOC_NAME ERRNO COUNT",
-    // "identity CAMERA NAME VALUE", "clear CAMERA"; CAMERA is the name of the
+    // "identity CAMERA NAME VALUE", "clear CAMERA", "reset CAMERA" (the
+    // settings back at the description's values); CAMERA is the name of the
     // camera's section. A bad line throws std::invalid_argument and changes nothing.
     void ApplyCommand(const std::string& line);
     // "report CAMERA": the camera's counters, "NAME = VALUE" a line, in FILE.report beside the control file.
@@ -95,6 +97,8 @@ private:
     bool IsReadable(const OpenFile& file);
     bool HasException(const OpenFile& file);
     std::uint32_t DriverVersion() const;
+    // The camera's settings as the state file keeps them; values it refuses are reported.
+    void LoadKeptValues(Camera& camera);
 
     const SystemDescription description;
     std::mutex mutex;
@@ -109,6 +113,8 @@ private:
         const std::vector<const void*>* frameSources;
     };
     std::vector<Waiting> waiters;
+    // What the cameras keep between processes, and which of them this process has open.
+    std::unique_ptr<StateFile> stateFile;
     std::unique_ptr<Scheduler> scheduler;
     std::unique_ptr<ControlFile> controlFile; // last: its thread calls into everything above
 };

@@ -35,6 +35,7 @@ struct VirtualSystem::Camera {
     std::string node;
     std::shared_ptr<Attribute> availability, streamoff, flush;
     std::map<unsigned long, std::pair<int, std::uint32_t>> failingIoctls;
+    std::uint32_t nodeOpens = 0;             // descriptors of the node open in this process
 
     struct Buffer {
         std::uint32_t memory = 0; // 1 mapped, 2 user pointer

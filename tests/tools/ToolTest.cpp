@@ -61,15 +61,16 @@ protected:
     }
 
     // Runs the tool to its end; a hung tool fails the test after a minute.
-    Result Run(const std::string& arguments) const
+    // `prefix` keeps its output apart from a tool started in the background.
+    Result Run(const std::string& arguments, const std::string& prefix = "") const
     {
         Result result;
-        const std::string command = "timeout 60 env " + CommandLine(arguments) + " >'" + File("out.txt") + "' 2>'" +
-                                    File("err.txt") + "'";
+        const std::string command = "timeout 60 env " + CommandLine(arguments) + " >'" + File(prefix + "out.txt") +
+                                    "' 2>'" + File(prefix + "err.txt") + "'";
         const int status = std::system(command.c_str());
         result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        result.out = ReadFile(File("out.txt"));
-        result.err = ReadFile(File("err.txt"));
+        result.out = ReadFile(File(prefix + "out.txt"));
+        result.err = ReadFile(File(prefix + "err.txt"));
         return result;
     }
 
@@ -269,6 +270,90 @@ TEST_F(Tool, GrabSavesImagesThatDecodeToTheCamerasPattern)
     const Result raw = Run("grab -n 1 --format raw --save " + File("raw"));
     ASSERT_EQ(0, raw.code) << raw.err;
     EXPECT_TRUE(fs::exists(File("raw/frame-000001.raw")));
+}
+
+// NAME=VALUE settings after a command are written in order before it runs,
+// each refusal reported as `set` reports it, before anything else happens.
+TEST_F(Tool, SettingsOnTheCommandLineComeFirstInOrder)
+{
+    Describe("[camera0]\nguid = CAM-1\nbus_timing = 0\nwidth = 64\nheight = 16\nframe_rate = 0\n"
+             "width_max = 128\nheight_max = 64\n");
+    // OffsetX needs the smaller width first: the order is the command line's.
+    Result r = Run("grab Width=32 Height=8 OffsetX=96 PixelFormat=Mono12 -n 3 --save " + File("set"));
+    ASSERT_EQ(0, r.code) << r.err;
+    const Png png = ReadPng(File("set/frame-000001.png"));
+    EXPECT_EQ(32u, png.width);
+    EXPECT_EQ(8u, png.height);
+    EXPECT_EQ(16, png.depth) << "Mono12 is saved as 16-bit grey";
+    r = Run("grab OffsetX=0 Width=64 OffsetX=72 Width=32 -n 3");
+    EXPECT_EQ(1, r.code) << "OffsetX does not fit beside the width of 64: " << r.out;
+    EXPECT_NE(std::string::npos, r.err.find("OffsetX")) << r.err;
+    EXPECT_EQ(std::string::npos, r.out.find("Summary")) << "nothing grabbed after a refused setting";
+
+    r = Run("get Width Width=48");
+    EXPECT_EQ(0, r.code) << r.err;
+    EXPECT_EQ("48\n", r.out) << "the value after the settings";
+    r = Run("get -m stream StreamPayloadSizeMode StreamPayloadSizeMode=Manual");
+    EXPECT_EQ(0, r.code) << r.err;
+    EXPECT_EQ("Manual\n", r.out) << "-m chooses the module the settings go to";
+    r = Run("features TestPattern=GreyHorizontalRamp");
+    EXPECT_EQ(0, r.code) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("TestPattern")) << r.out;
+    r = Run("events -t 0.2 -m device NoSuchFeature=1");
+    EXPECT_EQ(2, r.code) << "an unknown feature is bad usage, as for set";
+    EXPECT_NE(std::string::npos, r.err.find("NoSuchFeature")) << r.err;
+    r = Run("grab -n 1 Width");
+    EXPECT_EQ(2, r.code);
+    EXPECT_NE(std::string::npos, r.err.find("expected NAME=VALUE, got 'Width'")) << r.err;
+}
+
+// The README's sequence: what `set` wrote, the camera keeps for the next
+// process, as a powered camera would, until it is power cycled or reset.
+TEST_F(Tool, TheCameraKeepsItsSettingsBetweenProcesses)
+{
+    Describe("[camera0]\nguid = CAM-1\nbus_timing = 0\nwidth = 1024\nheight = 4\nframe_rate = 0\n");
+    Result r = Run("set Width=640");
+    ASSERT_EQ(0, r.code) << r.err;
+    EXPECT_EQ("Width = 640\n", r.out);
+    r = Run("grab -n 2 --save " + File("out"));
+    ASSERT_EQ(0, r.code) << r.err;
+    EXPECT_EQ(640u, ReadPng(File("out/frame-000001.png")).width);
+
+    r = Run("exec -m device DeviceReset");
+    ASSERT_EQ(0, r.code) << r.err;
+    EXPECT_EQ("1024\n", Run("get Width").out) << "a reset brings back the description's width";
+
+    ASSERT_EQ(0, Run("set Width=512").code);
+    const pid_t events = Start("events -m interface -t 60");
+    ASSERT_TRUE(AwaitOutput("Watching")) << "a process that follows the control file";
+    Control("unplug camera0");
+    Control("replug camera0");
+    EXPECT_EQ("1024\n", Run("get Width", "get-").out) << "a power cycle does too";
+    ASSERT_EQ(0, Run("set Width=256", "set-").code);
+    Control("reset camera0");
+    EXPECT_EQ("1024\n", Run("get Width", "get-").out) << "and the control file's reset";
+    ::kill(events, SIGINT);
+    EXPECT_EQ(0, Wait(events).code);
+
+    std::ofstream(File("cameras.ini.state")) << "lorun virtual camera state 1\nsomething else\n";
+    r = Run("get Width");
+    EXPECT_EQ(0, r.code) << r.err;
+    EXPECT_EQ("1024\n", r.out);
+    EXPECT_NE(std::string::npos, r.err.find("Virtual camera state file '" + File("cameras.ini.state") + "'"))
+        << "a damaged state file is named: " << r.err;
+}
+
+TEST_F(Tool, ACameraGrabbedInOneProcessIsBusyInAnother)
+{
+    const pid_t grab = Start("grab -t 60");
+    ASSERT_TRUE(AwaitOutput("frames ")) << "grabbing";
+    Result r = Run("get Width", "get-");
+    EXPECT_EQ(1, r.code) << r.out;
+    EXPECT_NE(std::string::npos, r.err.find("Device or resource busy")) << r.err;
+    ::kill(grab, SIGINT);
+    EXPECT_EQ(0, Wait(grab).code);
+    r = Run("get Width");
+    EXPECT_EQ(0, r.code) << "free again once the grab ended: " << r.err;
 }
 
 TEST_F(Tool, ProgressLinesInAPipeAndACameraPulledOutDuringGrab)
