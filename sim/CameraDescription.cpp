@@ -1,6 +1,7 @@
 #include "sim/CameraDescription.h"
 
 #include "sim/PixelFormats.h"
+#include "sim/RegularFile.h"
 #include "sim/StateFile.h"
 
 #include <boost/property_tree/ini_parser.hpp>
@@ -176,37 +177,6 @@ CameraDescription ReadCamera(const Tree& section, const std::string& name)
 }
 
 namespace {
-
-// A whole regular file of at most `limit` bytes; anything else is refused by
-// name, so that /dev/zero, a FIFO or a folder cannot hang or swell the reader.
-std::string ReadRegularFile(const std::string& path, std::uint64_t limit, const char* what)
-{
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0)
-        throw std::invalid_argument(std::string("cannot read ") + what + " '" + path + "': " + std::strerror(errno));
-    std::string text;
-    struct stat status {};
-    const bool regular = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
-    const bool small = regular && static_cast<std::uint64_t>(status.st_size) <= limit;
-    if (small) {
-        text.resize(static_cast<std::size_t>(status.st_size));
-        std::size_t done = 0;
-        while (done < text.size()) {
-            const ssize_t got = ::read(fd, &text[done], text.size() - done);
-            if (got <= 0)
-                break;
-            done += static_cast<std::size_t>(got);
-        }
-        text.resize(done);
-    }
-    ::close(fd);
-    if (!regular)
-        throw std::invalid_argument(std::string(what) + " '" + path + "' is not a regular file");
-    if (!small)
-        throw std::invalid_argument(std::string(what) + " '" + path + "' is larger than " + std::to_string(limit) +
-                                    " bytes");
-    return text;
-}
 
 // Files named in a description lie beside it unless the path is absolute.
 std::string Beside(const std::string& description, const std::string& path)

@@ -1,5 +1,7 @@
 #include "sim/StateFile.h"
 
+#include "sim/RegularFile.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -106,29 +108,17 @@ bool StateFile::LockRange(short type, std::size_t byte, bool wait)
 StateFile::Cameras StateFile::ReadAll()
 {
     Cameras cameras;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
-        if (errno != ENOENT)
-            Report(path, std::string("cannot be read (") + std::strerror(errno) + "); ignored");
-        return cameras;
-    }
     std::string text;
-    struct stat status {};
-    bool readable = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
-                    static_cast<std::uint64_t>(status.st_size) <= MaxFileSize;
-    if (readable) {
-        text.resize(static_cast<std::size_t>(status.st_size));
-        std::size_t done = 0;
-        while (done < text.size()) {
-            const ssize_t n = ::read(fd, &text[done], text.size() - done);
-            if (n <= 0)
-                break;
-            done += static_cast<std::size_t>(n);
-        }
-        text.resize(done);
-    }
-    ::close(fd);
-    if (!readable) {
+    int error = 0;
+    switch (ReadWholeFile(path, MaxFileSize, false, text, error)) {
+    case FileRead::Done:
+        break;
+    case FileRead::CannotOpen:
+        if (error != ENOENT) // none yet: every camera as described
+            Report(path, std::string("cannot be read (") + std::strerror(error) + "); ignored");
+        return cameras;
+    case FileRead::NotRegular:
+    case FileRead::TooLarge:
         Report(path, "not a regular file of at most 1 MiB; ignored");
         return cameras;
     }

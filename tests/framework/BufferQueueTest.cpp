@@ -171,11 +171,11 @@ TEST_F(BufferQueue, AFrameMovesFromInputToOutputAndIsDeliveredOnce)
     EXPECT_EQ(Err(GC_ERR_ERROR, "No buffer in the output queue."), Failure([&] { queue->GetData(&record, &size); }));
 
     auto parser = queue->GetEventDataParser();
-    auto numID = std::dynamic_pointer_cast<const UInt64Info>(parser->GetDataInfo(&record, 16, EVENT_DATA_NUMID));
+    auto numID = std::dynamic_pointer_cast<const UInt64Info>(parser->GetDataInfo(&record, sizeof record, EVENT_DATA_NUMID));
     ASSERT_TRUE(numID);
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(record.bufferHandle), numID->GetValue());
     EXPECT_EQ(Err(GC_ERR_INVALID_PARAMETER, "Invalid size passed."),
-              Failure([&] { parser->GetDataInfo(&record, 15, EVENT_DATA_ID); }));
+              Failure([&] { parser->GetDataInfo(&record, sizeof record - 1, EVENT_DATA_ID); }));
 
     EXPECT_TRUE(Flag(buffer, BUFFER_INFO_NEW_DATA)) << "delivered, not yet queued again";
     queue->QueueBuffer(buffer);

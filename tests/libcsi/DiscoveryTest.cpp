@@ -4,6 +4,7 @@
 #include "libcsi/include/libcsi/libcsi.h"
 #include "sim/VirtualSystem.h"
 #include "tests/TestSupport.h"
+#include "tests/libcsi/ReportCollector.h"
 
 #include <gtest/gtest.h>
 
@@ -173,38 +174,15 @@ TEST_F(Discovery, UnplugAndReplugReachTheCallback)
 
 TEST_F(Discovery, ErrorsReachTheReportCallback)
 {
-    struct Reports {
-        std::mutex mutex;
-        std::condition_variable changed;
-        std::vector<std::string> lines;
-    };
-    // Static: the report thread calls without libcsi's lock, so a report
-    // under way may still touch it after the deregistration below; it lives
-    // until the thread is joined at libcsi_deinit, and beyond.
-    static Reports reports;
-    struct Deregister {
-        ~Deregister() { libcsi_deregister_report_callback(); }
-    } deregister;
-    ASSERT_EQ(LIBCSI_OK, libcsi_register_report_callback(
-                             [](void* context, const char* text) {
-                                 auto* r = static_cast<Reports*>(context);
-                                 std::lock_guard<std::mutex> lock(r->mutex);
-                                 r->lines.push_back(text);
-                                 r->changed.notify_all();
-                             },
-                             &reports));
+    static ReportCollector reports;
+    const auto registration = reports.Register();
     const std::int32_t saved = LibCSIImpl::ExchangeLogLevel(3);
     std::int32_t type;
     std::uint64_t size = 0;
     EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_get_info(0, 40, &type, nullptr, &size));
     LibCSIImpl::ExchangeLogLevel(saved);
     std::unique_lock<std::mutex> lock(reports.mutex);
-    ASSERT_TRUE(reports.changed.wait_for(lock, std::chrono::seconds(5), [&] {
-        for (const auto& line : reports.lines)
-            if (line.find(" ERROR: Invalid InfoID.") != std::string::npos)
-                return true;
-        return false;
-    }));
+    ASSERT_TRUE(reports.AwaitLine(lock, " ERROR: Invalid InfoID."));
     for (const auto& line : reports.lines)
         EXPECT_EQ(0u, line.find("LIBCSI: ")) << line;
 }

@@ -8,6 +8,7 @@
 #include "sim/PixelFormats.h"
 #include "sim/VirtualSystem.h"
 #include "tests/TestSupport.h"
+#include "tests/libcsi/ReportCollector.h"
 #include "tests/sim/SimHarness.h"
 
 #include <gtest/gtest.h>
@@ -581,26 +582,9 @@ TEST_F(Stream, DriverFailuresEndTheStreamCleanly)
 
 TEST_F(Stream, FramesWithoutLeaderAndTrailerLeaveTheLogQuiet)
 {
-    struct Reports {
-        std::mutex mutex;
-        std::condition_variable changed;
-        std::vector<std::string> lines;
-    };
-    // Static: a report under way may touch it after the deregistration (see Discovery).
-    static Reports reports;
-    reports.lines.clear();
+    static ReportCollector reports;
     Open((std::string(kCamera) + "leader_trailer = 0\n").c_str());
-    struct Deregister {
-        ~Deregister() { libcsi_deregister_report_callback(); }
-    } deregister;
-    ASSERT_EQ(LIBCSI_OK, libcsi_register_report_callback(
-                             [](void* context, const char* text) {
-                                 auto* r = static_cast<Reports*>(context);
-                                 std::lock_guard<std::mutex> lock(r->mutex);
-                                 r->lines.push_back(text);
-                                 r->changed.notify_all();
-                             },
-                             &reports));
+    const auto registration = reports.Register();
     const std::int32_t savedLevel = LibCSIImpl::ExchangeLogLevel(3); // warnings and errors
     bare = true;
     ASSERT_EQ(LIBCSI_OK, Announce(4));
@@ -617,10 +601,7 @@ TEST_F(Stream, FramesWithoutLeaderAndTrailerLeaveTheLogQuiet)
     EXPECT_EQ(LIBCSI_INVALID_PARAMETER, libcsi_get_info(0, 40, &type, nullptr, &size));
     LibCSIImpl::ExchangeLogLevel(savedLevel);
     std::unique_lock<std::mutex> lock(reports.mutex);
-    ASSERT_TRUE(reports.changed.wait_for(lock, std::chrono::seconds(10 * TimeScale()), [&] {
-        return std::any_of(reports.lines.begin(), reports.lines.end(),
-                           [](const std::string& line) { return line.find("Invalid InfoID.") != std::string::npos; });
-    }));
+    ASSERT_TRUE(reports.AwaitLine(lock, "Invalid InfoID."));
     const auto blockIDLines = std::count_if(reports.lines.begin(), reports.lines.end(), [](const std::string& line) {
         return line.find("BlockID") != std::string::npos || line.find("magic key") != std::string::npos;
     });
