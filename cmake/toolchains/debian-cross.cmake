@@ -14,7 +14,10 @@ set(CMAKE_SYSROOT ${LORUN_SYSROOT})
 set(CMAKE_LIBRARY_ARCHITECTURE ${LORUN_CROSS_TRIPLE})
 # Installed and packaged into the target's multiarch folders, as Debian's own
 # libraries are (GNUInstallDirs does this only for native builds).
-set(CMAKE_INSTALL_LIBDIR lib/${LORUN_CROSS_TRIPLE} CACHE PATH "Object code libraries (lib/${LORUN_CROSS_TRIPLE})")
+# (A build folder configured before kept GNUInstallDirs' plain "lib": replaced.)
+if(NOT CMAKE_INSTALL_LIBDIR OR CMAKE_INSTALL_LIBDIR STREQUAL "lib")
+  set(CMAKE_INSTALL_LIBDIR lib/${LORUN_CROSS_TRIPLE} CACHE PATH "Object code libraries (lib/${LORUN_CROSS_TRIPLE})" FORCE)
+endif()
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
