@@ -44,6 +44,11 @@ public:
 // supplied with buffers and turns finished frames into buffer infos. It has no
 // thread: it reacts to buffers queued by the consumer and frames finished by
 // libcsi's frame callback thread. Lock order: buffer queue, channel, control channel.
+// Every public method holds the channel's mutex for its whole call;
+// StartStreaming, StopStreaming, RevokeBuffer(s), a finished frame and the
+// queue's input signal take the buffer queue's before it, and whatever asks the
+// camera (StartStreaming, GetPayloadSize, GetPayloadSizeAlignment) the control
+// channel's after it.
 class StreamChannel : public Tools::TrackableObject<Tools::BasicLockable<System::Lockable>> {
 public:
     enum State : std::uint32_t { Idle = 0, Streaming = 1, Stopping = 2, Finishing = 3, Aborted = 5 };
@@ -70,13 +75,20 @@ public:
     void StartStreaming(std::uint32_t driverBuffers, std::uint64_t imagesToAcquire,
                         const std::shared_ptr<BufferQueue>& bufferQueue, const std::shared_ptr<ErrorQueue>& errorQueue,
                         std::uint32_t payloadSizeMode, std::uint64_t manualPayloadSize, bool singleFinalTransfer);
-    // True when a stream was running.
+    // True when a stream was running. `deadline` is kept for the interface and
+    // read by nothing: libcsi's stream-off waits its own fixed time.
     bool StopStreaming(System::TimePoint deadline);
     bool IsStreaming() const;
     State GetState() const;
 
+    // The three payload sizes. The stream's: what each frame of the running
+    // stream fills, settled at its start by the payload size mode (auto: the
+    // smallest announced buffer; payload size: the camera's; manual: the
+    // manual size); only while streaming.
     std::uint64_t GetStreamPayloadSize() const;
+    // The camera's, as its registers give it now.
     std::uint64_t GetPayloadSize();
+    // The alignment the camera asks of a manual size: 2 to its minimum alignment exponent.
     std::uint64_t GetPayloadSizeAlignment();
     std::uint32_t GetBufferAnnounceMinimum() const { return minimumBuffers; }
     const Base::SupportedBufferInfos& GetSupportedBufferInfos() const;
@@ -106,7 +118,8 @@ public:
     // have it, else the lowest common one.
     static std::uint8_t ChooseDataIdentifier(const std::set<std::uint32_t>& host,
                                              const std::set<std::uint32_t>& device);
-    // `value` rounded to a multiple of `alignment` (up or down); an alignment of 0 leaves it.
+    // `value` rounded to a multiple of `alignment` (up or down): an alignment of
+    // 0 gives 0, the only multiple of 0; rounding up past 2^64 throws.
     static std::uint64_t AlignSize(std::uint64_t value, std::uint64_t alignment, bool up);
 
 private:
@@ -136,12 +149,13 @@ private:
     std::shared_ptr<LibCSI::EndpointHandler> handler;
     std::shared_ptr<BufferQueue> bufferQueue;
     std::shared_ptr<ErrorQueue> errorQueue;
-    std::uint64_t imagesToAcquire = 0;
+    std::uint64_t imagesToAcquire = 0; // kept as the consumer gave it; read by nothing: a stream runs until stopped
     std::uint64_t streamPayloadSize = 0;
     std::vector<PlanEntry> plan;
     Tools::Connection inputConnection;
     System::Condition condition;
     State state = Idle;
+    // Kept from the settings; read by nothing.
     std::int32_t recordFrameStartFrameID;
     std::int32_t recordFrameStopFrameID;
     std::uint32_t m_nMaxLeaderSize = 0;

@@ -136,26 +136,58 @@ typedef void (*libcsi_discovery_callback_t)(void* pContext, const char* sPortID,
  *   thread. */
 typedef void (*libcsi_report_callback_t)(void* pContext, const char* sMessage);
 
-/* Fills four words: major, minor, patch, build. */
+/* Device states: a device handle is open after libcsi_open_device, streaming
+ * after libcsi_start_stream, open again after libcsi_stop_stream, and gone
+ * after libcsi_close_device. A handle that is not open (closed, or never one
+ * of libcsi's) is refused with LIBCSI_INVALID_PARAMETER or
+ * LIBCSI_INVALID_DEVICE_STATE, never used. Timeouts are in milliseconds. */
+
+/* Fills four words: major, minor, patch, build. Needs no libcsi_init. */
 LIBCSI_API int32_t libcsi_get_version(uint32_t pVersion[4]);
+/* Starts the discovery and report threads and lists the cameras; called
+ * again while initialised, it does nothing and succeeds. */
 LIBCSI_API int32_t libcsi_init(void);
+/* Closes every device still open, stops and joins libcsi's threads. Not from
+ * a callback of libcsi: it waits for their threads. */
 LIBCSI_API int32_t libcsi_deinit(void);
+/* One callback each; LIBCSI_ALREADY_SET while one is registered. libcsi keeps
+ * pContext until the deregistration, and a call under way may still use it
+ * until libcsi_deinit: it must outlive both. */
 LIBCSI_API int32_t libcsi_register_discovery_callback(libcsi_discovery_callback_t pCallback, void* pContext);
 LIBCSI_API int32_t libcsi_deregister_discovery_callback(void);
 LIBCSI_API int32_t libcsi_register_report_callback(libcsi_report_callback_t pCallback, void* pContext);
 LIBCSI_API int32_t libcsi_deregister_report_callback(void);
 
+/* Lists the cameras the driver has now; the indexes below count in this
+ * list until the next update. */
 LIBCSI_API int32_t libcsi_update_device_list(void);
 LIBCSI_API int32_t libcsi_get_device_count(uint32_t* pCount);
+/* An info of camera nDeviceIndex (libcsi_info_id): *pType its libcsi_info_type;
+ * with pData NULL, *pSize becomes the size it needs (strings with their
+ * terminating zero), else *pSize is pData's size in bytes on entry and what
+ * was written on return; LIBCSI_BUFFER_TOO_SMALL writes nothing. */
 LIBCSI_API int32_t libcsi_get_info(uint32_t nDeviceIndex, int32_t eInfoID, int32_t* pType, void* pData,
                                    uint64_t* pSize);
-
+/* An info of an open device (0 driver version, 1 driver interface version,
+ * 2 board, ...), by the same size rules. */
 LIBCSI_API int32_t libcsi_get_ext_info(device_handle_t* pDeviceHandle, int32_t eInfoID, int32_t* pType, void* pData,
                                        uint64_t* pSize);
 
+/* Opens camera nDeviceIndex: its V4L2 node (LIBCSI_OPEN_FAILED when the driver
+ * refuses, as for a camera another process has open), GenCP mode, the frame
+ * threads. The handle stays valid until libcsi_close_device or libcsi_deinit. */
 LIBCSI_API int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHandle);
+/* Stops a stream still running, gives every frame back (libcsi's memory is
+ * freed; the caller's is not touched after this returns) and closes. Not from
+ * a frame callback of this device: it joins the callback thread. */
 LIBCSI_API int32_t libcsi_close_device(device_handle_t* pDeviceHandle);
+/* Restarts the camera through its CCI reset register; open, not streaming.
+ * Close the device afterwards: the camera starts afresh. */
 LIBCSI_API int32_t libcsi_reset_device(device_handle_t* pDeviceHandle);
+/* The queries below answer what the driver says of an open or streaming
+ * device, into the caller's variables; libcsi_set_csi_config needs an open
+ * one that is not streaming, and writes back what the driver took.
+ * Frequencies are in hertz; the CCI link speed is 0 for 100 kHz, 1 for 400 kHz. */
 LIBCSI_API int32_t libcsi_get_ipu_restrictions(device_handle_t* pDeviceHandle, libcsi_ipu_restrictions_t* pRestrictions);
 LIBCSI_API int32_t libcsi_get_gencp_buffer_sizes(device_handle_t* pDeviceHandle, uint32_t* pGencpInBufferSize,
                                                  uint32_t* pGencpOutBufferSize);
@@ -171,19 +203,43 @@ LIBCSI_API int32_t libcsi_get_csi_config(device_handle_t* pDeviceHandle, uint8_t
 LIBCSI_API int32_t libcsi_set_csi_config(device_handle_t* pDeviceHandle, uint8_t* pLaneCount,
                                          uint32_t* pLaneClockFrequency);
 
+/* Announces the caller's frame of nIPU_X * nIPU_Y bytes (the IPU geometry of
+ * the board's restrictions): libcsi keeps *pFrame and the memory it points to
+ * until libcsi_revoke_frame or libcsi_close_device returns. Open, or
+ * streaming with the running stream's geometry. */
 LIBCSI_API int32_t libcsi_announce_frame(device_handle_t* pDeviceHandle, uint32_t nIPU_X, uint32_t nIPU_Y,
                                          lib_frame_transfer* pFrame, frame_handle_t** ppFrameHandle);
+/* The same with memory libcsi allocates and writes into *pFrame; it is freed
+ * by the revoke or the close. */
 LIBCSI_API int32_t libcsi_alloc_and_announce_frame(device_handle_t* pDeviceHandle, uint32_t nIPU_X, uint32_t nIPU_Y,
                                                    lib_frame_transfer* pFrame, frame_handle_t** ppFrameHandle);
+/* Gives an announced frame to the driver; its callback comes once, on the
+ * device's callback thread, with pContext, which must live until then.
+ * LIBCSI_FRAME_QUEUED while the frame is queued or its callback still due. */
 LIBCSI_API int32_t libcsi_queue_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFrameHandle,
                                       libcsi_frame_callback_t pFrameCallback, void* pContext);
+/* Takes every queued frame back from the driver, without its callback; each
+ * may be queued again. Any state but closed. */
 LIBCSI_API int32_t libcsi_flush_frames(device_handle_t* pDeviceHandle);
+/* Ends an announcement: no callback of the frame comes after it returns
+ * (except one already running on the callback thread); the frame must not be
+ * queued. */
 LIBCSI_API int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFrameHandle);
+/* Starts the stream of an open device with at least the driver's minimum of
+ * announced frames; nDataIdentifier is the CSI-2 data type (42 for RAW8). */
 LIBCSI_API int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentifier);
+/* Stops a streaming device and waits up to nTimeout milliseconds for the
+ * driver's stream-off (LIBCSI_TIMEOUT after that; the device is open again
+ * either way). Frames not filled come back through their callbacks as unused. */
 LIBCSI_API int32_t libcsi_stop_stream(device_handle_t* pDeviceHandle, uint32_t nTimeout);
+/* The driver's counters since the stream started or the last reset; open or
+ * streaming. */
 LIBCSI_API int32_t libcsi_get_stream_statistics(device_handle_t* pDeviceHandle, libcsi_stream_statistics_t* pStatistics);
 LIBCSI_API int32_t libcsi_reset_stream_statistics(device_handle_t* pDeviceHandle);
 
+/* One GenCP packet of nSize bytes to the camera, and one back into pData of
+ * *pSize bytes (*pSize becomes its length); each waits up to nTimeout
+ * milliseconds for the camera's handshake. Open or streaming. */
 LIBCSI_API int32_t libcsi_write_gencp(device_handle_t* pDeviceHandle, const void* pData, uint64_t nSize,
                                       uint32_t nTimeout);
 LIBCSI_API int32_t libcsi_read_gencp(device_handle_t* pDeviceHandle, void* pData, uint64_t* pSize, uint32_t nTimeout);
