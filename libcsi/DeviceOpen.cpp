@@ -1,4 +1,5 @@
 // Opening, closing and resetting a camera, and the queries of an open one.
+#include "libcsi/Boundary.h"
 #include "libcsi/Config.h"
 #include "libcsi/Device.h"
 #include "libcsi/Library.h"
@@ -251,8 +252,8 @@ extern "C" {
 
 int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHandle)
 {
-    try {
-        LIBCSI_LOG(TierTrace, "%s(nDeviceIndex=%u)\n", __func__, nDeviceIndex);
+    return Exported(__func__, [&]() -> int32_t {
+        LIBCSI_LOG(TierTrace, "%s(nDeviceIndex=%u)\n", "libcsi_open_device", nDeviceIndex);
         if (!ppDeviceHandle)
             return LIBCSI_INVALID_PARAMETER;
         std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
@@ -263,7 +264,7 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
         Device& device = *found;
         std::lock_guard<std::mutex> lock(device.mutex);
         if (device.state != Closed) {
-            LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", "libcsi_open_device");
             return LIBCSI_INVALID_DEVICE_STATE;
         }
         std::lock_guard<std::mutex> frames(device.frameMutex);
@@ -271,7 +272,7 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
         if (device.m_nFileHandle < 0) {
             LIBCSI_LOG(TierError,
                        " %s ERROR: Open device failed. (errno=%d, %s)\nCamera might use invalid pixelformat.\n",
-                       __func__, errno, std::strerror(errno));
+                       "libcsi_open_device", errno, std::strerror(errno));
             return LIBCSI_OPEN_FAILED;
         }
         if (::pipe(device.m_nStopDequeueEvent) != 0) {
@@ -282,12 +283,12 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
         }
         int32_t result = LIBCSI_OK;
         if (SetDeviceMode(device, 1) != LIBCSI_OK) {
-            LIBCSI_LOG(TierError, " %s ERROR: Failed to set GenCP mode.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: Failed to set GenCP mode.\n", "libcsi_open_device");
             result = LIBCSI_READ_FAILED;
         }
         v4l2_capability capability{};
         if (!Ioctl(device, VIDIOC_QUERYCAP, &capability)) {
-            LIBCSI_LOG(TierError, " %s ERROR: Failed to retrieve driver caps.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: Failed to retrieve driver caps.\n", "libcsi_open_device");
             result = LIBCSI_READ_FAILED;
         } else {
             LIBCSI_LOG(TierTrace, " Driver: %s, card: %s, bus: %s, capabilities 0x%08X\n",
@@ -299,18 +300,19 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
         if (interfaceVersion < RequiredInterfaceVersion) {
             LIBCSI_LOG(TierError,
                        " %s ERROR: Incompatible driver interface version. Found:%d.%d.%d Required:%d.%d.%d\n",
-                       __func__, interfaceVersion >> 16, (interfaceVersion >> 8) & 0xFF, interfaceVersion & 0xFF, 1, 0, 6);
+                       "libcsi_open_device", interfaceVersion >> 16, (interfaceVersion >> 8) & 0xFF,
+                       interfaceVersion & 0xFF, 1, 0, 6);
             result = LIBCSI_INCOMPATIBLE_DRIVER;
         }
         if (!SetVideoInput(device)) {
-            LIBCSI_LOG(TierError, " %s ERROR: Failed to set video input.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: Failed to set video input.\n", "libcsi_open_device");
             result = LIBCSI_READ_FAILED;
         }
         if (result == LIBCSI_OK)
             result = ReadCameraAndLimits(device);
         if (Os::Current().Ioctl(device.m_nFileHandle, VIDIOC_RESET_STREAMSTAT, nullptr) < 0)
-            LIBCSI_LOG(TierWarning, " %s WARNING: VIDIOC_RESET_STREAMSTAT failed (errno=%d, %s).\n", __func__, errno,
-                       std::strerror(errno));
+            LIBCSI_LOG(TierWarning, " %s WARNING: VIDIOC_RESET_STREAMSTAT failed (errno=%d, %s).\n",
+                       "libcsi_open_device", errno, std::strerror(errno));
         if (result != LIBCSI_OK) {
             SetDeviceMode(device, 0);
             Os::Current().Close(device.m_nFileHandle);
@@ -330,77 +332,64 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
                 library->openDevices.insert(listed);
         *ppDeviceHandle = &device;
         return LIBCSI_OK;
-    } catch (...) {
-        LIBCSI_LOG(TierError, " %s: Open device handle EXCEPTION.\n", __func__);
-        return LIBCSI_ERROR;
-    }
+    });
 }
 
 int32_t libcsi_close_device(device_handle_t* pDeviceHandle)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p)\n", __func__, static_cast<void*>(pDeviceHandle));
-    if (!pDeviceHandle)
-        return LIBCSI_INVALID_PARAMETER;
-    Device& device = *pDeviceHandle;
-    std::uint32_t previous;
-    {
-        std::unique_lock<std::mutex> lock(device.mutex);
-        device.stateCondition.wait(lock, [&] { return device.state != Stopping && device.state != Closing; });
-        if (device.state == Closed)
-            return LIBCSI_OK;
-        std::lock_guard<std::mutex> frames(device.frameMutex);
-        previous = device.state;
-        SetState(device, Closing);
-    }
-    if (previous == Streaming)
-        StopStream(device, 0);
-    FlushFrames(device);
-    StopCallbackThread(device);
-    if (SetDeviceMode(device, 0) != LIBCSI_OK)
-        LIBCSI_LOG(TierWarning, " WARNING: Failed to reset device mode.\n");
-    Os::Current().Close(device.m_nFileHandle);
-    {
-        std::lock_guard<std::mutex> lock(device.mutex);
-        std::lock_guard<std::mutex> frames(device.frameMutex);
-        device.m_nFileHandle = -1;
-        ClosePipe(device.m_nStopDequeueEvent);
-        ClearCameraState(device);
-        SetState(device, Closed);
-    }
-    LIBCSI_LOG(TierTrace, " Successfully closed device.\n");
-    // The library's mutex comes before a device's everywhere: taken only once the device's are released.
-    {
-        std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
-        if (auto library = CurrentLibrary())
-            library->openDevices.erase(held);
-    }
-    return LIBCSI_OK;
+    return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
+        std::uint32_t previous;
+        {
+            std::unique_lock<std::mutex> lock(device.mutex);
+            device.stateCondition.wait(lock, [&] { return device.state != Stopping && device.state != Closing; });
+            if (device.state == Closed)
+                return LIBCSI_OK;
+            std::lock_guard<std::mutex> frames(device.frameMutex);
+            previous = device.state;
+            SetState(device, Closing);
+        }
+        if (previous == Streaming)
+            StopStream(device, 0);
+        FlushFrames(device);
+        StopCallbackThread(device);
+        if (SetDeviceMode(device, 0) != LIBCSI_OK)
+            LIBCSI_LOG(TierWarning, " WARNING: Failed to reset device mode.\n");
+        Os::Current().Close(device.m_nFileHandle);
+        {
+            std::lock_guard<std::mutex> lock(device.mutex);
+            std::lock_guard<std::mutex> frames(device.frameMutex);
+            device.m_nFileHandle = -1;
+            ClosePipe(device.m_nStopDequeueEvent);
+            ClearCameraState(device);
+            SetState(device, Closed);
+        }
+        LIBCSI_LOG(TierTrace, " Successfully closed device.\n");
+        // The library's mutex comes before a device's everywhere: taken only once the device's are released.
+        {
+            std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
+            if (auto library = CurrentLibrary())
+                library->openDevices.erase(LiveDevice(&device));
+        }
+        return LIBCSI_OK;
+    });
 }
 
 int32_t libcsi_reset_device(device_handle_t* pDeviceHandle)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p)\n", __func__, static_cast<void*>(pDeviceHandle));
-    if (!pDeviceHandle)
-        return LIBCSI_INVALID_PARAMETER;
-    Device& device = *pDeviceHandle;
-    std::lock_guard<std::mutex> lock(device.mutex);
-    std::lock_guard<std::mutex> frames(device.frameMutex);
-    if (device.state != Open) {
-        LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter.\n", __func__);
-        return LIBCSI_INVALID_DEVICE_STATE;
-    }
-    if (WriteValue(device, RegReset, 1, 1) < 0) {
-        LIBCSI_LOG(TierError, " %s ERROR: I2C write failed.\n", __func__);
-        return LIBCSI_I2C_WRITE_FAILED;
-    }
-    SetState(device, ResetRequested);
-    return LIBCSI_OK;
+    return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
+        std::lock_guard<std::mutex> lock(device.mutex);
+        std::lock_guard<std::mutex> frames(device.frameMutex);
+        if (device.state != Open) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter.\n", "libcsi_reset_device");
+            return LIBCSI_INVALID_DEVICE_STATE;
+        }
+        if (WriteValue(device, RegReset, 1, 1) < 0) {
+            LIBCSI_LOG(TierError, " %s ERROR: I2C write failed.\n", "libcsi_reset_device");
+            return LIBCSI_I2C_WRITE_FAILED;
+        }
+        SetState(device, ResetRequested);
+        return LIBCSI_OK;
+    });
 }
 
 }

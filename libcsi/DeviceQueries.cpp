@@ -1,4 +1,5 @@
 // What an open camera and its driver can do.
+#include "libcsi/Boundary.h"
 #include "libcsi/Device.h"
 #include "libcsi/Library.h"
 #include "libcsi/Log.h"
@@ -13,28 +14,29 @@ using namespace QEL::LibCSIImpl;
 
 namespace {
 
-// Runs `query` under the library and the device mutex on a device that is not closed; it gets the
-// exported function's name for its log lines (inside a lambda, __func__ would be "operator()").
+// Runs `query` inside the boundary, under the library and the device mutex,
+// on a device that is not closed (with `needsOpenState`, one open and not
+// streaming), once the caller's arguments proved `argumentsValid`; it gets the
+// exported function's name for its log lines (inside a lambda, __func__ would
+// be "operator()").
 template <class Query>
-int32_t OnOpenDevice(const char* function, device_handle_t* handle, Query query, bool needsOpenState = false)
+int32_t OnOpenDevice(const char* function, device_handle_t* handle, bool argumentsValid, Query query,
+                     bool needsOpenState = false)
 {
-    try {
-        LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p)\n", function, static_cast<void*>(handle));
-        if (!handle)
+    return ExportedOnDevice(function, handle, [&](Device& device) -> int32_t {
+        if (!argumentsValid)
             return LIBCSI_INVALID_PARAMETER;
         std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
         if (!CurrentLibrary())
             return LIBCSI_NOT_INITIALIZED;
-        std::lock_guard<std::mutex> lock(handle->mutex);
-        if (needsOpenState ? handle->state != Open : handle->state == Closed) {
+        std::lock_guard<std::mutex> lock(device.mutex);
+        if (needsOpenState ? device.state != Open : device.state == Closed) {
             LIBCSI_LOG(TierError, needsOpenState ? " %s ERROR: Invalid parameter.\n" : " %s ERROR: Invalid device state.\n",
                        function);
             return LIBCSI_INVALID_DEVICE_STATE;
         }
-        return query(*handle, function);
-    } catch (...) {
-        return LIBCSI_ERROR;
-    }
+        return query(device, function);
+    });
 }
 
 // Asks the driver; a refusal is a failed driver call.
@@ -71,12 +73,7 @@ extern "C" {
 
 int32_t libcsi_get_ipu_restrictions(device_handle_t* pDeviceHandle, libcsi_ipu_restrictions_t* pRestrictions)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    if (!pRestrictions)
-        return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
+    return OnOpenDevice(__func__, pDeviceHandle, pRestrictions != nullptr, [&](Device& device, const char* function) {
         qel_ipu_restrictions ipu{};
         if (int32_t result = ASK(device, VIDIOC_G_IPU_RESTRICTIONS, ipu))
             return result;
@@ -91,111 +88,84 @@ int32_t libcsi_get_ipu_restrictions(device_handle_t* pDeviceHandle, libcsi_ipu_r
 int32_t libcsi_get_gencp_buffer_sizes(device_handle_t* pDeviceHandle, uint32_t* pGencpInBufferSize,
                                       uint32_t* pGencpOutBufferSize)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    if (!pGencpInBufferSize || !pGencpOutBufferSize)
-        return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
-        qel_gencp_buffer_sizes sizes{};
-        if (int32_t result = ASK(device, VIDIOC_G_GENCP_BUFFER_SIZES, sizes))
-            return result;
-        *pGencpInBufferSize = sizes.in_size;
-        *pGencpOutBufferSize = sizes.out_size;
-        return static_cast<int32_t>(LIBCSI_OK);
-    });
+    return OnOpenDevice(__func__, pDeviceHandle, pGencpInBufferSize && pGencpOutBufferSize,
+                        [&](Device& device, const char* function) {
+                            qel_gencp_buffer_sizes sizes{};
+                            if (int32_t result = ASK(device, VIDIOC_G_GENCP_BUFFER_SIZES, sizes))
+                                return result;
+                            *pGencpInBufferSize = sizes.in_size;
+                            *pGencpOutBufferSize = sizes.out_size;
+                            return static_cast<int32_t>(LIBCSI_OK);
+                        });
 }
 
 int32_t libcsi_get_min_announced_frames(device_handle_t* pDeviceHandle, uint32_t* pMinAnnouncedFrames)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    if (!pMinAnnouncedFrames)
-        return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle,
-                        [&](Device& device, const char* function) { return ASK(device, VIDIOC_G_MIN_ANNOUNCED_FRAMES, *pMinAnnouncedFrames); });
+    return OnOpenDevice(__func__, pDeviceHandle, pMinAnnouncedFrames != nullptr,
+                        [&](Device& device, const char* function) {
+                            return ASK(device, VIDIOC_G_MIN_ANNOUNCED_FRAMES, *pMinAnnouncedFrames);
+                        });
 }
 
 int32_t libcsi_get_statistics_capability(device_handle_t* pDeviceHandle, uint64_t* pStatisticsCapabilities)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    if (!pStatisticsCapabilities)
-        return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
-        std::uint64_t mask = 0;
-        if (int32_t result = ASK(device, VIDIOC_G_STATISTICS_CAPABILITIES, mask))
-            return result;
-        std::uint64_t capabilities = mask & 0xF;
-        if ((mask & 0x30) == 0x30)
-            capabilities |= 0x10;
-        *pStatisticsCapabilities = capabilities;
-        return static_cast<int32_t>(LIBCSI_OK);
-    });
+    return OnOpenDevice(__func__, pDeviceHandle, pStatisticsCapabilities != nullptr,
+                        [&](Device& device, const char* function) {
+                            std::uint64_t mask = 0;
+                            if (int32_t result = ASK(device, VIDIOC_G_STATISTICS_CAPABILITIES, mask))
+                                return result;
+                            std::uint64_t capabilities = mask & 0xF;
+                            if ((mask & 0x30) == 0x30)
+                                capabilities |= 0x10;
+                            *pStatisticsCapabilities = capabilities;
+                            return static_cast<int32_t>(LIBCSI_OK);
+                        });
 }
 
 int32_t libcsi_get_supported_lane_counts(device_handle_t* pDeviceHandle, uint8_t* pSupportedLaneCounts)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    if (!pSupportedLaneCounts)
-        return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
-        std::uint32_t mask = 0;
-        if (int32_t result = ASK(device, VIDIOC_G_SUPPORTED_LANE_COUNTS, mask))
-            return result;
-        *pSupportedLaneCounts = static_cast<std::uint8_t>(mask & 0xF);
-        return static_cast<int32_t>(LIBCSI_OK);
-    });
+    return OnOpenDevice(__func__, pDeviceHandle, pSupportedLaneCounts != nullptr,
+                        [&](Device& device, const char* function) {
+                            std::uint32_t mask = 0;
+                            if (int32_t result = ASK(device, VIDIOC_G_SUPPORTED_LANE_COUNTS, mask))
+                                return result;
+                            *pSupportedLaneCounts = static_cast<std::uint8_t>(mask & 0xF);
+                            return static_cast<int32_t>(LIBCSI_OK);
+                        });
 }
 
 int32_t libcsi_get_supported_csi_data_identifiers(device_handle_t* pDeviceHandle, uint64_t* pDataIdentifiers)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    if (!pDataIdentifiers)
-        return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
-        qel_data_identifiers identifiers{};
-        if (int32_t result = ASK(device, VIDIOC_G_DATA_IDENTIFIERS, identifiers))
-            return result;
-        std::memcpy(pDataIdentifiers, identifiers.words, sizeof identifiers.words);
-        return static_cast<int32_t>(LIBCSI_OK);
-    });
+    return OnOpenDevice(__func__, pDeviceHandle, pDataIdentifiers != nullptr,
+                        [&](Device& device, const char* function) {
+                            qel_data_identifiers identifiers{};
+                            if (int32_t result = ASK(device, VIDIOC_G_DATA_IDENTIFIERS, identifiers))
+                                return result;
+                            std::memcpy(pDataIdentifiers, identifiers.words, sizeof identifiers.words);
+                            return static_cast<int32_t>(LIBCSI_OK);
+                        });
 }
 
 int32_t libcsi_get_supported_csi_host_clock_range(device_handle_t* pDeviceHandle, uint8_t nLaneCount,
                                                   uint32_t* pMinFrequency, uint32_t* pMaxFrequency)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    if (!pMinFrequency || !pMaxFrequency)
-        return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
-        auto range = device.clockRanges.find(nLaneCount);
-        if (!device.laneCounts.count(nLaneCount) || range == device.clockRanges.end()) {
-            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter: nLaneCount\n", "libcsi_get_supported_csi_host_clock_range");
-            return static_cast<int32_t>(LIBCSI_INVALID_PARAMETER);
-        }
-        *pMinFrequency = range->second.first;
-        *pMaxFrequency = range->second.second;
-        return static_cast<int32_t>(LIBCSI_OK);
-    });
+    return OnOpenDevice(__func__, pDeviceHandle, pMinFrequency && pMaxFrequency,
+                        [&](Device& device, const char* function) {
+                            auto range = device.clockRanges.find(nLaneCount);
+                            if (!device.laneCounts.count(nLaneCount) || range == device.clockRanges.end()) {
+                                LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter: nLaneCount\n",
+                                           "libcsi_get_supported_csi_host_clock_range");
+                                return static_cast<int32_t>(LIBCSI_INVALID_PARAMETER);
+                            }
+                            *pMinFrequency = range->second.first;
+                            *pMaxFrequency = range->second.second;
+                            return static_cast<int32_t>(LIBCSI_OK);
+                        });
 }
 
 int32_t libcsi_get_cci_link_speed(device_handle_t* pDeviceHandle, uint32_t* pCCILinkSpeed)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    if (!pCCILinkSpeed)
-        return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
+    return OnOpenDevice(__func__, pDeviceHandle, pCCILinkSpeed != nullptr, [&](Device& device, const char* function) {
         std::uint32_t clock = 0;
         if (int32_t result = ASK(device, VIDIOC_G_I2C_CLOCK_FREQ, clock))
             return result;
@@ -214,13 +184,8 @@ int32_t libcsi_get_cci_link_speed(device_handle_t* pDeviceHandle, uint32_t* pCCI
 
 int32_t libcsi_get_csi_config(device_handle_t* pDeviceHandle, uint8_t* pLaneCount, uint32_t* pLaneClockFrequency)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    if (!pLaneCount || !pLaneClockFrequency)
-        return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(
-        __func__, pDeviceHandle,
+        __func__, pDeviceHandle, pLaneCount && pLaneClockFrequency,
         [&](Device& device, const char* function) {
             qel_csi_config config{};
             if (int32_t result = ASK(device, VIDIOC_G_CSI_CONFIG, config))
@@ -234,13 +199,8 @@ int32_t libcsi_get_csi_config(device_handle_t* pDeviceHandle, uint8_t* pLaneCoun
 
 int32_t libcsi_set_csi_config(device_handle_t* pDeviceHandle, uint8_t* pLaneCount, uint32_t* pLaneClockFrequency)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    if (!pLaneCount || !pLaneClockFrequency)
-        return LIBCSI_INVALID_PARAMETER;
     return OnOpenDevice(
-        __func__, pDeviceHandle,
+        __func__, pDeviceHandle, pLaneCount && pLaneClockFrequency,
         [&](Device& device, const char* function) {
             qel_csi_config config{*pLaneCount, {}, *pLaneClockFrequency};
             LIBCSI_LOG(TierTrace, " Trying new settings:\n  lanes=%u clock=%u\n", config.lane_count, config.clock_hz);
@@ -257,18 +217,19 @@ int32_t libcsi_set_csi_config(device_handle_t* pDeviceHandle, uint8_t* pLaneCoun
 int32_t libcsi_get_ext_info(device_handle_t* pDeviceHandle, int32_t eInfoID, int32_t* pType, void* pData,
                             uint64_t* pSize)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    if (!pType || !pSize)
-        return LIBCSI_INVALID_PARAMETER;
-    return OnOpenDevice(__func__, pDeviceHandle, [&](Device& device, const char* function) {
+    return OnOpenDevice(__func__, pDeviceHandle, pType && pSize, [&](Device& device, const char* function) {
         const qel_driver_info& info = device.driverInfo;
         std::uint32_t word;
         switch (eInfoID) {
-        case 0: word = info.driver_version; break;
-        case 1: word = info.driver_interface_version; break;
-        case 2: word = static_cast<std::uint32_t>(info.manufacturer | info.soc << 8 | info.board << 16); break;
+        case 0:
+            word = info.driver_version;
+            break;
+        case 1:
+            word = info.driver_interface_version;
+            break;
+        case 2:
+            word = static_cast<std::uint32_t>(info.manufacturer | info.soc << 8 | info.board << 16);
+            break;
         case 3: {
             const std::string text = BoardDescription(info);
             *pType = LIBCSI_TYPE_STRING;

@@ -1,3 +1,4 @@
+#include "libcsi/Boundary.h"
 #include "libcsi/Config.h"
 #include "libcsi/SafeFile.h"
 #include "libcsi/Device.h"
@@ -249,9 +250,9 @@ extern "C" {
 
 int32_t libcsi_update_device_list(void)
 {
-    try {
+    return Exported(__func__, [&]() -> int32_t {
         std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
-        LIBCSI_LOG(TierTrace, "%s()\n", __func__);
+        LIBCSI_LOG(TierTrace, "%s()\n", "libcsi_update_device_list");
         auto library = CurrentLibrary();
         if (!library)
             return LIBCSI_NOT_INITIALIZED;
@@ -311,28 +312,28 @@ int32_t libcsi_update_device_list(void)
             (void)!::write(library->updateDeviceListPipe[1], &one, sizeof one);
         WriteInfoFile(*library);
         return LIBCSI_OK;
-    } catch (...) {
-        return LIBCSI_ERROR;
-    }
+    });
 }
 
 int32_t libcsi_get_device_count(uint32_t* pCount)
 {
-    std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
-    if (!pCount)
-        return LIBCSI_INVALID_PARAMETER;
-    auto library = CurrentLibrary();
-    if (!library)
-        return LIBCSI_NOT_INITIALIZED;
-    *pCount = static_cast<uint32_t>(library->devices.size());
-    return LIBCSI_OK;
+    return Exported(__func__, [&]() -> int32_t {
+        std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
+        if (!pCount)
+            return LIBCSI_INVALID_PARAMETER;
+        auto library = CurrentLibrary();
+        if (!library)
+            return LIBCSI_NOT_INITIALIZED;
+        *pCount = static_cast<uint32_t>(library->devices.size());
+        return LIBCSI_OK;
+    });
 }
 
 int32_t libcsi_get_info(uint32_t nDeviceIndex, int32_t eInfoID, int32_t* pType, void* pData, uint64_t* pSize)
 {
-    try {
+    return Exported(__func__, [&]() -> int32_t {
         std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
-        LIBCSI_LOG(TierTrace, "%s(nDeviceIndex=%u, eInfoID=%s)\n", __func__, nDeviceIndex, InfoName(eInfoID));
+        LIBCSI_LOG(TierTrace, "%s(nDeviceIndex=%u, eInfoID=%s)\n", "libcsi_get_info", nDeviceIndex, InfoName(eInfoID));
         if (!pType || !pSize)
             return LIBCSI_INVALID_PARAMETER;
         std::shared_ptr<Library> library;
@@ -348,7 +349,7 @@ int32_t libcsi_get_info(uint32_t nDeviceIndex, int32_t eInfoID, int32_t* pType, 
                 if (value.empty())
                     LIBCSI_LOG(TierError, "  get_device_availability failed to read path '%s'\n",
                                (device.sysNode + "/availability").c_str());
-                LIBCSI_LOG(TierError, " %s ERROR: Cannot retrieve availability.\n", __func__);
+                LIBCSI_LOG(TierError, " %s ERROR: Cannot retrieve availability.\n", "libcsi_get_info");
                 return LIBCSI_READ_FAILED;
             }
             return PutValue<std::uint8_t>(value[0] != '0', LIBCSI_TYPE_BOOL, pType, pData, pSize);
@@ -357,7 +358,7 @@ int32_t libcsi_get_info(uint32_t nDeviceIndex, int32_t eInfoID, int32_t* pType, 
         case INFO_CCIVersionMajor: {
             std::string value;
             if (!ReadSysfs(device.i2cBus, device.i2cAddress, "cci_register_layout_version", value)) {
-                LIBCSI_LOG(TierError, " %s ERROR: read_sysfs failed.\n", __func__);
+                LIBCSI_LOG(TierError, " %s ERROR: read_sysfs failed.\n", "libcsi_get_info");
                 return LIBCSI_READ_FAILED;
             }
             const unsigned long version = std::strtoul(value.c_str(), nullptr, 10);
@@ -370,7 +371,7 @@ int32_t libcsi_get_info(uint32_t nDeviceIndex, int32_t eInfoID, int32_t* pType, 
             break;
         }
         if (eInfoID < INFO_GenCPModeSupported || eInfoID > INFO_UserDefinedName) {
-            LIBCSI_LOG(TierError, " %s ERROR: Invalid InfoID.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid InfoID.\n", "libcsi_get_info");
             return LIBCSI_INVALID_PARAMETER;
         }
         std::string capabilitiesText;
@@ -401,9 +402,7 @@ int32_t libcsi_get_info(uint32_t nDeviceIndex, int32_t eInfoID, int32_t* pType, 
             text = converted;
         }
         return PutString(text, pType, pData, pSize, false);
-    } catch (...) {
-        return LIBCSI_ERROR;
-    }
+    });
 }
 
 }

@@ -1,5 +1,6 @@
 // Frames: announcing, allocating, queueing and revoking the buffers frames land in.
 #include "libcsi/Config.h"
+#include "libcsi/Boundary.h"
 #include "libcsi/Device.h"
 #include "libcsi/Library.h"
 #include "libcsi/Log.h"
@@ -118,8 +119,7 @@ std::uintptr_t FirstPointer(const lib_frame_transfer& transfer)
 int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ipuX, std::uint32_t ipuY,
                  lib_frame_transfer* pFrame, frame_handle_t** ppFrameHandle, bool allocate)
 {
-    LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p, nIPU_X=%u, nIPU_Y=%u)\n", function, static_cast<void*>(handle), ipuX,
-               ipuY);
+    LIBCSI_LOG(TierTrace, " nIPU_X=%u, nIPU_Y=%u\n", ipuX, ipuY);
     if (!handle) {
         LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter pDeviceHandle.\n", function);
         return LIBCSI_INVALID_PARAMETER;
@@ -371,53 +371,39 @@ extern "C" {
 int32_t libcsi_announce_frame(device_handle_t* pDeviceHandle, uint32_t nIPU_X, uint32_t nIPU_Y,
                               lib_frame_transfer* pFrame, frame_handle_t** ppFrameHandle)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    try {
-        return Announce(__func__, pDeviceHandle, nIPU_X, nIPU_Y, pFrame, ppFrameHandle, false);
-    } catch (...) {
-        return LIBCSI_ERROR;
-    }
+    return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
+        return Announce("libcsi_announce_frame", &device, nIPU_X, nIPU_Y, pFrame, ppFrameHandle, false);
+    });
 }
 
 int32_t libcsi_alloc_and_announce_frame(device_handle_t* pDeviceHandle, uint32_t nIPU_X, uint32_t nIPU_Y,
                                         lib_frame_transfer* pFrame, frame_handle_t** ppFrameHandle)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    try {
-        return Announce(__func__, pDeviceHandle, nIPU_X, nIPU_Y, pFrame, ppFrameHandle, true);
-    } catch (...) {
-        return LIBCSI_ERROR;
-    }
+    return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
+        return Announce("libcsi_alloc_and_announce_frame", &device, nIPU_X, nIPU_Y, pFrame, ppFrameHandle, true);
+    });
 }
 
 int32_t libcsi_queue_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFrameHandle,
                            libcsi_frame_callback_t pFrameCallback, void* pContext)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    try {
+    return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
         const std::uint64_t start = MonotonicMicroseconds();
-        if (!pDeviceHandle || !pFrameHandle || !pFrameCallback)
+        if (!pFrameHandle || !pFrameCallback)
             return LIBCSI_INVALID_PARAMETER;
-        Device& device = *pDeviceHandle;
         std::lock_guard<std::mutex> frames(device.frameMutex);
         if (device.state == Closed || device.state == Closing) {
-            LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", "libcsi_queue_frame");
             return LIBCSI_INVALID_DEVICE_STATE;
         }
         if (pFrameHandle->m_pDeviceHandle != &device) {
-            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter: pDeviceHandle\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter: pDeviceHandle\n", "libcsi_queue_frame");
             return LIBCSI_INVALID_PARAMETER;
         }
         std::lock_guard<std::mutex> dequeue(device.dequeueMutex);
         auto frame = FindFrame(device, pFrameHandle);
         if (!frame) {
-            LIBCSI_LOG(TierError, " %s ERROR: Invalid Parameter: pFrameHandle.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid Parameter: pFrameHandle.\n", "libcsi_queue_frame");
             return LIBCSI_INVALID_PARAMETER;
         }
         if (IsQueued(device, frame) || IsAwaitingCallback(device, frame)) {
@@ -426,7 +412,7 @@ int32_t libcsi_queue_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFram
         }
         if (device.state == Streaming) {
             if (!QueueBuffer(device, *frame)) {
-                LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_QBUF failed (errno=%d, %s).\n", __func__, errno,
+                LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_QBUF failed (errno=%d, %s).\n", "libcsi_queue_frame", errno,
                            std::strerror(errno));
                 return LIBCSI_DRIVER_CALL_FAILED;
             }
@@ -438,22 +424,14 @@ int32_t libcsi_queue_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFram
         LIBCSI_LOG(TierVerbose, " libcsi_queue_frame took %luus\n",
                    static_cast<unsigned long>(MonotonicMicroseconds() - start));
         return LIBCSI_OK;
-    } catch (...) {
-        return LIBCSI_ERROR;
-    }
+    });
 }
 
 int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFrameHandle)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    try {
-        if (!pDeviceHandle)
-            return LIBCSI_INVALID_PARAMETER;
-        Device& device = *pDeviceHandle;
+    return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
         if (device.m_nFileHandle == -1) {
-            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter: m_nFileHandle\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter: m_nFileHandle\n", "libcsi_revoke_frame");
             return LIBCSI_INVALID_PARAMETER;
         }
         if (!pFrameHandle)
@@ -468,17 +446,17 @@ int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFra
             return LIBCSI_INVALID_DEVICE_STATE;
         if (pFrameHandle->m_pDeviceHandle != &device) {
             LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter: pDeviceHandle != pFrameHandle->m_pDeviceHandle\n",
-                       __func__);
+                       "libcsi_revoke_frame");
             return LIBCSI_INVALID_PARAMETER;
         }
         auto frame = FindFrame(device, pFrameHandle);
         if (!frame) {
-            LIBCSI_LOG(TierError, " %s ERROR: Invalid Parameter: pFrameHandle.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid Parameter: pFrameHandle.\n", "libcsi_revoke_frame");
             return LIBCSI_INVALID_PARAMETER;
         }
         std::lock_guard<std::mutex> dequeue(device.dequeueMutex);
         if (IsQueued(device, frame)) {
-            LIBCSI_LOG(TierError, " %s ERROR: Frame is still queued!\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: Frame is still queued!\n", "libcsi_revoke_frame");
             return LIBCSI_FRAME_QUEUED;
         }
         if (frame->memoryMode == MemoryMMAP) {
@@ -486,20 +464,20 @@ int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFra
                                                                                       : frame->driverPayload)
                                              : reinterpret_cast<void*>(FirstPointer(*frame->transfer));
             if (Os::Current().Munmap(start, frame->totalSize) < 0) {
-                LIBCSI_LOG(TierError, " %s ERROR: Failed to unmap user memory (errno=%d, %s).\n", __func__, errno,
-                           std::strerror(errno));
+                LIBCSI_LOG(TierError, " %s ERROR: Failed to unmap user memory (errno=%d, %s).\n", "libcsi_revoke_frame",
+                           errno, std::strerror(errno));
                 return LIBCSI_UNMAP_FAILED;
             }
             if (BufferRequest(device, VIDIOC_MEM_FREE, frame->m_nBufferIndex, V4L2_MEMORY_MMAP) < 0) {
-                LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_MEM_FREE failed (errno=%d, %s).\n", __func__, errno,
-                           std::strerror(errno));
+                LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_MEM_FREE failed (errno=%d, %s).\n", "libcsi_revoke_frame",
+                           errno, std::strerror(errno));
                 return LIBCSI_DRIVER_CALL_FAILED;
             }
         } else if (frame->memoryMode == MemoryUserptrInternal) {
             // The index the allocation made exist goes too, so that a later frame can take it.
             if (BufferRequest(device, VIDIOC_MEM_FREE, frame->m_nBufferIndex, V4L2_MEMORY_USERPTR) < 0) {
-                LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_MEM_FREE failed (errno=%d, %s).\n", __func__, errno,
-                           std::strerror(errno));
+                LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_MEM_FREE failed (errno=%d, %s).\n", "libcsi_revoke_frame",
+                           errno, std::strerror(errno));
                 return LIBCSI_DRIVER_CALL_FAILED;
             }
             std::free(reinterpret_cast<void*>(FirstPointer(*frame->transfer)));
@@ -515,35 +493,26 @@ int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFra
                 request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
                 request.memory = V4L2_MEMORY_USERPTR;
                 if (Os::Current().Ioctl(device.m_nFileHandle, VIDIOC_REQBUFS, &request) < 0) {
-                    LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_REQBUFS failed (errno=%d, %s).\n", __func__, errno,
-                               std::strerror(errno));
+                    LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_REQBUFS failed (errno=%d, %s).\n", "libcsi_revoke_frame",
+                               errno, std::strerror(errno));
                     return LIBCSI_DRIVER_CALL_FAILED;
                 }
             }
         }
         return LIBCSI_OK;
-    } catch (...) {
-        return LIBCSI_ERROR;
-    }
+    });
 }
 
 int32_t libcsi_flush_frames(device_handle_t* pDeviceHandle)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    try {
-        if (!pDeviceHandle)
-            return LIBCSI_INVALID_PARAMETER;
-        std::lock_guard<std::mutex> frames(pDeviceHandle->frameMutex);
-        if (pDeviceHandle->state == Closed) {
+    return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
+        std::lock_guard<std::mutex> frames(device.frameMutex);
+        if (device.state == Closed) {
             LIBCSI_LOG(TierError, " ERROR: Invalid device state\n");
             return LIBCSI_INVALID_DEVICE_STATE;
         }
-        return FlushFrames(*pDeviceHandle);
-    } catch (...) {
-        return LIBCSI_ERROR;
-    }
+        return FlushFrames(device);
+    });
 }
 
 }

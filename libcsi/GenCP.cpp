@@ -1,4 +1,5 @@
 // GenCP packets through the camera's register window on the control bus.
+#include "libcsi/Boundary.h"
 #include "libcsi/Device.h"
 #include "libcsi/Library.h"
 #include "libcsi/Log.h"
@@ -110,19 +111,14 @@ extern "C" {
 
 int32_t libcsi_write_gencp(device_handle_t* pDeviceHandle, const void* pData, uint64_t nSize, uint32_t nTimeout)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    try {
-        LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p, nSize=%lu, nTimeout=%u)\n", __func__,
-                   static_cast<void*>(pDeviceHandle), static_cast<unsigned long>(nSize), nTimeout);
-        if (!pDeviceHandle || !pData || nSize == 0)
+    return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
+        LIBCSI_LOG(TierTrace, " nSize=%" PRIu64 ", nTimeout=%u\n", nSize, nTimeout);
+        if (!pData || nSize == 0)
             return LIBCSI_INVALID_PARAMETER;
         std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
         std::unique_lock<std::mutex> lock;
-        if (int32_t result = CheckGenCP(__func__, pDeviceHandle, lock))
+        if (int32_t result = CheckGenCP("libcsi_write_gencp", &device, lock))
             return result;
-        Device& device = *pDeviceHandle;
         Decode(static_cast<const std::uint8_t*>(pData), nSize, true);
         std::uint16_t channel = 0;
         if (nSize >= 8)
@@ -131,60 +127,53 @@ int32_t libcsi_write_gencp(device_handle_t* pDeviceHandle, const void* pData, ui
             LIBCSI_LOG(TierWarning, "Channel ID != 0 probably not supported by camera!\n");
         const std::uint16_t gcprm = device.m_nCCI_GCPRM_Address;
         if (!WaitForRegister(device, gcprm + OutHandshake, 0, nTimeout)) {
-            LIBCSI_LOG(TierError, " %s ERROR: wait_for_gencp_out_handshake timeout.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: wait_for_gencp_out_handshake timeout.\n", "libcsi_write_gencp");
             return LIBCSI_TIMEOUT;
         }
         if (WriteRegister(device, device.m_nGCPRM_GenCP_Outbuf_Address, pData, static_cast<std::uint32_t>(nSize)) < 0) {
-            LIBCSI_LOG(TierError, " %s ERROR: I2C write failed GenCP out buffer.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: I2C write failed GenCP out buffer.\n", "libcsi_write_gencp");
             return LIBCSI_I2C_WRITE_FAILED;
         }
         if (WriteValue(device, gcprm + OutSize, nSize, 2) != 4) {
-            LIBCSI_LOG(TierError, " %s ERROR: I2C write failed for GENCP_OUT_SIZE_REG.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: I2C write failed for GENCP_OUT_SIZE_REG.\n", "libcsi_write_gencp");
             return LIBCSI_I2C_WRITE_FAILED;
         }
         if (WriteValue(device, gcprm + OutHandshake, 1, 1) < 0) {
-            LIBCSI_LOG(TierError, " %s ERROR: I2C write failed for GENCP_OUTHANDSHAKE_REG.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: I2C write failed for GENCP_OUTHANDSHAKE_REG.\n", "libcsi_write_gencp");
             return LIBCSI_I2C_WRITE_FAILED;
         }
         if (!WaitForRegister(device, gcprm + OutHandshake, 2, nTimeout)) {
             LIBCSI_LOG(TierError,
                        " %s Error: wait_for_gencp_out_handshake timeout. Camera might not have received packet.\n",
-                       __func__);
+                       "libcsi_write_gencp");
             return LIBCSI_I2C_WRITE_FAILED;
         }
         if (WriteValue(device, gcprm + OutHandshake, 0, 1) < 0) {
-            LIBCSI_LOG(TierError, " %s ERROR: I2C write failed for GENCP_OUTHANDSHAKE_REG.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: I2C write failed for GENCP_OUTHANDSHAKE_REG.\n", "libcsi_write_gencp");
             return LIBCSI_I2C_WRITE_FAILED;
         }
         return LIBCSI_OK;
-    } catch (...) {
-        return LIBCSI_ERROR;
-    }
+    });
 }
 
 int32_t libcsi_read_gencp(device_handle_t* pDeviceHandle, void* pData, uint64_t* pSize, uint32_t nTimeout)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    try {
-        LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p, nTimeout=%u)\n", __func__, static_cast<void*>(pDeviceHandle),
-                   nTimeout);
-        if (!pDeviceHandle || !pData || !pSize)
+    return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
+        LIBCSI_LOG(TierTrace, " nTimeout=%u\n", nTimeout);
+        if (!pData || !pSize)
             return LIBCSI_INVALID_PARAMETER;
         std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
         std::unique_lock<std::mutex> lock;
-        if (int32_t result = CheckGenCP(__func__, pDeviceHandle, lock))
+        if (int32_t result = CheckGenCP("libcsi_read_gencp", &device, lock))
             return result;
-        Device& device = *pDeviceHandle;
         const std::uint16_t gcprm = device.m_nCCI_GCPRM_Address;
         if (!WaitForRegister(device, gcprm + InHandshake, 1, nTimeout)) {
-            LIBCSI_LOG(TierError, " %s ERROR: wait_for_gencp_in_handshake timeout.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: wait_for_gencp_in_handshake timeout.\n", "libcsi_read_gencp");
             return LIBCSI_TIMEOUT;
         }
         std::uint64_t size = 0;
         if (!ReadValue(device, gcprm + InSize, 2, size)) {
-            LIBCSI_LOG(TierError, " %s ERROR: I2C read failed for GENCP_IN_SIZE_REG.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: I2C read failed for GENCP_IN_SIZE_REG.\n", "libcsi_read_gencp");
             return LIBCSI_I2C_READ_FAILED;
         }
         const std::uint64_t room = *pSize;
@@ -193,25 +182,23 @@ int32_t libcsi_read_gencp(device_handle_t* pDeviceHandle, void* pData, uint64_t*
         if (room < size)
             return LIBCSI_BUFFER_TOO_SMALL;
         if (!ReadRegister(device, device.m_nGCPRM_GenCP_Inbuf_Address, pData, static_cast<std::uint32_t>(size))) {
-            LIBCSI_LOG(TierError, " %s ERROR: I2C read failed for ACK packet.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: I2C read failed for ACK packet.\n", "libcsi_read_gencp");
             return LIBCSI_I2C_READ_FAILED;
         }
         if (WriteValue(device, gcprm + InHandshake, 2, 1) < 0) {
-            LIBCSI_LOG(TierError, " %s ERROR: I2C write failed for GENCP_IN_SIZE_REG.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: I2C write failed for GENCP_IN_SIZE_REG.\n", "libcsi_read_gencp");
             return LIBCSI_I2C_WRITE_FAILED;
         }
         if (!WaitForRegister(device, gcprm + InHandshake, 2, nTimeout)) {
             LIBCSI_LOG(TierError,
                        " %s Error: wait_for_gencp_in_handshake timeout. Camera might not have received packet.\n",
-                       __func__);
+                       "libcsi_read_gencp");
             return LIBCSI_I2C_WRITE_FAILED;
         }
         WriteValue(device, gcprm + InHandshake, 0, 1);
         Decode(static_cast<const std::uint8_t*>(pData), size, false);
         return LIBCSI_OK;
-    } catch (...) {
-        return LIBCSI_ERROR;
-    }
+    });
 }
 
 }

@@ -1,3 +1,4 @@
+#include "libcsi/Boundary.h"
 #include "libcsi/Library.h"
 #include "libcsi/SafeFile.h"
 
@@ -170,19 +171,21 @@ extern "C" {
 
 int32_t libcsi_get_version(uint32_t pVersion[4])
 {
-    if (!pVersion)
-        return LIBCSI_INVALID_PARAMETER;
-    std::uint32_t version[4];
-    GetVersion(version);
-    std::copy(version, version + 4, pVersion);
-    return LIBCSI_OK;
+    return Exported(__func__, [&]() -> int32_t {
+        if (!pVersion)
+            return LIBCSI_INVALID_PARAMETER;
+        std::uint32_t version[4];
+        GetVersion(version);
+        std::copy(version, version + 4, pVersion);
+        return LIBCSI_OK;
+    });
 }
 
 int32_t libcsi_init(void)
 {
-    try {
+    return Exported(__func__, [&]() -> int32_t {
         std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
-        LIBCSI_LOG(TierTrace, "%s()\n", __func__);
+        LIBCSI_LOG(TierTrace, "%s()\n", "libcsi_init");
         std::uint32_t version[4];
         GetVersion(version);
         LIBCSI_LOG(TierTrace, " libcsi version %u.%u.%u.%u, for driver release 1.0.8 and BCRM release 1.1.10\n", version[0],
@@ -192,7 +195,7 @@ int32_t libcsi_init(void)
             LIBCSI_LOG(TierTrace, " %s %s %s %s %s\n", system.sysname, system.nodename, system.release, system.version,
                        system.machine);
         if (CurrentLibrary()) {
-            LIBCSI_LOG(TierTrace, " %s() Already initialized.\n", __func__);
+            LIBCSI_LOG(TierTrace, " %s() Already initialized.\n", "libcsi_init");
             return LIBCSI_OK;
         }
         auto library = std::make_shared<Library>();
@@ -261,19 +264,17 @@ int32_t libcsi_init(void)
         if (config.dumpAcqStatistics)
             library->statisticsFile = OpenFileForWriting(config.PathOf("libcsi_acq_stat.txt"), false);
         return LIBCSI_OK;
-    } catch (...) {
-        return LIBCSI_ERROR;
-    }
+    });
 }
 
 int32_t libcsi_deinit(void)
 {
-    try {
+    return Exported(__func__, [&]() -> int32_t {
         std::lock_guard<std::recursive_mutex> guard(LibraryMutex());
-        LIBCSI_LOG(TierTrace, "%s()\n", __func__);
+        LIBCSI_LOG(TierTrace, "%s()\n", "libcsi_deinit");
         auto library = CurrentLibrary();
         if (!library) {
-            LIBCSI_LOG(TierError, " %s ERROR: Not initialized.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: Not initialized.\n", "libcsi_deinit");
             return LIBCSI_NOT_INITIALIZED;
         }
         // Devices first: their frame threads end with them, those of an earlier list too.
@@ -295,8 +296,8 @@ int32_t libcsi_deinit(void)
                 library->discoveryCondition.notify_all();
                 const std::uint32_t one = 1;
                 if (::write(library->stopDiscoveryPipe[1], &one, sizeof one) != sizeof one) {
-                    LIBCSI_LOG(TierError, " %s ERROR: Write m_nStopDiscoveryPipe failed (errno=%d, %s).\n", __func__,
-                               errno, std::strerror(errno));
+                    LIBCSI_LOG(TierError, " %s ERROR: Write m_nStopDiscoveryPipe failed (errno=%d, %s).\n",
+                               "libcsi_deinit", errno, std::strerror(errno));
                     return LIBCSI_ERROR;
                 }
             }
@@ -315,9 +316,7 @@ int32_t libcsi_deinit(void)
             std::fclose(library->statisticsFile);
         Publish(nullptr);
         return LIBCSI_OK;
-    } catch (...) {
-        return LIBCSI_ERROR;
-    }
+    });
 }
 
 }
@@ -350,26 +349,36 @@ extern "C" {
 
 int32_t libcsi_register_discovery_callback(libcsi_discovery_callback_t pCallback, void* pContext)
 {
-    return SetCallback(__func__, pCallback, pContext, false, &Library::discoveryMessageMutex,
-                       &Library::discoveryCallback, &Library::discoveryContext);
+    return Exported(__func__, [&]() -> int32_t {
+        return SetCallback("libcsi_register_discovery_callback", pCallback, pContext, false,
+                           &Library::discoveryMessageMutex, &Library::discoveryCallback, &Library::discoveryContext);
+    });
 }
 
 int32_t libcsi_deregister_discovery_callback(void)
 {
-    return SetCallback<libcsi_discovery_callback_t>(__func__, nullptr, nullptr, true, &Library::discoveryMessageMutex,
-                                                    &Library::discoveryCallback, &Library::discoveryContext);
+    return Exported(__func__, [&]() -> int32_t {
+        return SetCallback<libcsi_discovery_callback_t>("libcsi_deregister_discovery_callback", nullptr, nullptr, true,
+                                                        &Library::discoveryMessageMutex, &Library::discoveryCallback,
+                                                        &Library::discoveryContext);
+    });
 }
 
 int32_t libcsi_register_report_callback(libcsi_report_callback_t pCallback, void* pContext)
 {
-    return SetCallback(__func__, pCallback, pContext, false, &Library::reportMutex, &Library::reportCallback,
-                       &Library::reportContext);
+    return Exported(__func__, [&]() -> int32_t {
+        return SetCallback("libcsi_register_report_callback", pCallback, pContext, false, &Library::reportMutex,
+                           &Library::reportCallback, &Library::reportContext);
+    });
 }
 
 int32_t libcsi_deregister_report_callback(void)
 {
-    return SetCallback<libcsi_report_callback_t>(__func__, nullptr, nullptr, true, &Library::reportMutex,
-                                                 &Library::reportCallback, &Library::reportContext);
+    return Exported(__func__, [&]() -> int32_t {
+        return SetCallback<libcsi_report_callback_t>("libcsi_deregister_report_callback", nullptr, nullptr, true,
+                                                     &Library::reportMutex, &Library::reportCallback,
+                                                     &Library::reportContext);
+    });
 }
 
 }

@@ -1,5 +1,6 @@
 // Streaming: start and stop, the frame dequeue thread (FDTP) and the frame
 // callback thread (FCTP), flushing, and the stream statistics.
+#include "libcsi/Boundary.h"
 #include "libcsi/Config.h"
 #include "libcsi/SafeFile.h"
 #include "libcsi/Device.h"
@@ -491,29 +492,24 @@ extern "C" {
 
 int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentifier)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    try {
-        LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p, nDataIdentifier=%u)\n", __func__, static_cast<void*>(pDeviceHandle),
-                   nDataIdentifier);
-        if (!pDeviceHandle || pDeviceHandle->m_nFileHandle == -1)
+    return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
+        LIBCSI_LOG(TierTrace, " nDataIdentifier=%u\n", nDataIdentifier);
+        if (device.m_nFileHandle == -1)
             return LIBCSI_INVALID_PARAMETER;
-        Device& device = *pDeviceHandle;
         std::lock_guard<std::mutex> lock(device.mutex);
         std::lock_guard<std::mutex> frames(device.frameMutex);
         if (device.state != Open) {
-            LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", "libcsi_start_stream");
             return LIBCSI_INVALID_DEVICE_STATE;
         }
         if (device.announcedFrames.size() < device.m_nMinAnnouncedFrames) {
             LIBCSI_LOG(TierError, " %s ERROR: Number of announced frames insufficient. Required: %d. Announced: %lu\n",
-                       __func__, static_cast<int>(device.m_nMinAnnouncedFrames),
+                       "libcsi_start_stream", static_cast<int>(device.m_nMinAnnouncedFrames),
                        static_cast<unsigned long>(device.announcedFrames.size()));
             return LIBCSI_NOT_ENOUGH_FRAMES;
         }
         if (!device.buffersFit) {
-            LIBCSI_LOG(TierError, " %s ERROR: Annouced buffers are too small.\n", __func__);
+            LIBCSI_LOG(TierError, " %s ERROR: Annouced buffers are too small.\n", "libcsi_start_stream");
             return LIBCSI_BUFFER_TOO_SMALL;
         }
         Os::Backend& os = Os::Current();
@@ -528,8 +524,8 @@ int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentif
             request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
             request.memory = V4L2_MEMORY_USERPTR;
             if (os.Ioctl(device.m_nFileHandle, VIDIOC_REQBUFS, &request) < 0) {
-                LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_REQBUFS failed (errno=%d, %s).\n", __func__, errno,
-                           std::strerror(errno));
+                LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_REQBUFS failed (errno=%d, %s).\n", "libcsi_start_stream",
+                           errno, std::strerror(errno));
                 return LIBCSI_DRIVER_CALL_FAILED;
             }
             device.userBuffersDeclared = count;
@@ -541,7 +537,8 @@ int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentif
                     continue;
                 if (!QueueBuffer(device, *frame)) {
                     LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_QBUF failed for BufferIndex=%d (errno=%d, %s).\n",
-                               __func__, static_cast<int>(frame->m_nBufferIndex), errno, std::strerror(errno));
+                               "libcsi_start_stream", static_cast<int>(frame->m_nBufferIndex), errno,
+                               std::strerror(errno));
                     return LIBCSI_DRIVER_CALL_FAILED;
                 }
                 frame->queued = true;
@@ -556,8 +553,8 @@ int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentif
         ++device.streamRunCounter;
         device.streamStartTime = Milliseconds();
         if (os.Ioctl(device.m_nFileHandle, VIDIOC_STREAMON_EX, nullptr) < 0) {
-            LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_STREAMON_EX failed (errno=%d, %s).\n", __func__, errno,
-                       std::strerror(errno));
+            LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_STREAMON_EX failed (errno=%d, %s).\n", "libcsi_start_stream",
+                       errno, std::strerror(errno));
             return LIBCSI_DRIVER_CALL_FAILED;
         }
         {
@@ -570,29 +567,18 @@ int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentif
             SetThreadPriority(device.dequeueThread);
         SetState(device, Streaming);
         return LIBCSI_OK;
-    } catch (...) {
-        return LIBCSI_ERROR;
-    }
+    });
 }
 
 int32_t libcsi_stop_stream(device_handle_t* pDeviceHandle, uint32_t nTimeout)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    try {
-        LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p, nTimeout=%u)\n", __func__, static_cast<void*>(pDeviceHandle),
-                   nTimeout);
-        if (!pDeviceHandle) {
-            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter.\n", __func__);
-            return LIBCSI_INVALID_PARAMETER;
-        }
-        Device& device = *pDeviceHandle;
+    return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
+        LIBCSI_LOG(TierTrace, " nTimeout=%u\n", nTimeout);
         {
             std::unique_lock<std::mutex> lock(device.mutex);
             device.stateCondition.wait(lock, [&] { return device.state != Stopping && device.state != Closing; });
             if (device.state != Streaming) {
-                LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", __func__);
+                LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", "libcsi_stop_stream");
                 return LIBCSI_INVALID_DEVICE_STATE;
             }
             std::lock_guard<std::mutex> frames(device.frameMutex);
@@ -608,57 +594,51 @@ int32_t libcsi_stop_stream(device_handle_t* pDeviceHandle, uint32_t nTimeout)
         device.leaderKeyErrors = device.trailerKeyErrors = device.blockIDErrors = 0;
         device.streamStartTime = 0;
         return result;
-    } catch (...) {
-        return LIBCSI_ERROR;
-    }
+    });
 }
 
 int32_t libcsi_get_stream_statistics(device_handle_t* pDeviceHandle, libcsi_stream_statistics_t* pStatistics)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    if (!pDeviceHandle || !pStatistics)
-        return LIBCSI_INVALID_PARAMETER;
-    std::lock_guard<std::mutex> frames(pDeviceHandle->frameMutex);
-    if (pDeviceHandle->state == Closed || pDeviceHandle->state == Closing) {
-        LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", __func__);
-        return LIBCSI_INVALID_DEVICE_STATE;
-    }
-    qel_stream_statistics stat{};
-    if (Os::Current().Ioctl(pDeviceHandle->m_nFileHandle, VIDIOC_STREAMSTAT, &stat) < 0) {
-        LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_STREAMSTAT failed (errno=%d, %s).\n", __func__, errno,
-                   std::strerror(errno));
-        return LIBCSI_DRIVER_CALL_FAILED;
-    }
-    *pStatistics = libcsi_stream_statistics_t{
-        stat.frames_count, stat.packet_crc_errors, stat.frames_underrun, stat.frames_incomplete,
-        stat.current_frames_interval ? static_cast<double>(stat.current_frames_count) * 1e6 /
-                                           static_cast<double>(stat.current_frames_interval)
-                                     : 0.0};
-    return LIBCSI_OK;
+    return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
+        if (!pStatistics)
+            return LIBCSI_INVALID_PARAMETER;
+        std::lock_guard<std::mutex> frames(device.frameMutex);
+        if (device.state == Closed || device.state == Closing) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", "libcsi_get_stream_statistics");
+            return LIBCSI_INVALID_DEVICE_STATE;
+        }
+        qel_stream_statistics stat{};
+        if (Os::Current().Ioctl(device.m_nFileHandle, VIDIOC_STREAMSTAT, &stat) < 0) {
+            LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_STREAMSTAT failed (errno=%d, %s).\n",
+                       "libcsi_get_stream_statistics", errno, std::strerror(errno));
+            return LIBCSI_DRIVER_CALL_FAILED;
+        }
+        *pStatistics = libcsi_stream_statistics_t{
+            stat.frames_count, stat.packet_crc_errors, stat.frames_underrun, stat.frames_incomplete,
+            stat.current_frames_interval ? static_cast<double>(stat.current_frames_count) * 1e6 /
+                                               static_cast<double>(stat.current_frames_interval)
+                                         : 0.0};
+        return LIBCSI_OK;
+    });
 }
 
 int32_t libcsi_reset_stream_statistics(device_handle_t* pDeviceHandle)
 {
-    const std::shared_ptr<Device> held = LiveDevice(pDeviceHandle);
-    if (pDeviceHandle && !held)
-        return LIBCSI_INVALID_PARAMETER;
-    if (!pDeviceHandle)
-        return LIBCSI_INVALID_PARAMETER;
-    std::lock_guard<std::mutex> frames(pDeviceHandle->frameMutex);
-    if (pDeviceHandle->state == Closed || pDeviceHandle->state == Closing) {
-        LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", __func__);
-        return LIBCSI_INVALID_DEVICE_STATE;
-    }
-    if (Os::Current().Ioctl(pDeviceHandle->m_nFileHandle, VIDIOC_RESET_STREAMSTAT, nullptr) < 0) {
-        LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_RESET_STREAMSTAT failed (errno=%d, %s).\n", __func__, errno,
-                   std::strerror(errno));
-        return LIBCSI_DRIVER_CALL_FAILED;
-    }
-    std::lock_guard<std::mutex> statistics(pDeviceHandle->statisticsMutex);
-    pDeviceHandle->m_nNumDroppedFrames = 0;
-    return LIBCSI_OK;
+    return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
+        std::lock_guard<std::mutex> frames(device.frameMutex);
+        if (device.state == Closed || device.state == Closing) {
+            LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", "libcsi_reset_stream_statistics");
+            return LIBCSI_INVALID_DEVICE_STATE;
+        }
+        if (Os::Current().Ioctl(device.m_nFileHandle, VIDIOC_RESET_STREAMSTAT, nullptr) < 0) {
+            LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_RESET_STREAMSTAT failed (errno=%d, %s).\n",
+                       "libcsi_reset_stream_statistics", errno, std::strerror(errno));
+            return LIBCSI_DRIVER_CALL_FAILED;
+        }
+        std::lock_guard<std::mutex> statistics(device.statisticsMutex);
+        device.m_nNumDroppedFrames = 0;
+        return LIBCSI_OK;
+    });
 }
 
 }
