@@ -23,8 +23,10 @@ private:
 };
 
 // Small, fast cameras: the cost of an input is the producer's, not the simulator's.
+// Nothing kept between inputs: each starts from the description, so that a finding replays alone.
 const char* const Description = R"([system]
 board = imx8m
+state = none
 
 [camera0]
 node = video0
