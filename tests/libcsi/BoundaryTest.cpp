@@ -10,7 +10,6 @@
 
 #include <fstream>
 #include <functional>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -109,9 +108,11 @@ TEST_F(Boundary, EveryExportCatchesWhatItsBodyThrows)
     text << header.rdbuf();
     const std::string declarations = text.str();
     std::set<std::string> declared, tested;
-    const std::regex declaration(R"(LIBCSI_API int32_t (\w+)\()");
-    for (std::sregex_iterator it(declarations.begin(), declarations.end(), declaration), end; it != end; ++it)
-        declared.insert((*it)[1]);
+    const std::string marker = "LIBCSI_API int32_t ";
+    for (auto at = declarations.find(marker); at != std::string::npos; at = declarations.find(marker, at + 1)) {
+        const auto name = at + marker.size();
+        declared.insert(declarations.substr(name, declarations.find('(', name) - name));
+    }
     for (const auto& entry : exports)
         tested.insert(entry.first);
     EXPECT_EQ(declared, tested);
