@@ -114,6 +114,8 @@ void FrameDequeueThread(Device& device);
 int32_t FlushFrames(Device& device);
 // Stops a running stream: the driver first, then the dequeue thread.
 int32_t StopStream(Device& device, std::uint32_t timeout);
+// Sets the device's state and wakes whoever waits for it; under the device's mutex.
+void SetState(Device& device, std::uint32_t state);
 // Stops the callback thread and waits for its end.
 void StopCallbackThread(Device& device);
 // Hands a frame's buffer to the driver; false with errno set when it refuses.

@@ -226,12 +226,6 @@ void ClosePipe(int (&fds)[2])
         }
 }
 
-void SetState(Device& device, std::uint32_t state)
-{
-    device.state = state;
-    device.stateCondition.notify_all();
-}
-
 }
 
 // The device of a handle in the device list, or null for a handle that is none of them.

@@ -28,12 +28,6 @@ namespace {
 
 std::atomic<bool> priorityFailed{false};
 
-void SetState(Device& device, std::uint32_t state)
-{
-    device.state = state;
-    device.stateCondition.notify_all();
-}
-
 // Waits until a progress attribute of the node reads "2"; true when it did.
 // The driver is given its own timeout plus a margin: a driver that never
 // confirms costs the caller that long, not forever.
@@ -157,22 +151,6 @@ int32_t StopDequeueThread(Device& device)
     return LIBCSI_OK;
 }
 
-int32_t Stop(Device& device, std::uint32_t timeout)
-{
-    int32_t result = LIBCSI_OK;
-    if (Os::Current().Ioctl(device.m_nFileHandle, VIDIOC_STREAMOFF_EX, &timeout) < 0) {
-        LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_STREAMOFF_EX failed (errno=%d, %s).\n", "libcsi_stop_stream", errno,
-                   std::strerror(errno));
-        result = LIBCSI_DRIVER_CALL_FAILED;
-    } else if (!WaitForAttribute(device, "streamoff", timeout)) {
-        LIBCSI_LOG(TierError, " %s ERROR: Wait for stream off timeout\n", "libcsi_stop_stream");
-        result = LIBCSI_TIMEOUT;
-    }
-    // The dequeue thread must end before the descriptor and the pipe can go, whatever happened above.
-    if (int32_t stopped = StopDequeueThread(device))
-        result = result ? result : stopped;
-    return result;
-}
 
 void WriteStatisticsLine(Device& device)
 {
@@ -213,7 +191,28 @@ std::uint64_t DroppedFrameCount(device_handle_t* device)
     return device->m_nNumDroppedFrames;
 }
 
-int32_t StopStream(Device& device, std::uint32_t timeout) { return Stop(device, timeout); }
+void SetState(Device& device, std::uint32_t state)
+{
+    device.state = state;
+    device.stateCondition.notify_all();
+}
+
+int32_t StopStream(Device& device, std::uint32_t timeout)
+{
+    int32_t result = LIBCSI_OK;
+    if (Os::Current().Ioctl(device.m_nFileHandle, VIDIOC_STREAMOFF_EX, &timeout) < 0) {
+        LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_STREAMOFF_EX failed (errno=%d, %s).\n", "libcsi_stop_stream", errno,
+                   std::strerror(errno));
+        result = LIBCSI_DRIVER_CALL_FAILED;
+    } else if (!WaitForAttribute(device, "streamoff", timeout)) {
+        LIBCSI_LOG(TierError, " %s ERROR: Wait for stream off timeout\n", "libcsi_stop_stream");
+        result = LIBCSI_TIMEOUT;
+    }
+    // The dequeue thread must end before the descriptor and the pipe can go, whatever happened above.
+    if (int32_t stopped = StopDequeueThread(device))
+        result = result ? result : stopped;
+    return result;
+}
 
 int32_t FlushFrames(Device& device)
 {
@@ -584,7 +583,7 @@ int32_t libcsi_stop_stream(device_handle_t* pDeviceHandle, uint32_t nTimeout)
             std::lock_guard<std::mutex> frames(device.frameMutex);
             SetState(device, Stopping);
         }
-        const int32_t result = Stop(device, nTimeout);
+        const int32_t result = StopStream(device, nTimeout);
         {
             std::lock_guard<std::mutex> lock(device.mutex);
             std::lock_guard<std::mutex> frames(device.frameMutex);

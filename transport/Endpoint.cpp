@@ -232,11 +232,6 @@ void Endpoint::EnqueueEvent(const void* data, std::size_t size)
     }
 }
 
-std::uint64_t Endpoint::GetDroppedFrames() const
-{
-    MutexGuard guard(&mutex);
-    return droppedFrames;
-}
 
 namespace {
 
@@ -260,10 +255,6 @@ void Endpoint::OnStreamChannelEvent(lib_channel_transfer* transfer)
         Library::MediaLogDump("Endpoint::OnStreamChannelEvent MSG_DATA:\n", transfer->data, transfer->size);
         break;
     case MSG_FRAME_DROPPED: {
-        {
-            MutexGuard guard(&endpoint->mutex);
-            endpoint->droppedFrames = transfer->total;
-        }
         Library::MediaLog((boost::format("Endpoint::OnStreamChannelEvent MSG_FRAME_DROPPED: dropped frameID=%1%, "
                                          "total dropped frames=%2%, reason = %3%") %
                            transfer->frameId % transfer->total % Text(transfer))
@@ -318,7 +309,6 @@ std::shared_ptr<Endpoint::DataTransfer> Endpoint::MakeDataTransfer(DataTransfer:
         throw System::Exception("Invalid size passed.");
     auto transfer = std::make_shared<DataTransfer>();
     transfer->origin = origin;
-    transfer->endpoint = this;
     transfer->callback = std::move(callback);
     if (emulateLeaderTrailer)
         leaderSize = trailerSize = 0;

@@ -47,7 +47,6 @@ public:
     void SubmitEvent(void* buffer, std::size_t size, Completion completion);
     void AbortEvents();
     void EnqueueEvent(const void* data, std::size_t size);
-    std::uint64_t GetDroppedFrames() const;
 
     // Frames. The callback gets each finished frame, on libcsi's frame
     // callback thread and without the endpoint's locks.
@@ -102,7 +101,6 @@ private:
         void Retire(std::list<Queueing>::iterator queueing);
         // Where the camera's leader and trailer land for a buffer of the caller.
         std::vector<std::uint8_t> leader, trailer;
-        Endpoint* endpoint = nullptr;
         // Frame callbacks reading the frame's memory (leader, trailer, the
         // payload's last word) at this moment: a revoke waits for them
         // before libcsi frees the memory or the caller takes it back.
@@ -153,7 +151,6 @@ private:
 
     // The record through which libcsi reaches this endpoint's channel.
     std::shared_ptr<lib_channel_transfer> channelRecord;
-    std::uint64_t droppedFrames = 0;
 
     std::shared_ptr<FrameSink> frameSink;
     mutable System::Mutex frameMutex;
