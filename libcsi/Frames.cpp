@@ -119,11 +119,7 @@ std::uintptr_t FirstPointer(const lib_frame_transfer& transfer)
 int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ipuX, std::uint32_t ipuY,
                  lib_frame_transfer* pFrame, frame_handle_t** ppFrameHandle, bool allocate)
 {
-    LIBCSI_LOG(TierTrace, " nIPU_X=%u, nIPU_Y=%u\n", ipuX, ipuY);
-    if (!handle) {
-        LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter pDeviceHandle.\n", function);
-        return LIBCSI_INVALID_PARAMETER;
-    }
+    LIBCSI_LOG(TierTrace, " nIPU_X=%u, nIPU_Y=%u\n", ipuX, ipuY); // the boundary refused a dead handle
     if (!pFrame) {
         LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter pFrame.\n", function);
         return LIBCSI_INVALID_PARAMETER;

@@ -281,7 +281,6 @@ void CameraFirmware::ResetKeptLocked()
     keptChanged = true;
 }
 
-
 CameraFirmware::KeptValues CameraFirmware::KeptValuesLocked()
 {
     KeptValues values;
@@ -291,23 +290,11 @@ CameraFirmware::KeptValues CameraFirmware::KeptValuesLocked()
     return values;
 }
 
-CameraFirmware::KeptValues CameraFirmware::GetKeptValues()
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    return KeptValuesLocked();
-}
-
 std::vector<std::uint64_t> CameraFirmware::ReplaceKeptValues(const KeptValues& values)
 {
     std::lock_guard<std::mutex> lock(mutex);
     for (const auto& [address, bytes] : described)
         memory.At(address).bytes = bytes;
-    return RestoreKeptLocked(values);
-}
-
-std::vector<std::uint64_t> CameraFirmware::RestoreKeptValues(const KeptValues& values)
-{
-    std::lock_guard<std::mutex> lock(mutex);
     return RestoreKeptLocked(values);
 }
 

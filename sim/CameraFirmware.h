@@ -72,13 +72,11 @@ public:
     // mode, user name): address and bytes of those that differ from the
     // description's values.
     using KeptValues = std::map<std::uint64_t, std::vector<std::uint8_t>>;
-    KeptValues GetKeptValues();
-    // Writes kept values back as a host's writes would be checked, in
-    // whatever order lets each pass (an offset may need its width first);
-    // returns the addresses refused, which keep the description's values.
-    std::vector<std::uint64_t> RestoreKeptValues(const KeptValues& values);
-    // The description's values, then `values` restored: the settings as another
-    // process left them. The keeper is not told.
+    // The description's values, then `values` written back as a host's writes
+    // would be checked, in whatever order lets each pass (an offset may need
+    // its width first): the settings as another process left them. Returns the
+    // addresses refused, which keep the description's values. The keeper is
+    // not told.
     std::vector<std::uint64_t> ReplaceKeptValues(const KeptValues& values);
     // The settings back at the description's values, as after a reset.
     void RestoreDescription();
