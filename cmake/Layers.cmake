@@ -10,7 +10,9 @@ file(GLOB_RECURSE LORUN_LAYERED_SOURCES CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/transport/*.h ${PROJECT_SOURCE_DIR}/transport/*.cpp
   ${PROJECT_SOURCE_DIR}/modules/*.h ${PROJECT_SOURCE_DIR}/modules/*.cpp
   ${PROJECT_SOURCE_DIR}/entry/*.h ${PROJECT_SOURCE_DIR}/entry/*.cpp
+  ${PROJECT_SOURCE_DIR}/client/*.h ${PROJECT_SOURCE_DIR}/client/*.cpp
   ${PROJECT_SOURCE_DIR}/tools/*.h ${PROJECT_SOURCE_DIR}/tools/*.cpp
+  ${PROJECT_SOURCE_DIR}/gst/*.h ${PROJECT_SOURCE_DIR}/gst/*.cpp
   ${PROJECT_SOURCE_DIR}/bench/*.h ${PROJECT_SOURCE_DIR}/bench/*.cpp)
 add_custom_command(
   OUTPUT ${PROJECT_BINARY_DIR}/layers.checked

@@ -7,6 +7,8 @@
 
 namespace LorunTool {
 
+using namespace LorunClient;
+
 namespace {
 
 struct Watched {

@@ -1,11 +1,13 @@
 #pragma once
 
-#include "tools/Session.h"
+#include "client/Session.h"
 
 #include <atomic>
 #include <string>
 
 namespace LorunTool {
+
+using LorunClient::Session;
 
 // Registers every event a module offers and prints each as it arrives, for
 // `seconds` (0: until `stop`). Returns the exit code.

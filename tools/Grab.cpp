@@ -1,6 +1,6 @@
 #include "tools/Grab.h"
 
-#include "tools/FeatureTree.h"
+#include "client/FeatureTree.h"
 
 #include <cerrno>
 #include <chrono>
@@ -11,6 +11,8 @@
 #include <vector>
 
 namespace LorunTool {
+
+using namespace LorunClient;
 
 namespace {
 

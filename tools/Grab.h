@@ -1,13 +1,15 @@
 #pragma once
 
 #include "tools/ImageWriter.h"
-#include "tools/Session.h"
+#include "client/Session.h"
 
 #include <atomic>
 #include <cstdint>
 #include <string>
 
 namespace LorunTool {
+
+using LorunClient::Session;
 
 struct GrabOptions {
     std::uint64_t frames = 0;   // 0: until `seconds` or Ctrl-C

@@ -2,10 +2,11 @@
 // (.cti) with dlopen, as a consumer does: by default the first one on
 // GENICAM_GENTL64_PATH (GENICAM_GENTL32_PATH in a 32-bit build, as 32-bit
 // consumers look), then the one built beside it.
+#include "client/FeatureTree.h"
+#include "client/ProducerPath.h"
+#include "client/Session.h"
 #include "tools/Events.h"
-#include "tools/FeatureTree.h"
 #include "tools/Grab.h"
-#include "tools/Session.h"
 
 #include <boost/program_options.hpp>
 
@@ -30,6 +31,7 @@
 #endif
 
 namespace po = boost::program_options;
+using namespace LorunClient;
 using namespace LorunTool;
 
 namespace {
@@ -38,41 +40,12 @@ std::atomic<bool> interrupted{false};
 
 void OnInterrupt(int) { interrupted = true; }
 
-// The variable that lists the GenTL folders for a consumer of this build's width.
-constexpr const char* GenTLPathVariable = sizeof(void*) == 8 ? "GENICAM_GENTL64_PATH" : "GENICAM_GENTL32_PATH";
-
-// The .cti files of the folders of the GenTL path, in path order, each folder sorted.
-std::vector<std::string> ProducersOnPath()
-{
-    std::vector<std::string> found;
-    const char* variable = std::getenv(GenTLPathVariable);
-    std::stringstream folders(variable ? variable : "");
-    for (std::string folder; std::getline(folders, folder, ':');) {
-        if (folder.empty())
-            continue;
-        std::vector<std::string> here;
-        if (DIR* dir = ::opendir(folder.c_str())) {
-            while (dirent* entry = ::readdir(dir)) {
-                const std::string name = entry->d_name;
-                if (name.size() > 4 && name.compare(name.size() - 4, 4, ".cti") == 0)
-                    here.push_back(folder + "/" + name);
-            }
-            ::closedir(dir);
-        }
-        std::sort(here.begin(), here.end());
-        found.insert(found.end(), here.begin(), here.end());
-    }
-    return found;
-}
-
 std::string DefaultProducer()
 {
-    const auto onPath = ProducersOnPath();
-    if (!onPath.empty())
-        return onPath.front();
-    if (*LORUN_BUILT_PRODUCER && ::access(LORUN_BUILT_PRODUCER, R_OK) == 0)
-        return LORUN_BUILT_PRODUCER;
-    throw UsageError(std::string("no producer: set ") + GenTLPathVariable + " or give --producer PATH.cti");
+    std::string path = LorunClient::DefaultProducer(LORUN_BUILT_PRODUCER);
+    if (path.empty())
+        throw UsageError(std::string("no producer: set ") + GenTLPathVariable + " or give --producer PATH.cti");
+    return path;
 }
 
 void PrintInfo(const GenTLProducer& producer)
@@ -138,7 +111,7 @@ int Producers()
     return result;
 }
 
-void PrintCamera(GenTLProducer& producer, const Session::Camera& camera);
+void PrintCamera(Session& session, const Session::Camera& camera);
 
 int Devices(const std::string& path)
 {
@@ -154,36 +127,24 @@ int Devices(const std::string& path)
             std::printf("%-36s %-28s %-28s %-16s %s\n", "ID", "Vendor", "Model", "Serial number", "Access");
         for (const auto& camera : cameras)
             if (camera.interfaceId == interfaceId)
-                PrintCamera(producer, camera);
+                PrintCamera(session, camera);
     }
     if (session.Interfaces().empty())
         std::printf("No interface found.\n");
     return 0;
 }
 
-void PrintCamera(GenTLProducer& producer, const Session::Camera& camera)
+void PrintCamera(Session& session, const Session::Camera& camera)
 {
-    auto info = [&](DEVICE_INFO_CMD command) {
-        try {
-            return TextOf(producer, "IFGetDeviceInfo", [&](char* text, size_t* size) {
-                INFO_DATATYPE type = 0;
-                return producer.IFGetDeviceInfo(camera.interface, camera.id.c_str(), command, &type, text, size);
-            });
-        } catch (const ProducerError&) {
-            return std::string("-");
-        }
-    };
-    int32_t access = 0;
-    size_t size = sizeof access;
-    INFO_DATATYPE type = 0;
-    const bool known = producer.IFGetDeviceInfo(camera.interface, camera.id.c_str(), DEVICE_INFO_ACCESS_STATUS,
-                                                &type, &access, &size) == GC_ERR_SUCCESS;
-    const char* accessText = !known ? "?" : access == DEVICE_ACCESS_STATUS_READWRITE ? "read/write"
-                                        : access == DEVICE_ACCESS_STATUS_READONLY    ? "read-only"
-                                        : access == DEVICE_ACCESS_STATUS_NOACCESS    ? "no access"
-                                                                                     : "other";
-    std::printf("%-36s %-28s %-28s %-16s %s\n", camera.id.c_str(), info(DEVICE_INFO_VENDOR).c_str(),
-                info(DEVICE_INFO_MODEL).c_str(), info(DEVICE_INFO_SERIAL_NUMBER).c_str(), accessText);
+    const int32_t access = session.CameraAccess(camera);
+    const char* accessText = access == -1                             ? "?"
+                             : access == DEVICE_ACCESS_STATUS_READWRITE ? "read/write"
+                             : access == DEVICE_ACCESS_STATUS_READONLY  ? "read-only"
+                             : access == DEVICE_ACCESS_STATUS_NOACCESS  ? "no access"
+                                                                        : "other";
+    std::printf("%-36s %-28s %-28s %-16s %s\n", camera.id.c_str(), session.CameraInfo(camera, DEVICE_INFO_VENDOR).c_str(),
+                session.CameraInfo(camera, DEVICE_INFO_MODEL).c_str(),
+                session.CameraInfo(camera, DEVICE_INFO_SERIAL_NUMBER).c_str(), accessText);
 }
 
 struct Command {

@@ -1,4 +1,4 @@
-#include "tools/GenTLProducer.h"
+#include "client/GenTLProducer.h"
 
 #include <dlfcn.h>
 #include <sys/stat.h>
@@ -9,7 +9,7 @@
 #include <cstring>
 #include <vector>
 
-namespace LorunTool {
+namespace LorunClient {
 
 GenTLProducer::GenTLProducer(const std::string& given)
 {
@@ -26,13 +26,13 @@ GenTLProducer::GenTLProducer(const std::string& given)
         throw ProducerError(GC_ERR_INVALID_PARAMETER, "Could not load " + path + ": " + dlerror());
 // The argument is a member's name, not an expression.
 // NOLINTBEGIN(bugprone-macro-parentheses)
-#define LORUN_TOOL_RESOLVE(name)                                                                                      \
+#define LORUN_CLIENT_RESOLVE(name)                                                                                      \
     name = reinterpret_cast<decltype(name)>(dlsym(library, #name));                                                   \
     if (!name)                                                                                                        \
         missing += missing.empty() ? #name : ", " #name;
     // NOLINTEND(bugprone-macro-parentheses)
-    LORUN_TOOL_FUNCTIONS(LORUN_TOOL_RESOLVE)
-#undef LORUN_TOOL_RESOLVE
+    LORUN_CLIENT_FUNCTIONS(LORUN_CLIENT_RESOLVE)
+#undef LORUN_CLIENT_RESOLVE
     if (!GCGetInfo || !GCGetLastError || !GCInitLib || !GCCloseLib) {
         dlclose(library);
         library = nullptr;

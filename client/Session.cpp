@@ -1,6 +1,9 @@
-#include "tools/Session.h"
+#include "client/Session.h"
 
-namespace LorunTool {
+#include <climits>
+#include <cstdlib>
+
+namespace LorunClient {
 
 Session::Session(GenTLProducer& gentl) : producer(gentl)
 {
@@ -74,6 +77,28 @@ std::vector<Session::Camera> Session::Cameras()
     return cameras;
 }
 
+std::string Session::CameraInfo(const Camera& camera, DEVICE_INFO_CMD command)
+{
+    try {
+        return TextOf(producer, "IFGetDeviceInfo", [&](char* text, size_t* size) {
+            INFO_DATATYPE type = 0;
+            return producer.IFGetDeviceInfo(camera.interface, camera.id.c_str(), command, &type, text, size);
+        });
+    } catch (const ProducerError&) {
+        return "-";
+    }
+}
+
+int32_t Session::CameraAccess(const Camera& camera)
+{
+    int32_t access = 0;
+    size_t size = sizeof access;
+    INFO_DATATYPE type = 0;
+    const GC_ERROR rc = producer.IFGetDeviceInfo(camera.interface, camera.id.c_str(), DEVICE_INFO_ACCESS_STATUS,
+                                                 &type, &access, &size);
+    return rc == GC_ERR_SUCCESS && size == sizeof access ? access : -1;
+}
+
 void Session::OpenDevice(const std::string& id)
 {
     if (device)
@@ -138,6 +163,33 @@ bool Session::DevicePresent()
     if (rc == GC_ERR_INVALID_ID)
         return false;
     return rc != GC_ERR_SUCCESS || access != DEVICE_ACCESS_STATUS_NOACCESS;
+}
+
+namespace {
+
+// The producer and its session, built and destroyed in that order.
+struct ProducerAndSession {
+    explicit ProducerAndSession(const std::string& path) : producer(path), session(producer) {}
+    GenTLProducer producer;
+    Session session;
+};
+
+}
+
+std::shared_ptr<Session> SharedSession(const std::string& path)
+{
+    static std::mutex mutex;
+    static std::map<std::string, std::weak_ptr<ProducerAndSession>> open;
+    const std::lock_guard<std::mutex> lock(mutex);
+    // The same file under two names is one library to dlopen: key by the resolved path.
+    char resolved[PATH_MAX];
+    const std::string key = realpath(path.c_str(), resolved) ? resolved : path;
+    std::shared_ptr<ProducerAndSession> both = open[key].lock();
+    if (!both) {
+        both = std::make_shared<ProducerAndSession>(key);
+        open[key] = both;
+    }
+    return std::shared_ptr<Session>(both, &both->session);
 }
 
 }

@@ -1,10 +1,10 @@
-#include "tools/AravisPortDevice.h"
+#include "client/AravisPortDevice.h"
 
 extern "C" {
 
 struct LorunPortDevice {
     ArvDevice parent;
-    LorunTool::PortMemory* memory;
+    LorunClient::PortMemory* memory;
 };
 
 struct LorunPortDeviceClass {
@@ -13,7 +13,7 @@ struct LorunPortDeviceClass {
 
 G_DEFINE_TYPE(LorunPortDevice, lorun_port_device, ARV_TYPE_DEVICE)
 
-static LorunTool::PortMemory& MemoryOf(ArvDevice* device)
+static LorunClient::PortMemory& MemoryOf(ArvDevice* device)
 {
     return *reinterpret_cast<LorunPortDevice*>(device)->memory;
 }
@@ -58,7 +58,7 @@ static void lorun_port_device_class_init(LorunPortDeviceClass* klass)
 
 }
 
-namespace LorunTool {
+namespace LorunClient {
 
 ArvDevice* NewPortDevice(PortMemory memory)
 {

@@ -2,15 +2,17 @@
 
 // A module's GenApi document as a consumer sees it, evaluated by Aravis'
 // GenICam implementation over the module's GenTL port.
-#include "tools/GenTLProducer.h"
+#include "client/GenTLProducer.h"
 
 #include <arv.h>
 
 #include <memory>
 #include <ostream>
+#include <cstdint>
 #include <string>
+#include <vector>
 
-namespace LorunTool {
+namespace LorunClient {
 
 class FeatureTree {
 public:
@@ -26,6 +28,19 @@ public:
     std::string Get(const std::string& name);
     void Set(const std::string& name, const std::string& value);
     void Execute(const std::string& name);
+    // Whether the feature exists, is available and can be written now.
+    bool Writable(const std::string& name);
+
+    struct IntegerRange {
+        std::int64_t min, max, increment;
+    };
+    struct FloatRange {
+        double min, max;
+    };
+    IntegerRange IntegerRangeOf(const std::string& name);
+    FloatRange FloatRangeOf(const std::string& name);
+    // The entries of an enumeration that are available now.
+    std::vector<std::string> Entries(const std::string& name);
 
 private:
     struct Failure {

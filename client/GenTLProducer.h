@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace LorunTool {
+namespace LorunClient {
 
 // A failure of the producer or the camera: exit code 1.
 class ProducerError : public std::runtime_error {
@@ -22,7 +22,7 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-#define LORUN_TOOL_FUNCTIONS(X)                                                                                        \
+#define LORUN_CLIENT_FUNCTIONS(X)                                                                                        \
     X(GCGetInfo) X(GCGetLastError) X(GCInitLib) X(GCCloseLib) X(GCReadPort) X(GCWritePort) X(GCGetPortURLInfo)        \
     X(GCGetNumPortURLs) X(GCRegisterEvent) X(GCUnregisterEvent) X(EventGetData) X(EventGetDataInfo) X(EventKill)     \
     X(TLOpen) X(TLClose) X(TLUpdateInterfaceList) X(TLGetNumInterfaces) X(TLGetInterfaceID) X(TLOpenInterface)       \
@@ -54,9 +54,9 @@ public:
 
 // The argument is a name that declares and is declared: it cannot stand in parentheses.
 // NOLINTNEXTLINE(bugprone-macro-parentheses)
-#define LORUN_TOOL_DECLARE(name) decltype(&::name) name = nullptr;
-    LORUN_TOOL_FUNCTIONS(LORUN_TOOL_DECLARE)
-#undef LORUN_TOOL_DECLARE
+#define LORUN_CLIENT_DECLARE(name) decltype(&::name) name = nullptr;
+    LORUN_CLIENT_FUNCTIONS(LORUN_CLIENT_DECLARE)
+#undef LORUN_CLIENT_DECLARE
 
 private:
     std::string path;

@@ -2,12 +2,15 @@
 
 // What a consumer opens, in order, and closes in the reverse order: the
 // library, the transport layer, its interfaces, one camera and its stream.
-#include "tools/GenTLProducer.h"
+#include "client/GenTLProducer.h"
 
+#include <map>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
-namespace LorunTool {
+namespace LorunClient {
 
 class Session {
 public:
@@ -23,6 +26,11 @@ public:
     };
     // The cameras of every interface, lists updated.
     std::vector<Camera> Cameras();
+    // A text of the camera's device info (vendor, model, serial number, ...),
+    // "-" when the producer has none.
+    std::string CameraInfo(const Camera& camera, DEVICE_INFO_CMD command);
+    // The camera's DEVICE_INFO_ACCESS_STATUS, or -1 when unknown.
+    int32_t CameraAccess(const Camera& camera);
 
     // Opens the camera `id` for control, or the first one when `id` is empty.
     void OpenDevice(const std::string& id);
@@ -55,5 +63,10 @@ private:
     DEV_HANDLE device = nullptr;
     DS_HANDLE stream = nullptr;
 };
+
+// One session per producer file and process, shared by everyone who asks
+// for it while one is alive: a producer's library is initialised once per
+// process. The last owner closes it and unloads the producer.
+std::shared_ptr<Session> SharedSession(const std::string& path);
 
 }

@@ -1,13 +1,13 @@
-#include "tools/FeatureTree.h"
+#include "client/FeatureTree.h"
 
-#include "tools/AravisPortDevice.h"
+#include "client/AravisPortDevice.h"
 
 #include <fstream>
 #include <iomanip>
 #include <regex>
 #include <sstream>
 
-namespace LorunTool {
+namespace LorunClient {
 
 namespace {
 
@@ -172,6 +172,72 @@ void FeatureTree::Execute(const std::string& name)
     arv_gc_command_execute(ARV_GC_COMMAND(feature), &error);
     if (error)
         Raise(name, error);
+}
+
+bool FeatureTree::Writable(const std::string& name)
+{
+    if (!Has(name))
+        return false;
+    ArvGcFeatureNode* feature = Feature(name);
+    GError* error = nullptr;
+    const bool available = arv_gc_feature_node_is_available(feature, &error);
+    g_clear_error(&error);
+    const ArvGcAccessMode mode = arv_gc_feature_node_get_actual_access_mode(feature);
+    return available && (mode == ARV_GC_ACCESS_MODE_RW || mode == ARV_GC_ACCESS_MODE_WO);
+}
+
+FeatureTree::IntegerRange FeatureTree::IntegerRangeOf(const std::string& name)
+{
+    ArvGcFeatureNode* feature = Feature(name);
+    if (!ARV_IS_GC_INTEGER(feature))
+        throw UsageError("'" + name + "' is no integer");
+    *lastFailure = Failure{};
+    GError* error = nullptr;
+    IntegerRange range{};
+    range.min = arv_gc_integer_get_min(ARV_GC_INTEGER(feature), &error);
+    if (!error)
+        range.max = arv_gc_integer_get_max(ARV_GC_INTEGER(feature), &error);
+    if (!error)
+        range.increment = arv_gc_integer_get_inc(ARV_GC_INTEGER(feature), &error);
+    if (error)
+        Raise(name, error);
+    return range;
+}
+
+FeatureTree::FloatRange FeatureTree::FloatRangeOf(const std::string& name)
+{
+    ArvGcFeatureNode* feature = Feature(name);
+    if (!ARV_IS_GC_FLOAT(feature))
+        throw UsageError("'" + name + "' is no float");
+    *lastFailure = Failure{};
+    GError* error = nullptr;
+    FloatRange range{};
+    range.min = arv_gc_float_get_min(ARV_GC_FLOAT(feature), &error);
+    if (!error)
+        range.max = arv_gc_float_get_max(ARV_GC_FLOAT(feature), &error);
+    if (error)
+        Raise(name, error);
+    return range;
+}
+
+std::vector<std::string> FeatureTree::Entries(const std::string& name)
+{
+    ArvGcFeatureNode* feature = Feature(name);
+    if (!ARV_IS_GC_ENUMERATION(feature))
+        throw UsageError("'" + name + "' is no enumeration");
+    *lastFailure = Failure{};
+    GError* error = nullptr;
+    guint count = 0;
+    const char** values = arv_gc_enumeration_dup_available_string_values(ARV_GC_ENUMERATION(feature), &count, &error);
+    if (error) {
+        g_free(values);
+        Raise(name, error);
+    }
+    std::vector<std::string> entries;
+    for (guint i = 0; values && i < count; ++i)
+        entries.emplace_back(values[i]);
+    g_free(values);
+    return entries;
 }
 
 void FeatureTree::Print(std::ostream& out, bool all) { PrintCategory(out, "Root", 0, all); }

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <functional>
 
-namespace LorunTool {
+namespace LorunClient {
 
 // Each returns false when the access failed.
 using MemoryAccess = std::function<bool(std::uint64_t address, std::uint32_t size, void* buffer)>;
