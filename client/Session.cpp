@@ -151,15 +151,18 @@ PORT_HANDLE Session::Port(const std::string& module)
 
 bool Session::DevicePresent()
 {
-    if (!deviceInterface)
-        return false;
-    if (producer.IFUpdateDeviceList(deviceInterface, nullptr, 0) != GC_ERR_SUCCESS)
+    return deviceInterface && CameraPresent({deviceId, deviceInterface, {}});
+}
+
+bool Session::CameraPresent(const Camera& camera)
+{
+    if (producer.IFUpdateDeviceList(camera.interface, nullptr, 0) != GC_ERR_SUCCESS)
         return true; // cannot tell
     int32_t access = 0;
     size_t size = sizeof access;
     INFO_DATATYPE type = 0;
     const GC_ERROR rc =
-        producer.IFGetDeviceInfo(deviceInterface, deviceId.c_str(), DEVICE_INFO_ACCESS_STATUS, &type, &access, &size);
+        producer.IFGetDeviceInfo(camera.interface, camera.id.c_str(), DEVICE_INFO_ACCESS_STATUS, &type, &access, &size);
     if (rc == GC_ERR_INVALID_ID)
         return false;
     return rc != GC_ERR_SUCCESS || access != DEVICE_ACCESS_STATUS_NOACCESS;

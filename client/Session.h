@@ -31,6 +31,9 @@ public:
     std::string CameraInfo(const Camera& camera, DEVICE_INFO_CMD command);
     // The camera's DEVICE_INFO_ACCESS_STATUS, or -1 when unknown.
     int32_t CameraAccess(const Camera& camera);
+    // False once the camera's interface no longer lists it or reports it
+    // without access (pulled out); true when it cannot tell.
+    bool CameraPresent(const Camera& camera);
 
     // Opens the camera `id` for control, or the first one when `id` is empty.
     void OpenDevice(const std::string& id);

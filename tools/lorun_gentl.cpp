@@ -5,6 +5,7 @@
 #include "client/FeatureTree.h"
 #include "client/ProducerPath.h"
 #include "client/Session.h"
+#include "client/Settings.h"
 #include "tools/Events.h"
 #include "tools/Grab.h"
 
@@ -164,23 +165,14 @@ void ModuleOption(po::options_description& options)
                           "system, interface, device, remote (the camera) or stream");
 }
 
-// NAME=VALUE split at its first '='; a bad one is a usage error.
-std::pair<std::string, std::string> ParseAssignment(const std::string& assignment)
-{
-    const auto equals = assignment.find('=');
-    if (equals == std::string::npos || equals == 0)
-        throw UsageError("expected NAME=VALUE, got '" + assignment + "'");
-    return {assignment.substr(0, equals), assignment.substr(equals + 1)};
-}
-
 // The NAME=VALUE settings a command takes after its own arguments, all checked
 // for their form before any is written.
-std::vector<std::pair<std::string, std::string>> SettingsOf(const po::variables_map& vm)
+std::vector<Setting> SettingsOf(const po::variables_map& vm)
 {
-    std::vector<std::pair<std::string, std::string>> settings;
+    std::vector<Setting> settings;
     if (vm.count("settings"))
         for (const std::string& assignment : vm["settings"].as<std::vector<std::string>>())
-            settings.push_back(ParseAssignment(assignment));
+            settings.push_back(ParseSetting(assignment));
     return settings;
 }
 
@@ -189,13 +181,6 @@ void SettingsOption(po::options_description& options, po::positional_options_des
     options.add_options()("settings", po::value<std::vector<std::string>>()->multitoken(),
                           "NAME=VALUE ... written in order to the module's features first");
     positional.add("settings", -1);
-}
-
-// Writes the settings in order; the first a feature refuses ends the command, as `set` does.
-void Apply(FeatureTree& features, const std::vector<std::pair<std::string, std::string>>& settings)
-{
-    for (const auto& [name, value] : settings)
-        features.Set(name, value);
 }
 
 // One feature tree of the chosen module, its settings written, in a session that ends with it.
@@ -284,7 +269,7 @@ const std::map<std::string, Command>& Commands()
               p.add("assignment", 1);
           },
           [](const po::variables_map& vm) {
-              const auto [name, value] = ParseAssignment(vm["assignment"].as<std::string>());
+              const auto [name, value] = ParseSetting(vm["assignment"].as<std::string>());
               return WithFeatures(vm, [&, name = name, value = value](FeatureTree& f) {
                   f.Set(name, value);
                   std::printf("%s = %s\n", name.c_str(), f.Get(name).c_str());

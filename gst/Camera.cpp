@@ -1,0 +1,308 @@
+#include "gst/Camera.h"
+
+#include "client/Settings.h"
+
+#include <sstream>
+
+namespace LorunGst {
+
+using LorunClient::ProducerError;
+using LorunClient::Session;
+
+namespace {
+
+template <class T>
+bool BufferInfo(LorunClient::GenTLProducer& producer, DS_HANDLE stream, BUFFER_HANDLE buffer, BUFFER_INFO_CMD command,
+                T& value)
+{
+    INFO_DATATYPE type = 0;
+    T read{};
+    size_t size = sizeof read;
+    if (producer.DSGetBufferInfo(stream, buffer, command, &type, &read, &size) != GC_ERR_SUCCESS || size != sizeof read)
+        return false;
+    value = read;
+    return true;
+}
+
+template <class T>
+bool StreamInfo(LorunClient::GenTLProducer& producer, DS_HANDLE stream, STREAM_INFO_CMD command, T& value)
+{
+    INFO_DATATYPE type = 0;
+    T read{};
+    size_t size = sizeof read;
+    if (producer.DSGetInfo(stream, command, &type, &read, &size) != GC_ERR_SUCCESS || size != sizeof read)
+        return false;
+    value = read;
+    return true;
+}
+
+std::string Describe(Session& session, const Session::Camera& camera)
+{
+    return camera.id + " (serial " + session.CameraInfo(camera, DEVICE_INFO_SERIAL_NUMBER) + ", " +
+           session.CameraInfo(camera, DEVICE_INFO_MODEL) + ")";
+}
+
+std::string ListOf(Session& session, const std::vector<Session::Camera>& cameras)
+{
+    if (cameras.empty())
+        return "no camera found";
+    std::string list = "cameras found:";
+    for (std::size_t i = 0; i < cameras.size(); ++i)
+        list += " [" + std::to_string(i) + "] " + Describe(session, cameras[i]);
+    return list;
+}
+
+Session::Camera Choose(Session& session, const CameraChoice& choice)
+{
+    const std::vector<Session::Camera> cameras = session.Cameras();
+    std::vector<Session::Camera> left;
+    for (const Session::Camera& camera : cameras)
+        if ((choice.deviceId.empty() || camera.id == choice.deviceId) &&
+            (choice.serial.empty() || session.CameraInfo(camera, DEVICE_INFO_SERIAL_NUMBER) == choice.serial))
+            left.push_back(camera);
+    const bool narrowed = !choice.deviceId.empty() || !choice.serial.empty();
+    if (choice.index >= 0) {
+        if (static_cast<std::size_t>(choice.index) >= left.size())
+            throw CameraError(CameraErrorKind::NotFound, GC_ERR_NOT_AVAILABLE,
+                              "No camera at index " + std::to_string(choice.index) + "; " + ListOf(session, cameras));
+        return left[static_cast<std::size_t>(choice.index)];
+    }
+    if (left.empty())
+        throw CameraError(CameraErrorKind::NotFound, GC_ERR_NOT_AVAILABLE,
+                          std::string(narrowed ? "No camera matches the choice" : "No camera") + "; " +
+                              ListOf(session, cameras));
+    if (left.size() > 1 && narrowed)
+        throw CameraError(CameraErrorKind::NotFound, GC_ERR_INVALID_PARAMETER,
+                          "The choice matches " + std::to_string(left.size()) + " cameras; " + ListOf(session, left));
+    return left.front();
+}
+
+}
+
+std::shared_ptr<Camera> Camera::Open(const std::string& producerPath, const CameraChoice& choice)
+{
+    std::shared_ptr<Session> session = LorunClient::SharedSession(producerPath);
+    const Session::Camera chosen = Choose(*session, choice);
+    LorunClient::GenTLProducer& producer = session->Producer();
+    DEV_HANDLE device = nullptr;
+    const GC_ERROR rc = producer.IFOpenDevice(chosen.interface, chosen.id.c_str(), DEVICE_ACCESS_CONTROL, &device);
+    if (rc != GC_ERR_SUCCESS) {
+        const std::string text = producer.LastError();
+        const std::int32_t access = session->CameraAccess(chosen);
+        if (rc == GC_ERR_RESOURCE_IN_USE || rc == GC_ERR_BUSY || access == DEVICE_ACCESS_STATUS_BUSY ||
+            access == DEVICE_ACCESS_STATUS_OPEN_READWRITE || access == DEVICE_ACCESS_STATUS_OPEN_READONLY ||
+            text.find("busy") != std::string::npos)
+            throw CameraError(CameraErrorKind::Busy, rc,
+                              "The camera " + chosen.id + " is busy: another element or process has it open (error " +
+                                  std::to_string(rc) + ", " + text + ")");
+        throw CameraError(CameraErrorKind::Failed, rc,
+                          "IFOpenDevice " + chosen.id + ": error " + std::to_string(rc) + ", " + text);
+    }
+    return std::shared_ptr<Camera>(new Camera(std::move(session), chosen, device));
+}
+
+Camera::Camera(std::shared_ptr<LorunClient::Session> owner, const LorunClient::Session::Camera& camera,
+               DEV_HANDLE opened)
+    : session(std::move(owner)), producer(session->Producer()), where(camera), id(camera.id), device(opened)
+{
+    try {
+        PORT_HANDLE remote = nullptr;
+        producer.Check(producer.DevGetPort(device, &remote), "DevGetPort " + id);
+        features = std::make_unique<LorunClient::FeatureTree>(producer, remote);
+        const std::string streamId = LorunClient::TextOf(producer, "DevGetDataStreamID", [&](char* text, size_t* size) {
+            return producer.DevGetDataStreamID(device, 0, text, size);
+        });
+        producer.Check(producer.DevOpenDataStream(device, streamId.c_str(), &stream), "DevOpenDataStream " + id);
+        producer.Check(producer.GCRegisterEvent(stream, EVENT_NEW_BUFFER, &newBuffer), "GCRegisterEvent " + id);
+        std::uint64_t frequency = 0;
+        INFO_DATATYPE type = 0;
+        size_t size = sizeof frequency;
+        if (producer.IFGetDeviceInfo(where.interface, id.c_str(), DEVICE_INFO_TIMESTAMP_FREQUENCY, &type, &frequency,
+                                     &size) == GC_ERR_SUCCESS &&
+            size == sizeof frequency)
+            ticksPerSecond = frequency;
+    } catch (...) {
+        features.reset();
+        if (newBuffer)
+            producer.GCUnregisterEvent(stream, EVENT_NEW_BUFFER);
+        if (stream)
+            producer.DSClose(stream);
+        producer.DevClose(device);
+        throw;
+    }
+}
+
+Camera::~Camera()
+{
+    Stop();
+    const std::lock_guard<std::mutex> lock(streamMutex);
+    for (const auto& entry : out) { // none when every frame came back, which owning us ensures
+        void* base = nullptr;
+        void* user = nullptr;
+        producer.DSRevokeBuffer(stream, entry.first, &base, &user);
+    }
+    features.reset();
+    producer.GCUnregisterEvent(stream, EVENT_NEW_BUFFER);
+    producer.DSClose(stream);
+    producer.DevClose(device);
+}
+
+void Camera::ApplyFeatures(const std::string& settings)
+{
+    const std::lock_guard<std::mutex> lock(featureMutex);
+    LorunClient::Apply(*features, LorunClient::ParseSettings(settings));
+}
+
+void Camera::Start(std::uint32_t bufferCount)
+{
+    const std::lock_guard<std::mutex> lock(streamMutex);
+    if (acquiring)
+        return;
+    size_t payload = 0;
+    INFO_DATATYPE type = 0;
+    size_t size = sizeof payload;
+    producer.Check(producer.DSGetInfo(stream, STREAM_INFO_PAYLOAD_SIZE, &type, &payload, &size),
+                   "DSGetInfo STREAM_INFO_PAYLOAD_SIZE " + id);
+    try {
+        for (std::uint32_t i = 0; i < bufferCount; ++i) {
+            BUFFER_HANDLE buffer = nullptr;
+            producer.Check(producer.DSAllocAndAnnounceBuffer(stream, payload, nullptr, &buffer),
+                           "DSAllocAndAnnounceBuffer " + id);
+            current.insert(buffer);
+            producer.Check(producer.DSQueueBuffer(stream, buffer), "DSQueueBuffer " + id);
+        }
+        producer.Check(producer.DSStartAcquisition(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE),
+                       "DSStartAcquisition " + id);
+    } catch (...) {
+        RevokeIdle();
+        throw;
+    }
+    acquiring = true;
+}
+
+void Camera::Stop()
+{
+    const std::lock_guard<std::mutex> lock(streamMutex);
+    if (acquiring)
+        producer.DSStopAcquisition(stream, ACQ_STOP_FLAGS_KILL);
+    acquiring = false;
+    RevokeIdle();
+}
+
+void Camera::RevokeIdle()
+{
+    producer.DSFlushQueue(stream, ACQ_QUEUE_ALL_DISCARD);
+    for (BUFFER_HANDLE buffer : current) {
+        if (out.count(buffer))
+            continue;
+        void* base = nullptr;
+        void* user = nullptr;
+        producer.DSRevokeBuffer(stream, buffer, &base, &user);
+    }
+    current.clear();
+    ++generation; // the frames still out belong to a set that is gone
+}
+
+WaitResult Camera::Wait(Frame& frame, std::uint64_t milliseconds)
+{
+    EVENT_NEW_BUFFER_DATA data{};
+    size_t size = sizeof data;
+    const GC_ERROR rc = producer.EventGetData(newBuffer, &data, &size, milliseconds);
+    if (rc == GC_ERR_TIMEOUT)
+        return WaitResult::Quiet;
+    if (rc == GC_ERR_ABORT)
+        return WaitResult::Interrupted;
+    if (rc != GC_ERR_SUCCESS)
+        throw CameraError(CameraErrorKind::Failed, rc,
+                          "EventGetData " + id + ": error " + std::to_string(rc) + ", " + producer.LastError());
+    frame = Frame{};
+    frame.handle = data.BufferHandle;
+    void* base = nullptr;
+    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_BASE, base);
+    frame.base = static_cast<std::uint8_t*>(base);
+    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_SIZE, frame.size);
+    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_SIZE_FILLED, frame.filled);
+    size_t width = 0, height = 0, padding = 0;
+    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_WIDTH, width);
+    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_HEIGHT, height);
+    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_XPADDING, padding);
+    frame.width = static_cast<std::uint32_t>(width);
+    frame.height = static_cast<std::uint32_t>(height);
+    frame.paddingX = static_cast<std::uint32_t>(padding);
+    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_PIXELFORMAT, frame.pixelFormat);
+    frame.hasFrameId = BufferInfo(producer, stream, frame.handle, BUFFER_INFO_FRAMEID, frame.frameId);
+    bool8_t incomplete = 0;
+    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_IS_INCOMPLETE, incomplete);
+    frame.incomplete = incomplete != 0;
+    frame.timestampNs = TimestampNs(frame.handle);
+    const std::lock_guard<std::mutex> lock(streamMutex);
+    frame.generation = generation;
+    out[frame.handle] = generation;
+    return WaitResult::Frame;
+}
+
+std::uint64_t Camera::TimestampNs(BUFFER_HANDLE buffer)
+{
+    std::uint64_t value = 0;
+    if (BufferInfo(producer, stream, buffer, BUFFER_INFO_TIMESTAMP_NS, value))
+        return value;
+    if (!BufferInfo(producer, stream, buffer, BUFFER_INFO_TIMESTAMP, value))
+        return 0;
+    if (ticksPerSecond == 0 || ticksPerSecond == 1000000000u)
+        return value;
+    // Whole seconds and the rest apart, so that no product overflows.
+    return value / ticksPerSecond * 1000000000u + value % ticksPerSecond * 1000000000u / ticksPerSecond;
+}
+
+void Camera::Interrupt() { producer.EventKill(newBuffer); }
+
+void Camera::Release(BUFFER_HANDLE handle, std::uint64_t frameGeneration)
+{
+    const std::lock_guard<std::mutex> lock(streamMutex);
+    if (!out.erase(handle))
+        return;
+    if (frameGeneration == generation) {
+        // Its set is acquiring: back into the input pool. Should the queueing
+        // fail, the buffer stays announced and goes with its set.
+        if (acquiring)
+            producer.DSQueueBuffer(stream, handle);
+        return;
+    }
+    void* base = nullptr;
+    void* user = nullptr;
+    producer.DSRevokeBuffer(stream, handle, &base, &user);
+}
+
+std::size_t Camera::FramesOut() const
+{
+    const std::lock_guard<std::mutex> lock(streamMutex);
+    return out.size();
+}
+
+bool Camera::Present() { return session->CameraPresent(where); }
+
+std::map<std::string, std::uint64_t> Camera::Statistics()
+{
+    std::map<std::string, std::uint64_t> counts;
+    const struct {
+        const char* name;
+        STREAM_INFO_CMD command;
+    } counters[] = {{"delivered", STREAM_INFO_NUM_DELIVERED},
+                    {"underrun", STREAM_INFO_NUM_UNDERRUN},
+                    {"announced", STREAM_INFO_NUM_ANNOUNCED},
+                    {"queued", STREAM_INFO_NUM_QUEUED},
+                    {"await-delivery", STREAM_INFO_NUM_AWAIT_DELIVERY},
+                    {"started", STREAM_INFO_NUM_STARTED}};
+    for (const auto& counter : counters) {
+        std::uint64_t value64 = 0;
+        size_t valueSize = 0;
+        if (StreamInfo(producer, stream, counter.command, value64))
+            counts[counter.name] = value64;
+        else if (StreamInfo(producer, stream, counter.command, valueSize))
+            counts[counter.name] = valueSize;
+    }
+    counts["out"] = FramesOut();
+    return counts;
+}
+
+}
