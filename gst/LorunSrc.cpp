@@ -85,6 +85,10 @@ struct LorunSrcState {
     std::mutex lock; // settings, camera, modes, negotiated; never held while waiting for a frame
     Settings settings;
     std::shared_ptr<Camera> camera;
+    // The camera of the last start, alive while frames of it are still
+    // downstream: a restart takes it up again instead of finding it busy.
+    std::weak_ptr<Camera> previous;
+    std::string previousKey; // the producer and choice it was opened with
     LorunGst::CameraModes modes;
     LorunGst::CapsChoice negotiated;
     GstVideoInfo video{};
@@ -253,11 +257,22 @@ gboolean Start(GstBaseSrc* source)
                           (nullptr));
         return FALSE;
     }
+    const std::string key = path + "\n" + settings.choice.deviceId + "\n" + settings.choice.serial + "\n" +
+                            std::to_string(settings.choice.index);
     try {
-        std::shared_ptr<Camera> camera = Camera::Open(path, settings.choice);
+        std::shared_ptr<Camera> camera;
+        {
+            const std::lock_guard<std::mutex> lock(state.lock);
+            if (state.previousKey == key)
+                camera = state.previous.lock();
+        }
+        if (!camera)
+            camera = Camera::Open(path, settings.choice);
         camera->ApplyFeatures(settings.features);
         LorunGst::CameraModes modes = camera->WithFeatures(LorunGst::ReadModes);
         const std::lock_guard<std::mutex> lock(state.lock);
+        state.previous = camera;
+        state.previousKey = key;
         state.camera = std::move(camera);
         state.modes = std::move(modes);
         state.negotiated = {};

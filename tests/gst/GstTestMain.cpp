@@ -1,0 +1,16 @@
+// The element's tests: GStreamer once per process, lorunsrc registered from
+// the code under test, and any GLib warning or critical fails the run.
+#include "gst/LorunSrc.h"
+
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+
+int main(int argc, char** argv)
+{
+    ::testing::InitGoogleTest(&argc, argv);
+    gst_init(&argc, &argv);
+    g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
+    if (!gst_element_register(nullptr, "lorunsrc", GST_RANK_NONE, LORUN_TYPE_SRC))
+        return 1;
+    return RUN_ALL_TESTS();
+}
