@@ -34,6 +34,11 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/packaging/libcsiConfigVer
 install(FILES ${PROJECT_BINARY_DIR}/packaging/libcsiConfig.cmake ${PROJECT_BINARY_DIR}/packaging/libcsiConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/libcsi COMPONENT development)
 
+# The GStreamer plugin, in the system's plugin folder.
+if(TARGET gstlorun)
+  install(TARGETS gstlorun LIBRARY DESTINATION ${LORUN_GST_PLUGIN_DIR} COMPONENT runtime)
+endif()
+
 # The consumer tool, an example description of the virtual camera, and the profile script.
 install(TARGETS lorun-gentl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/sim/examples/two-cameras.ini DESTINATION ${CMAKE_INSTALL_DATADIR}/lorun

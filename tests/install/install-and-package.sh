@@ -43,6 +43,22 @@ GENICAM_GENTL64_PATH=$root/lib/gentl LORUN_VIRTUAL_CAMERA=$work/cameras.ini \
   "$root/bin/lorun-gentl" grab -n 20 > "$work/grab.txt"
 grep -E '^Frames +20$' "$work/grab.txt"
 
+# The GStreamer plugin, found in the system's plugin folder of the prefix
+# (GStreamer's own list of system folders pointed there, GST_PLUGIN_PATH
+# unset) and loading the producer installed with it.
+plugins=""
+if [ -f "$build/gst/libgstlorun.so" ]; then
+  plugins=$(pkg-config --variable=pluginsdir gstreamer-1.0 | sed "s#^$(pkg-config --variable=prefix gstreamer-1.0)/##")
+  echo "== the installed GStreamer plugin ($plugins)"
+  (
+    unset GST_PLUGIN_PATH GST_PLUGIN_PATH_1_0 GENICAM_GENTL64_PATH GENICAM_GENTL32_PATH
+    export GST_PLUGIN_SYSTEM_PATH_1_0="$root/$plugins:/usr/$plugins" GST_REGISTRY_1_0="$work/registry.bin"
+    gst-inspect-1.0 lorunsrc | grep -q "$root/$plugins/libgstlorun.so"
+    LORUN_VIRTUAL_CAMERA=$work/cameras.ini \
+      gst-launch-1.0 -q lorunsrc num-buffers=5 ! fakesink
+  )
+fi
+
 echo "== the Debian package"
 (cd "$build" && cpack -G DEB -B "$work/package" >/dev/null)
 deb=$(ls "$work"/package/lorun-csi2_*.deb)
@@ -59,4 +75,8 @@ dpkg-deb -x "$deb" "$work/unpacked"
 grep -q '/usr/lib/gentl' "$work/unpacked/etc/profile.d/lorun-gentl.sh"
 GENICAM_GENTL64_PATH=$work/unpacked/usr/lib/gentl LORUN_VIRTUAL_CAMERA=$work/cameras.ini \
   LD_LIBRARY_PATH=$work/unpacked/usr/lib "$work/unpacked/usr/bin/lorun-gentl" grab -n 5 | grep -E '^Frames +5$'
+if [ -n "$plugins" ]; then
+  ls "$work/unpacked/usr/$plugins/libgstlorun.so" >/dev/null
+  echo "$depends" | grep -q libgstreamer || { echo "the package does not depend on GStreamer"; exit 1; }
+fi
 echo "install and package: ok"
