@@ -4,7 +4,11 @@ file(GLOB LORUN_CHECKED_HEADERS RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/base/*.h ${PROJECT_SOURCE_DIR}/support/*.h ${PROJECT_SOURCE_DIR}/libcsi/*.h
   ${PROJECT_SOURCE_DIR}/libcsi/include/libcsi/*.h ${PROJECT_SOURCE_DIR}/sim/*.h ${PROJECT_SOURCE_DIR}/framework/*.h
   ${PROJECT_SOURCE_DIR}/gencp/*.h ${PROJECT_SOURCE_DIR}/transport/*.h ${PROJECT_SOURCE_DIR}/modules/*.h
-  ${PROJECT_SOURCE_DIR}/entry/*.h)
+  ${PROJECT_SOURCE_DIR}/entry/*.h ${PROJECT_SOURCE_DIR}/client/*.h)
+if(TARGET lorun_gst)
+  file(GLOB LORUN_GST_HEADERS RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/gst/*.h)
+  list(APPEND LORUN_CHECKED_HEADERS ${LORUN_GST_HEADERS})
+endif()
 set(checks "")
 foreach(header ${LORUN_CHECKED_HEADERS})
   string(MAKE_C_IDENTIFIER ${header} name)
@@ -27,5 +31,5 @@ foreach(header ${LORUN_PUBLIC_C_HEADERS})
   list(APPEND checks ${check})
 endforeach()
 add_library(header_check OBJECT ${checks})
-target_link_libraries(header_check PRIVATE lorun_entry lorun_sim)
+target_link_libraries(header_check PRIVATE lorun_entry lorun_sim lorun_client $<TARGET_NAME_IF_EXISTS:lorun_gst>)
 target_compile_options(header_check PRIVATE $<$<COMPILE_LANGUAGE:C>:-std=c99 -pedantic-errors>)

@@ -8,4 +8,4 @@ cmake -S . -B "$dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DLORUN_CHECK_HEADERS=OF
 # Generated sources must exist before they are read.
 cmake --build "$dir" --target lorun_documents >/dev/null
 run-clang-tidy -quiet -p "$dir" -j"$(nproc)" \
-  "$PWD/(base|support|framework|gencp|transport|modules|entry|libcsi|sim|tools)/[^/]*\.cpp$"
+  "$PWD/(base|support|framework|gencp|transport|modules|entry|libcsi|sim|client|tools|gst)/[^/]*\.cpp$"

@@ -60,6 +60,8 @@ struct FormatCase {
     bool copied;      // the one conversion that copies
 };
 
+void PrintTo(const FormatCase& format, std::ostream* out) { *out << format.pixelFormat; }
+
 class Formats : public LorunSrcFixture, public ::testing::WithParamInterface<FormatCase> {};
 
 TEST_P(Formats, EveryPixelOfSeveralFramesIsTheCamerasPattern)
