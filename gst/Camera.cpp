@@ -1,40 +1,18 @@
 #include "gst/Camera.h"
 
+#include "client/InfoOf.h"
 #include "client/Settings.h"
 
 #include <sstream>
 
 namespace LorunGst {
 
+using LorunClient::BufferInfo;
 using LorunClient::ProducerError;
+using LorunClient::StreamInfo;
 using LorunClient::Session;
 
 namespace {
-
-template <class T>
-bool BufferInfo(LorunClient::GenTLProducer& producer, DS_HANDLE stream, BUFFER_HANDLE buffer, BUFFER_INFO_CMD command,
-                T& value)
-{
-    INFO_DATATYPE type = 0;
-    T read{};
-    size_t size = sizeof read;
-    if (producer.DSGetBufferInfo(stream, buffer, command, &type, &read, &size) != GC_ERR_SUCCESS || size != sizeof read)
-        return false;
-    value = read;
-    return true;
-}
-
-template <class T>
-bool StreamInfo(LorunClient::GenTLProducer& producer, DS_HANDLE stream, STREAM_INFO_CMD command, T& value)
-{
-    INFO_DATATYPE type = 0;
-    T read{};
-    size_t size = sizeof read;
-    if (producer.DSGetInfo(stream, command, &type, &read, &size) != GC_ERR_SUCCESS || size != sizeof read)
-        return false;
-    value = read;
-    return true;
-}
 
 std::string Describe(Session& session, const Session::Camera& camera)
 {

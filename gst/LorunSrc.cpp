@@ -3,6 +3,7 @@
 #include "client/ProducerPath.h"
 #include "gst/Camera.h"
 #include "gst/Caps.h"
+#include "gst/HandOver.h"
 #include "gst/TimestampMap.h"
 
 #include <gst/video/video.h>
@@ -77,11 +78,13 @@ struct OutgoingFrame {
     std::shared_ptr<Camera> camera;
     BUFFER_HANDLE handle;
     std::uint64_t generation;
+    const std::uint8_t* base;
 };
 
 void GiveBack(gpointer data)
 {
     std::unique_ptr<OutgoingFrame> frame(static_cast<OutgoingFrame*>(data));
+    LorunGst::TakeOver(frame->base); // from the last reader downstream
     frame->camera->Release(frame->handle, frame->generation);
 }
 
@@ -552,7 +555,8 @@ GstBuffer* BufferOf(LorunSrcState& state, const std::shared_ptr<Camera>& camera,
         const std::size_t imageBytes = stride * (frame.height - 1) + lineBytes;
         if (imageBytes > frame.size)
             return nullptr;
-        auto* outgoing = new OutgoingFrame{camera, frame.handle, frame.generation};
+        auto* outgoing = new OutgoingFrame{camera, frame.handle, frame.generation, frame.base};
+        LorunGst::HandOver(frame.base);
         buffer = gst_buffer_new();
         gst_buffer_append_memory(buffer, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, frame.base, frame.size, 0,
                                                                 imageBytes, outgoing, GiveBack));
@@ -563,6 +567,7 @@ GstBuffer* BufferOf(LorunSrcState& state, const std::shared_ptr<Camera>& camera,
         gst_buffer_map(buffer, &map, GST_MAP_WRITE);
         const bool unpacked = LorunGst::Unpack(format, frame.base, frame.filled, stride, frame.width, frame.height,
                                                map.data);
+        LorunGst::HandOver(map.data);
         gst_buffer_unmap(buffer, &map);
         camera->Release(frame.handle, frame.generation);
         if (!unpacked) {
@@ -683,6 +688,7 @@ GstFlowReturn Create(GstPushSrc* pushSource, GstBuffer** out)
                 state.discont = false;
                 ++state.counts.pushed;
             }
+            LorunGst::HandOver(buffer); // its fields and metas, as its bytes
             *out = buffer;
             return GST_FLOW_OK;
         }

@@ -1,6 +1,7 @@
 #include "tools/Grab.h"
 
 #include "client/FeatureTree.h"
+#include "client/InfoOf.h"
 
 #include <cerrno>
 #include <chrono>
@@ -23,22 +24,6 @@ struct Counts {
     std::uint64_t lastFrameId = 0;
     bool haveFrameId = false;
 };
-
-template <class T>
-bool StreamInfo(GenTLProducer& producer, DS_HANDLE stream, STREAM_INFO_CMD command, T& value)
-{
-    INFO_DATATYPE type = 0;
-    size_t size = sizeof value;
-    return producer.DSGetInfo(stream, command, &type, &value, &size) == GC_ERR_SUCCESS;
-}
-
-template <class T>
-bool BufferInfo(GenTLProducer& producer, DS_HANDLE stream, BUFFER_HANDLE buffer, BUFFER_INFO_CMD command, T& value)
-{
-    INFO_DATATYPE type = 0;
-    size_t size = sizeof value;
-    return producer.DSGetBufferInfo(stream, buffer, command, &type, &value, &size) == GC_ERR_SUCCESS;
-}
 
 void Progress(GenTLProducer& producer, DS_HANDLE stream, const Counts& counts, double seconds, bool terminal)
 {

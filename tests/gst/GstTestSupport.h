@@ -3,6 +3,7 @@
 // Pipelines of lorunsrc on the virtual camera for tests: each test describes
 // its cameras in a folder of its own, launches a pipeline, pulls samples and
 // reads what the bus said.
+#include "gst/HandOver.h"
 #include "tests/TestSupport.h"
 #include "tests/sim/CameraControl.h"
 
@@ -26,8 +27,37 @@ namespace LorunGstTest {
 
 namespace fs = boost::filesystem;
 
+// Reading a frame's bytes: each read takes them over from the element and
+// hands them back, as GStreamer's hidden locks do (see gst/HandOver.h).
 struct SampleUnref {
     void operator()(GstSample* sample) const { gst_sample_unref(sample); }
+};
+
+class MappedSample {
+public:
+    explicit MappedSample(GstSample* sample) : buffer(gst_sample_get_buffer(sample))
+    {
+        mapped = gst_buffer_map(buffer, &map, GST_MAP_READ);
+        if (mapped)
+            LorunGst::TakeOver(map.data);
+    }
+    ~MappedSample()
+    {
+        if (!mapped)
+            return;
+        LorunGst::HandOver(map.data);
+        gst_buffer_unmap(buffer, &map);
+    }
+    MappedSample(const MappedSample&) = delete;
+    MappedSample& operator=(const MappedSample&) = delete;
+    bool Mapped() const { return mapped; }
+    const std::uint8_t* Data() const { return map.data; }
+    std::size_t Size() const { return map.size; }
+
+private:
+    GstBuffer* buffer;
+    GstMapInfo map{};
+    bool mapped = false;
 };
 using Sample = std::unique_ptr<GstSample, SampleUnref>;
 
@@ -49,13 +79,10 @@ inline std::string CapsText(const GstCaps* caps)
 
 inline std::vector<std::uint8_t> Bytes(GstSample* sample)
 {
-    GstBuffer* buffer = gst_sample_get_buffer(sample);
-    GstMapInfo map;
-    if (!gst_buffer_map(buffer, &map, GST_MAP_READ))
+    MappedSample map(sample);
+    if (!map.Mapped())
         return {};
-    std::vector<std::uint8_t> bytes(map.data, map.data + map.size);
-    gst_buffer_unmap(buffer, &map);
-    return bytes;
+    return std::vector<std::uint8_t>(map.Data(), map.Data() + map.Size());
 }
 
 class Pipeline {
@@ -96,7 +123,10 @@ public:
     // The next sample of an appsink, or none after ten seconds.
     Sample Pull(const char* sink) const
     {
-        return Sample(gst_app_sink_try_pull_sample(GST_APP_SINK(Get(sink)), 10 * GST_SECOND * TimeScale()));
+        Sample sample(gst_app_sink_try_pull_sample(GST_APP_SINK(Get(sink)), 10 * GST_SECOND * TimeScale()));
+        if (sample)
+            LorunGst::TakeOver(gst_sample_get_buffer(sample.get()));
+        return sample;
     }
 
     std::map<std::string, std::uint64_t> Stats(const char* source) const

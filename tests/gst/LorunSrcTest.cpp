@@ -36,21 +36,20 @@ std::uint64_t WrongPixels(GstSample* sample, const QEL::Sim::PixelFormat& pixel)
     std::size_t stride = static_cast<std::size_t>(width) * pixel.samples * bytes;
     if (GstVideoMeta* meta = gst_buffer_get_video_meta(buffer))
         stride = static_cast<std::size_t>(meta->stride[0]);
-    GstMapInfo map;
-    if (!gst_buffer_map(buffer, &map, GST_MAP_READ))
+    MappedSample map(sample);
+    if (!map.Mapped())
         return ~0ull;
     std::uint64_t wrong = 0;
-    if (map.size < stride * static_cast<std::size_t>(height - 1) + static_cast<std::size_t>(width) * bytes)
+    if (map.Size() < stride * static_cast<std::size_t>(height - 1) + static_cast<std::size_t>(width) * bytes)
         wrong = ~0ull;
     for (int y = 0; y < height && !wrong; ++y)
         for (int x = 0; x < width; ++x)
             for (std::uint32_t s = 0; s < pixel.samples; ++s) {
-                const std::uint8_t* at = map.data + y * stride + (x * pixel.samples + s) * bytes;
+                const std::uint8_t* at = map.Data() + y * stride + (x * pixel.samples + s) * bytes;
                 const std::uint32_t value = sixteen ? static_cast<std::uint32_t>(at[0] | at[1] << 8) : at[0];
                 wrong += value != QEL::Sim::PatternSample(static_cast<std::uint32_t>(x), static_cast<std::uint32_t>(y),
                                                           s, GST_BUFFER_OFFSET(buffer), pixel, 0);
             }
-    gst_buffer_unmap(buffer, &map);
     return wrong;
 }
 
@@ -110,6 +109,7 @@ TEST_F(LorunSrcFixture, CapsComeFromTheCameraAndChoosingAFormatSetsIt)
     gst_harness_play(h);
     GstBuffer* buffer = gst_harness_pull(h);
     ASSERT_NE(nullptr, buffer);
+    LorunGst::TakeOver(buffer);
     offered = gst_pad_query_caps(pad, nullptr);
     const std::string text = CapsText(offered);
     gst_caps_unref(offered);
@@ -148,6 +148,7 @@ TEST_F(LorunSrcFixture, StampsDurationOffsetAndLatencyFollowTheFrameRate)
     for (int i = 0; i < 10; ++i) {
         GstBuffer* buffer = gst_harness_pull(h);
         ASSERT_NE(nullptr, buffer);
+        LorunGst::TakeOver(buffer);
         GstClock* clock = gst_element_get_clock(h->element);
         ASSERT_NE(nullptr, clock);
         const GstClockTime now = gst_clock_get_time(clock) - gst_element_get_base_time(h->element);
@@ -156,13 +157,15 @@ TEST_F(LorunSrcFixture, StampsDurationOffsetAndLatencyFollowTheFrameRate)
         ASSERT_TRUE(GST_CLOCK_TIME_IS_VALID(stamp));
         EXPECT_LE(stamp, now) << "stamped in the future";
         EXPECT_LT(now - stamp, GST_SECOND) << "stamped far in the past";
+        // A slow machine (a sanitizer build) may lose frames: a gap marks the buffer DISCONT.
+        const bool gap = i == 0 || GST_BUFFER_OFFSET(buffer) != previousOffset + 1;
         if (i > 0) {
             EXPECT_GT(stamp, previousStamp);
-            EXPECT_EQ(previousOffset + 1, GST_BUFFER_OFFSET(buffer)) << "frame IDs one by one";
+            EXPECT_GT(GST_BUFFER_OFFSET(buffer), previousOffset) << "frame IDs rise";
         }
         EXPECT_EQ(GST_SECOND / 50, GST_BUFFER_DURATION(buffer));
         EXPECT_EQ(GST_BUFFER_OFFSET(buffer) + 1, GST_BUFFER_OFFSET_END(buffer));
-        EXPECT_EQ(i == 0, GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT));
+        EXPECT_EQ(gap, GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT));
         GstReferenceTimestampMeta* device = gst_buffer_get_reference_timestamp_meta(buffer, nullptr);
         ASSERT_NE(nullptr, device);
         EXPECT_NE(0u, device->timestamp);
