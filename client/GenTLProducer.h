@@ -27,7 +27,7 @@ public:
     X(GCGetNumPortURLs) X(GCRegisterEvent) X(GCUnregisterEvent) X(EventGetData) X(EventGetDataInfo) X(EventKill)     \
     X(TLOpen) X(TLClose) X(TLUpdateInterfaceList) X(TLGetNumInterfaces) X(TLGetInterfaceID) X(TLOpenInterface)       \
     X(IFClose) X(IFUpdateDeviceList) X(IFGetNumDevices) X(IFGetDeviceID) X(IFGetDeviceInfo) X(IFOpenDevice)          \
-    X(DevGetPort) X(DevOpenDataStream) X(DevGetDataStreamID) X(DevClose) X(DSAllocAndAnnounceBuffer) X(DSFlushQueue) \
+    X(DevGetPort) X(DevOpenDataStream) X(DevGetDataStreamID) X(DevClose) X(DSAllocAndAnnounceBuffer) X(DSAnnounceBuffer) X(DSFlushQueue) \
     X(DSStartAcquisition) X(DSStopAcquisition) X(DSGetInfo) X(DSClose) X(DSRevokeBuffer) X(DSQueueBuffer)            \
     X(DSGetBufferInfo) X(DSGetBufferID)
 

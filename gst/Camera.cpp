@@ -3,6 +3,8 @@
 #include "client/InfoOf.h"
 #include "client/Settings.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <sstream>
 
 namespace LorunGst {
@@ -61,6 +63,10 @@ std::shared_ptr<Camera> Camera::Open(const std::string& producerPath, const Came
 {
     std::shared_ptr<Session> session = LorunClient::SharedSession(producerPath);
     const Session::Camera chosen = Choose(*session, choice);
+    // Listed but pulled out: the interface still names it until it is back.
+    if (session->CameraAccess(chosen) == DEVICE_ACCESS_STATUS_NOACCESS)
+        throw CameraError(CameraErrorKind::NotFound, GC_ERR_NOT_AVAILABLE,
+                          "The camera " + chosen.id + " is not available (pulled out?)");
     LorunClient::GenTLProducer& producer = session->Producer();
     DEV_HANDLE device = nullptr;
     const GC_ERROR rc = producer.IFOpenDevice(chosen.interface, chosen.id.c_str(), DEVICE_ACCESS_CONTROL, &device);
@@ -110,19 +116,34 @@ Camera::Camera(std::shared_ptr<LorunClient::Session> owner, const LorunClient::S
     }
 }
 
-Camera::~Camera()
+Camera::~Camera() { Close(); }
+
+void Camera::Close()
 {
-    Stop();
     const std::lock_guard<std::mutex> lock(streamMutex);
-    for (const auto& entry : out) { // none when every frame came back, which owning us ensures
-        void* base = nullptr;
-        void* user = nullptr;
-        producer.DSRevokeBuffer(stream, entry.first, &base, &user);
-    }
-    features.reset();
+    if (closed)
+        return;
+    if (acquiring)
+        producer.DSStopAcquisition(stream, ACQ_STOP_FLAGS_KILL);
+    acquiring = false;
+    producer.DSFlushQueue(stream, ACQ_QUEUE_ALL_DISCARD);
+    while (!memory.empty())
+        Revoke(memory.begin()->first);
+    current.clear();
+    out.clear();
+    ++generation;
     producer.GCUnregisterEvent(stream, EVENT_NEW_BUFFER);
     producer.DSClose(stream);
     producer.DevClose(device);
+    closed = true;
+}
+
+void Camera::Revoke(BUFFER_HANDLE buffer)
+{
+    void* base = nullptr;
+    void* user = nullptr;
+    producer.DSRevokeBuffer(stream, buffer, &base, &user);
+    memory.erase(buffer);
 }
 
 void Camera::ApplyFeatures(const std::string& settings)
@@ -136,16 +157,30 @@ void Camera::Start(std::uint32_t bufferCount)
     const std::lock_guard<std::mutex> lock(streamMutex);
     if (acquiring)
         return;
+    if (closed)
+        throw CameraError(CameraErrorKind::Lost, GC_ERR_NOT_AVAILABLE, "The camera " + id + " is closed.");
     size_t payload = 0;
     INFO_DATATYPE type = 0;
     size_t size = sizeof payload;
     producer.Check(producer.DSGetInfo(stream, STREAM_INFO_PAYLOAD_SIZE, &type, &payload, &size),
                    "DSGetInfo STREAM_INFO_PAYLOAD_SIZE " + id);
+    size_t alignment = 0;
+    StreamInfo(producer, stream, STREAM_INFO_BUF_ALIGNMENT, alignment);
+    alignment = std::max<size_t>(alignment, 64);
+    if (alignment & (alignment - 1))
+        throw CameraError(CameraErrorKind::Failed, GC_ERR_ERROR,
+                          "The stream of " + id + " asks for an alignment of " + std::to_string(alignment) + ".");
+    const size_t rounded = (payload + alignment - 1) / alignment * alignment;
     try {
         for (std::uint32_t i = 0; i < bufferCount; ++i) {
+            std::shared_ptr<void> block(std::aligned_alloc(alignment, rounded), std::free);
+            if (!block)
+                throw CameraError(CameraErrorKind::Failed, GC_ERR_RESOURCE_EXHAUSTED,
+                                  "Could not allocate " + std::to_string(rounded) + " bytes for a frame of " + id + ".");
             BUFFER_HANDLE buffer = nullptr;
-            producer.Check(producer.DSAllocAndAnnounceBuffer(stream, payload, nullptr, &buffer),
-                           "DSAllocAndAnnounceBuffer " + id);
+            producer.Check(producer.DSAnnounceBuffer(stream, block.get(), payload, nullptr, &buffer),
+                           "DSAnnounceBuffer " + id);
+            memory[buffer] = std::move(block);
             current.insert(buffer);
             producer.Check(producer.DSQueueBuffer(stream, buffer), "DSQueueBuffer " + id);
         }
@@ -161,6 +196,8 @@ void Camera::Start(std::uint32_t bufferCount)
 void Camera::Stop()
 {
     const std::lock_guard<std::mutex> lock(streamMutex);
+    if (closed)
+        return;
     if (acquiring)
         producer.DSStopAcquisition(stream, ACQ_STOP_FLAGS_KILL);
     acquiring = false;
@@ -170,13 +207,9 @@ void Camera::Stop()
 void Camera::RevokeIdle()
 {
     producer.DSFlushQueue(stream, ACQ_QUEUE_ALL_DISCARD);
-    for (BUFFER_HANDLE buffer : current) {
-        if (out.count(buffer))
-            continue;
-        void* base = nullptr;
-        void* user = nullptr;
-        producer.DSRevokeBuffer(stream, buffer, &base, &user);
-    }
+    for (BUFFER_HANDLE buffer : current)
+        if (!out.count(buffer))
+            Revoke(buffer);
     current.clear();
     ++generation; // the frames still out belong to a set that is gone
 }
@@ -215,6 +248,11 @@ WaitResult Camera::Wait(Frame& frame, std::uint64_t milliseconds)
     frame.timestampNs = TimestampNs(frame.handle);
     const std::lock_guard<std::mutex> lock(streamMutex);
     frame.generation = generation;
+    const auto block = memory.find(frame.handle);
+    if (block == memory.end() || frame.base != block->second.get())
+        throw CameraError(CameraErrorKind::Failed, GC_ERR_ERROR,
+                          "The stream of " + id + " delivered a buffer that was not announced.");
+    frame.memory = block->second;
     out[frame.handle] = generation;
     return WaitResult::Frame;
 }
@@ -232,12 +270,17 @@ std::uint64_t Camera::TimestampNs(BUFFER_HANDLE buffer)
     return value / ticksPerSecond * 1000000000u + value % ticksPerSecond * 1000000000u / ticksPerSecond;
 }
 
-void Camera::Interrupt() { producer.EventKill(newBuffer); }
+void Camera::Interrupt()
+{
+    const std::lock_guard<std::mutex> lock(streamMutex);
+    if (!closed)
+        producer.EventKill(newBuffer);
+}
 
 void Camera::Release(BUFFER_HANDLE handle, std::uint64_t frameGeneration)
 {
     const std::lock_guard<std::mutex> lock(streamMutex);
-    if (!out.erase(handle))
+    if (closed || !out.erase(handle))
         return;
     if (frameGeneration == generation) {
         // Its set is acquiring: back into the input pool. Should the queueing
@@ -246,9 +289,7 @@ void Camera::Release(BUFFER_HANDLE handle, std::uint64_t frameGeneration)
             producer.DSQueueBuffer(stream, handle);
         return;
     }
-    void* base = nullptr;
-    void* user = nullptr;
-    producer.DSRevokeBuffer(stream, handle, &base, &user);
+    Revoke(handle);
 }
 
 std::size_t Camera::FramesOut() const
@@ -257,11 +298,16 @@ std::size_t Camera::FramesOut() const
     return out.size();
 }
 
-bool Camera::Present() { return session->CameraPresent(where); }
+bool Camera::Present() { return !closed && session->CameraPresent(where); }
 
 std::map<std::string, std::uint64_t> Camera::Statistics()
 {
     std::map<std::string, std::uint64_t> counts;
+    {
+        const std::lock_guard<std::mutex> lock(streamMutex);
+        if (closed)
+            return counts;
+    }
     const struct {
         const char* name;
         STREAM_INFO_CMD command;

@@ -8,7 +8,9 @@
 // Lifetime: a Camera is shared. The element owns it while it streams and
 // every frame that left owns it too, so the stream, the device and the
 // producer stay open until the last frame is back, whatever the element does
-// meanwhile. Threads: Wait is for one thread at a time (the streaming thread);
+// meanwhile, unless Close ends them early (a camera pulled out). The frames'
+// memory is ours, not the producer's: announced to the stream, it outlives
+// the stream for whoever still holds a frame. Threads: Wait is for one thread at a time (the streaming thread);
 // Interrupt, Release, Stop and the feature calls for any thread. No lock of
 // ours is held while Wait waits.
 #include "client/FeatureTree.h"
@@ -57,6 +59,7 @@ struct Frame {
     std::uint64_t timestampNs = 0; // device clock
     bool incomplete = false;
     std::uint64_t generation = 0; // of the announced set it belongs to
+    std::shared_ptr<const void> memory; // keeps `base` valid, whatever the camera does
 };
 
 enum class WaitResult { Frame, Interrupted, Quiet };
@@ -89,7 +92,11 @@ public:
     void Start(std::uint32_t bufferCount);
     // Stops acquisition and revokes every buffer that is not out.
     void Stop();
+    // Stops, revokes every buffer, out or not, and closes the stream and the
+    // device now; frames out keep their memory. For a camera that is gone.
+    void Close();
     bool Acquiring() const { return acquiring; }
+    bool Closed() const { return closed; }
 
     // Waits up to `milliseconds` (GENTL_INFINITE: for ever) for the next
     // filled buffer; the frame is out until Release.
@@ -109,6 +116,7 @@ private:
     Camera(std::shared_ptr<LorunClient::Session> session, const LorunClient::Session::Camera& camera,
            DEV_HANDLE device);
     void RevokeIdle();
+    void Revoke(BUFFER_HANDLE buffer);
     std::uint64_t TimestampNs(BUFFER_HANDLE buffer);
 
     std::shared_ptr<LorunClient::Session> session;
@@ -127,8 +135,10 @@ private:
     mutable std::mutex streamMutex;
     std::atomic<bool> acquiring{false};
     std::uint64_t generation = 0;
+    std::atomic<bool> closed{false};
     std::set<BUFFER_HANDLE> current;      // announced for this generation
     std::map<BUFFER_HANDLE, std::uint64_t> out; // handed out, with their generation
+    std::map<BUFFER_HANDLE, std::shared_ptr<void>> memory; // of every announced buffer
 };
 
 }

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -53,6 +54,7 @@ enum Property {
     PROP_OFFSET_X,
     PROP_OFFSET_Y,
     PROP_STATS,
+    PROP_RECONNECT,
 };
 
 // Settings, written by the application's thread, read when the camera opens.
@@ -64,6 +66,7 @@ struct Settings {
     LorunCaptureError captureError = LORUN_CAPTURE_ERROR_SKIP;
     std::string features;
     gint offsetX = -1, offsetY = -1; // -1: as the camera has them
+    bool reconnect = false;
 };
 
 // What the streaming thread counts.
@@ -79,6 +82,7 @@ struct OutgoingFrame {
     BUFFER_HANDLE handle;
     std::uint64_t generation;
     const std::uint8_t* base;
+    std::shared_ptr<const void> memory; // the frame's bytes, even after the camera closed
 };
 
 void GiveBack(gpointer data)
@@ -104,6 +108,7 @@ struct LorunSrcState {
     bool isVideo = false; // video/x-raw, with a GstVideoMeta
     GstClockTime period = GST_CLOCK_TIME_NONE;
     std::atomic<bool> flushing{false};
+    std::condition_variable wake; // with `lock`: the wait for a camera to come back ends at an unlock
     LorunGst::TimestampMap timestamps{MaxFrameAgeNs};
     Counts counts;
     bool discont = true;
@@ -202,6 +207,7 @@ void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spe
     case PROP_CAPTURE_ERROR: settings.captureError = static_cast<LorunCaptureError>(g_value_get_enum(value)); break;
     case PROP_OFFSET_X: settings.offsetX = g_value_get_int(value); break;
     case PROP_OFFSET_Y: settings.offsetY = g_value_get_int(value); break;
+    case PROP_RECONNECT: settings.reconnect = g_value_get_boolean(value); break;
     case PROP_FEATURES: {
         settings.features = text();
         std::shared_ptr<Camera> camera = state.camera;
@@ -258,6 +264,7 @@ void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec)
     case PROP_FEATURES: g_value_set_string(value, settings.features.c_str()); break;
     case PROP_OFFSET_X: g_value_set_int(value, settings.offsetX); break;
     case PROP_OFFSET_Y: g_value_set_int(value, settings.offsetY); break;
+    case PROP_RECONNECT: g_value_set_boolean(value, settings.reconnect); break;
     default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec); break;
     }
 }
@@ -287,6 +294,8 @@ gboolean Start(GstBaseSrc* source)
             const std::lock_guard<std::mutex> lock(state.lock);
             if (state.previousKey == key)
                 camera = state.previous.lock();
+            if (camera && camera->Closed())
+                camera.reset();
         }
         if (!camera)
             camera = Camera::Open(path, settings.choice);
@@ -467,7 +476,11 @@ gboolean Query(GstBaseSrc* source, GstQuery* query)
 gboolean Unlock(GstBaseSrc* source)
 {
     LorunSrcState& state = StateOf(source);
-    state.flushing = true;
+    {
+        const std::lock_guard<std::mutex> lock(state.lock);
+        state.flushing = true;
+    }
+    state.wake.notify_all();
     if (std::shared_ptr<Camera> camera = CameraOf(state))
         camera->Interrupt();
     return TRUE;
@@ -555,7 +568,7 @@ GstBuffer* BufferOf(LorunSrcState& state, const std::shared_ptr<Camera>& camera,
         const std::size_t imageBytes = stride * (frame.height - 1) + lineBytes;
         if (imageBytes > frame.size)
             return nullptr;
-        auto* outgoing = new OutgoingFrame{camera, frame.handle, frame.generation, frame.base};
+        auto* outgoing = new OutgoingFrame{camera, frame.handle, frame.generation, frame.base, frame.memory};
         LorunGst::HandOver(frame.base);
         buffer = gst_buffer_new();
         gst_buffer_append_memory(buffer, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, frame.base, frame.size, 0,
@@ -592,6 +605,59 @@ GstCaps* DeviceClockCaps()
     return caps;
 }
 
+void PostCameraMessage(GstElement* element, const char* name, const std::string& id)
+{
+    GstStructure* info = gst_structure_new(name, "camera", G_TYPE_STRING, id.c_str(), nullptr);
+    gst_element_post_message(element, gst_message_new_element(GST_OBJECT(element), info));
+}
+
+// The camera is gone: say so, close it (frames still downstream keep their
+// memory), wait until it is back, open it again with the same caps and
+// features, say so, and mark the next buffer DISCONT.
+GstFlowReturn Reconnect(GstElement* element, LorunSrcState& state, std::shared_ptr<Camera>& camera)
+{
+    const std::string id = camera->Id();
+    GST_WARNING_OBJECT(element, "camera %s lost, waiting for it", id.c_str());
+    Settings settings;
+    LorunGst::CapsChoice negotiated;
+    {
+        const std::lock_guard<std::mutex> lock(state.lock);
+        settings = state.settings;
+        negotiated = state.negotiated;
+        state.camera.reset();
+    }
+    camera->Close();
+    camera.reset();
+    // Told once the old device is closed: a camera put back before that
+    // would meet the old device's last words.
+    PostCameraMessage(element, "lorun-camera-lost", id);
+    const std::string path = ProducerPathOf(settings);
+    const LorunGst::CameraChoice same{id, "", -1}; // whatever chose it first
+    for (;;) {
+        try {
+            std::shared_ptr<Camera> reopened = Camera::Open(path, same);
+            reopened->ApplyFeatures(settings.features);
+            Configure(*reopened, negotiated, settings);
+            {
+                const std::lock_guard<std::mutex> lock(state.lock);
+                state.camera = reopened;
+                state.previous = reopened;
+                state.timestamps.Reset();
+                state.discont = true;
+            }
+            camera = std::move(reopened);
+            PostCameraMessage(element, "lorun-camera-restored", id);
+            return GST_FLOW_OK;
+        } catch (const std::exception& e) {
+            // Not there yet, or not ready after power-on.
+            GST_DEBUG_OBJECT(element, "camera %s not back yet: %s", id.c_str(), e.what());
+        }
+        std::unique_lock<std::mutex> lock(state.lock);
+        if (state.wake.wait_for(lock, std::chrono::milliseconds(WaitSliceMs), [&] { return state.flushing.load(); }))
+            return GST_FLOW_FLUSHING;
+    }
+}
+
 GstFlowReturn Create(GstPushSrc* pushSource, GstBuffer** out)
 {
     GstElement* element = GST_ELEMENT(pushSource);
@@ -599,6 +665,7 @@ GstFlowReturn Create(GstPushSrc* pushSource, GstBuffer** out)
     std::shared_ptr<Camera> camera;
     guint timeoutMs;
     LorunCaptureError captureError;
+    bool reconnect;
     LorunGst::CapsChoice negotiated;
     GstVideoInfo video;
     bool isVideo;
@@ -608,6 +675,7 @@ GstFlowReturn Create(GstPushSrc* pushSource, GstBuffer** out)
         camera = state.camera;
         timeoutMs = state.settings.timeoutMs;
         captureError = state.settings.captureError;
+        reconnect = state.settings.reconnect;
         negotiated = state.negotiated;
         video = state.video;
         isVideo = state.isVideo;
@@ -618,7 +686,17 @@ GstFlowReturn Create(GstPushSrc* pushSource, GstBuffer** out)
     try {
         for (;;) {
             LorunGst::Frame frame;
-            const GstFlowReturn waited = WaitForFrame(element, state, *camera, timeoutMs, frame);
+            GstFlowReturn waited = GST_FLOW_OK;
+            try {
+                waited = WaitForFrame(element, state, *camera, timeoutMs, frame);
+            } catch (const CameraError& e) {
+                if (e.kind != CameraErrorKind::Lost || !reconnect)
+                    throw;
+                waited = Reconnect(element, state, camera);
+                if (waited != GST_FLOW_OK)
+                    return waited;
+                continue;
+            }
             if (waited != GST_FLOW_OK)
                 return waited;
             // Stamped at arrival: the pipeline clock now, minus the frame's age on the device clock.
@@ -764,6 +842,12 @@ static void lorun_src_class_init(LorunSrcClass* klass)
         objectClass, PROP_OFFSET_Y,
         g_param_spec_int("offset-y", "Offset Y", "OffsetY of the region of interest; -1: the camera's", -1, G_MAXINT,
                          -1, flags));
+    g_object_class_install_property(
+        objectClass, PROP_RECONNECT,
+        g_param_spec_boolean("reconnect", "Reconnect",
+                             "When the camera is pulled out, wait for it and go on (element messages "
+                             "lorun-camera-lost and lorun-camera-restored) instead of an error",
+                             FALSE, flags));
     g_object_class_install_property(
         objectClass, PROP_STATS,
         g_param_spec_boxed("stats", "Statistics", "The stream's counters and the element's", GST_TYPE_STRUCTURE,

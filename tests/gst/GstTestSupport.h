@@ -183,6 +183,14 @@ public:
         GstMessage* found = Await(matches);
         return found ? gst_message_get_structure(found) : nullptr;
     }
+    // Forgets what the bus said so far (long runs would keep it all).
+    void ForgetMessages()
+    {
+        Drain(0);
+        for (GstMessage* message : seen)
+            gst_message_unref(message);
+        seen.clear();
+    }
     bool SawQoS()
     {
         Drain(0);
