@@ -13,7 +13,7 @@ set(allowed_entry entry modules framework transport gencp libcsi-public support 
 set(allowed_client client base)
 set(allowed_tools tools client base)
 set(allowed_gst gst client base)
-set(allowed_bench bench entry libcsi libcsi-public sim support base)
+set(allowed_bench bench entry libcsi libcsi-public sim client gst support base)
 
 set(violations "")
 foreach(layer base support libcsi sim framework gencp transport modules entry client tools gst bench)

@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 [ -n "${LORUN_SKIP_DEPS:-}" ] || scripts/install-deps.sh
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DLORUN_SANITIZE= >/dev/null
-cmake --build build-bench -j"$(nproc)" --target libcsi_bench producer_bench >/dev/null
+cmake --build build-bench -j"$(nproc)" --target libcsi_bench producer_bench gst_bench >/dev/null
 {
   echo "# Benchmark results"
   echo
@@ -27,6 +27,9 @@ cmake --build build-bench -j"$(nproc)" --target libcsi_bench producer_bench >/de
   echo "## Calls, events, registers, cameras"
   echo
   build-bench/bench/producer_bench
+  echo "## The GStreamer element"
+  echo
+  build-bench/bench/gst_bench
   # What the tables mean, where a goal is missed and why: kept by hand beside the code.
   cat bench/reading.md
 } | tee bench/results.md
