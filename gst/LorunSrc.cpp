@@ -3,6 +3,7 @@
 #include "client/ProducerPath.h"
 #include "gst/Camera.h"
 #include "gst/Caps.h"
+#include "gst/DefaultProducer.h"
 #include "gst/HandOver.h"
 #include "gst/TimestampMap.h"
 
@@ -15,15 +16,6 @@
 #include <mutex>
 #include <string>
 
-#include <dlfcn.h>
-#include <unistd.h>
-
-#ifndef LORUN_PRODUCER_FROM_PLUGIN
-#define LORUN_PRODUCER_FROM_PLUGIN ""
-#endif
-#ifndef LORUN_BUILT_PRODUCER
-#define LORUN_BUILT_PRODUCER ""
-#endif
 
 GST_DEBUG_CATEGORY_STATIC(lorun_src_debug);
 #define GST_CAT_DEFAULT lorun_src_debug
@@ -169,24 +161,11 @@ void PostError(GstElement* element, const std::exception& failure)
     }
 }
 
-// The producer installed with this plugin, wherever the two were installed to.
-std::string InstalledProducer()
-{
-    Dl_info self{};
-    if (!*LORUN_PRODUCER_FROM_PLUGIN || !dladdr(reinterpret_cast<void*>(&InstalledProducer), &self) ||
-        !self.dli_fname)
-        return {};
-    std::string folder = self.dli_fname;
-    folder.erase(folder.find_last_of('/') + 1);
-    return folder + LORUN_PRODUCER_FROM_PLUGIN;
-}
-
 std::string ProducerPathOf(const Settings& settings)
 {
     if (!settings.producer.empty())
         return settings.producer;
-    std::string path = LorunClient::DefaultProducer(InstalledProducer());
-    return path.empty() ? LorunClient::DefaultProducer(LORUN_BUILT_PRODUCER) : path;
+    return LorunGst::DefaultProducer();
 }
 
 // ---- properties ----

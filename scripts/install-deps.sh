@@ -7,7 +7,7 @@ packages=(
   libtinyxml-dev liburiparser-dev
   libgtest-dev googletest
   libaravis-dev libusb-1.0-0-dev libpng-dev libboost-program-options-dev tmux
-  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-base-apps
   clang-tidy clang
 )
 missing=()

@@ -397,6 +397,85 @@ TEST_F(LorunSrcFixture, WithReconnectACameraPluggedInAgainStreamsOn)
     EXPECT_TRUE(pipeline.Error().empty()) << pipeline.Error();
 }
 
+TEST_F(LorunSrcFixture, TheDeviceProviderListsTheCamerasAsTheyComeAndGo)
+{
+    Describe("[camera0]\nserial_number = SA\nbus_timing = 0\n[camera1]\nnode = video1\nbus = 3\nserial_number = SB\n"
+             "bus_timing = 0\n");
+    // The provider loads the default producer: the first on the GenTL path.
+    const std::string folder = fs::path(LORUN_CTI_PATH).parent_path().string();
+    ::setenv("GENICAM_GENTL64_PATH", folder.c_str(), 1);
+    ::setenv("GENICAM_GENTL32_PATH", folder.c_str(), 1);
+    GstDeviceProvider* provider = gst_device_provider_factory_get_by_name("lorundeviceprovider");
+    ASSERT_NE(nullptr, provider);
+    auto names = [&] {
+        std::vector<std::string> shown;
+        GList* devices = gst_device_provider_get_devices(provider);
+        for (GList* d = devices; d; d = d->next) {
+            gchar* name = gst_device_get_display_name(GST_DEVICE(d->data));
+            shown.emplace_back(name);
+            g_free(name);
+        }
+        g_list_free_full(devices, gst_object_unref);
+        return shown;
+    };
+    // Probed without monitoring.
+    auto shown = names();
+    ASSERT_EQ(2u, shown.size());
+    EXPECT_NE(std::string::npos, shown[0].find("(SA)")) << shown[0];
+    // A device makes a lorunsrc for its camera.
+    GList* devices = gst_device_provider_get_devices(provider);
+    GstElement* element = gst_device_create_element(GST_DEVICE(g_list_last(devices)->data), nullptr);
+    g_list_free_full(devices, gst_object_unref);
+    ASSERT_NE(nullptr, element);
+    gchar* id = nullptr;
+    g_object_get(element, "device-id", &id, nullptr);
+    EXPECT_STREQ("DEV_VIRTUAL-CAMERA-0002", id);
+    g_free(id);
+    gst_object_unref(element);
+
+    ASSERT_TRUE(gst_device_provider_start(provider));
+    // Stopped whatever fails below: its thread must not outlive the test.
+    struct Stopper {
+        GstDeviceProvider* provider;
+        ~Stopper()
+        {
+            gst_device_provider_stop(provider);
+            gst_object_unref(provider);
+        }
+    } stopper{provider};
+    GstBus* bus = gst_device_provider_get_bus(provider);
+    // The next DEVICE_ADDED or DEVICE_REMOVED of the camera with that serial number.
+    auto awaitDevice = [&](GstMessageType type, const char* serial) {
+        const gint64 deadline = g_get_monotonic_time() + 10 * G_TIME_SPAN_SECOND * TimeScale();
+        while (g_get_monotonic_time() < deadline) {
+            GstMessage* message = gst_bus_timed_pop_filtered(bus, 100 * GST_MSECOND, type);
+            if (!message)
+                continue;
+            GstDevice* device = nullptr;
+            if (type == GST_MESSAGE_DEVICE_ADDED)
+                gst_message_parse_device_added(message, &device);
+            else
+                gst_message_parse_device_removed(message, &device);
+            gchar* name = gst_device_get_display_name(device);
+            const bool match = std::string(name).find(serial) != std::string::npos;
+            g_free(name);
+            gst_object_unref(device);
+            gst_message_unref(message);
+            if (match)
+                return true;
+        }
+        return false;
+    };
+    EXPECT_TRUE(awaitDevice(GST_MESSAGE_DEVICE_ADDED, "(SB)")) << "shown when monitoring starts";
+    Control("unplug camera1");
+    EXPECT_TRUE(awaitDevice(GST_MESSAGE_DEVICE_REMOVED, "(SB)"));
+    EXPECT_TRUE(Eventually([&] { return names().size() == 1; }));
+    Control("replug camera1");
+    EXPECT_TRUE(awaitDevice(GST_MESSAGE_DEVICE_ADDED, "(SB)"));
+    EXPECT_TRUE(Eventually([&] { return names().size() == 2; }));
+    gst_object_unref(bus);
+}
+
 TEST_F(LorunSrcFixture, ManyStartsAndStopsLeaveNothingBehind)
 {
     Describe("[camera0]\nwidth = 64\nheight = 8\nframe_rate = 0\nbus_timing = 0\n");
