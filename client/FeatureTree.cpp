@@ -122,7 +122,7 @@ void FeatureTree::Raise(const std::string& name, GError* error)
     throw ProducerError(code, text);
 }
 
-ArvGcFeatureNode* FeatureTree::Feature(const std::string& name)
+ArvGcFeatureNode* FeatureTree::Node(const std::string& name)
 {
     ArvGcNode* node = arv_gc_get_node(genicam, name.c_str());
     if (!node || !ARV_IS_GC_FEATURE_NODE(node))
@@ -138,7 +138,7 @@ bool FeatureTree::Has(const std::string& name)
 
 std::string FeatureTree::Get(const std::string& name)
 {
-    ArvGcFeatureNode* feature = Feature(name);
+    ArvGcFeatureNode* feature = Node(name);
     if (ARV_IS_GC_CATEGORY(feature) || ARV_IS_GC_COMMAND(feature))
         throw UsageError("'" + name + "' has no value");
     *lastFailure = Failure{};
@@ -151,7 +151,7 @@ std::string FeatureTree::Get(const std::string& name)
 
 void FeatureTree::Set(const std::string& name, const std::string& value)
 {
-    ArvGcFeatureNode* feature = Feature(name);
+    ArvGcFeatureNode* feature = Node(name);
     const ArvGcAccessMode mode = arv_gc_feature_node_get_actual_access_mode(feature);
     if (mode == ARV_GC_ACCESS_MODE_RO)
         throw ProducerError(GC_ERR_ACCESS_DENIED, name + " is read-only.");
@@ -164,7 +164,7 @@ void FeatureTree::Set(const std::string& name, const std::string& value)
 
 void FeatureTree::Execute(const std::string& name)
 {
-    ArvGcFeatureNode* feature = Feature(name);
+    ArvGcFeatureNode* feature = Node(name);
     if (!ARV_IS_GC_COMMAND(feature))
         throw UsageError("'" + name + "' is no command");
     *lastFailure = Failure{};
@@ -178,7 +178,7 @@ bool FeatureTree::Writable(const std::string& name)
 {
     if (!Has(name))
         return false;
-    ArvGcFeatureNode* feature = Feature(name);
+    ArvGcFeatureNode* feature = Node(name);
     GError* error = nullptr;
     const bool available = arv_gc_feature_node_is_available(feature, &error);
     g_clear_error(&error);
@@ -188,7 +188,7 @@ bool FeatureTree::Writable(const std::string& name)
 
 FeatureTree::IntegerRange FeatureTree::IntegerRangeOf(const std::string& name)
 {
-    ArvGcFeatureNode* feature = Feature(name);
+    ArvGcFeatureNode* feature = Node(name);
     if (!ARV_IS_GC_INTEGER(feature))
         throw UsageError("'" + name + "' is no integer");
     *lastFailure = Failure{};
@@ -206,7 +206,7 @@ FeatureTree::IntegerRange FeatureTree::IntegerRangeOf(const std::string& name)
 
 FeatureTree::FloatRange FeatureTree::FloatRangeOf(const std::string& name)
 {
-    ArvGcFeatureNode* feature = Feature(name);
+    ArvGcFeatureNode* feature = Node(name);
     if (!ARV_IS_GC_FLOAT(feature))
         throw UsageError("'" + name + "' is no float");
     *lastFailure = Failure{};
@@ -222,7 +222,7 @@ FeatureTree::FloatRange FeatureTree::FloatRangeOf(const std::string& name)
 
 std::vector<std::string> FeatureTree::Entries(const std::string& name)
 {
-    ArvGcFeatureNode* feature = Feature(name);
+    ArvGcFeatureNode* feature = Node(name);
     if (!ARV_IS_GC_ENUMERATION(feature))
         throw UsageError("'" + name + "' is no enumeration");
     *lastFailure = Failure{};
@@ -238,6 +238,58 @@ std::vector<std::string> FeatureTree::Entries(const std::string& name)
         entries.emplace_back(values[i]);
     g_free(values);
     return entries;
+}
+
+std::vector<FeatureTree::Feature> FeatureTree::Features()
+{
+    std::vector<Feature> features;
+    CollectFeatures("Root", 0, features);
+    return features;
+}
+
+void FeatureTree::CollectFeatures(const std::string& category, int depth, std::vector<Feature>& into)
+{
+    constexpr int MaxDepth = 32; // a document whose categories loop must not loop us
+    ArvGcNode* node = arv_gc_get_node(genicam, category.c_str());
+    if (depth > MaxDepth || !node || !ARV_IS_GC_CATEGORY(node))
+        return;
+    for (const GSList* entry = arv_gc_category_get_features(ARV_GC_CATEGORY(node)); entry; entry = entry->next) {
+        const std::string name = static_cast<const char*>(entry->data);
+        ArvGcNode* child = arv_gc_get_node(genicam, name.c_str());
+        if (!child || !ARV_IS_GC_FEATURE_NODE(child))
+            continue;
+        if (ARV_IS_GC_CATEGORY(child)) {
+            CollectFeatures(name, depth + 1, into);
+            continue;
+        }
+        Kind kind;
+        if (ARV_IS_GC_COMMAND(child))
+            kind = Kind::Command;
+        else if (ARV_IS_GC_ENUMERATION(child))
+            kind = Kind::Enumeration;
+        else if (ARV_IS_GC_BOOLEAN(child))
+            kind = Kind::Boolean;
+        else if (ARV_IS_GC_FLOAT(child))
+            kind = Kind::Float;
+        else if (ARV_IS_GC_INTEGER(child))
+            kind = Kind::Integer;
+        else if (ARV_IS_GC_STRING(child))
+            kind = Kind::String;
+        else
+            continue;
+        bool seen = false;
+        for (const Feature& feature : into)
+            seen |= feature.name == name;
+        if (seen)
+            continue;
+        ArvGcFeatureNode* feature = ARV_GC_FEATURE_NODE(child);
+        const char* description = arv_gc_feature_node_get_description(feature);
+        if (!description)
+            description = arv_gc_feature_node_get_tooltip(feature);
+        const ArvGcAccessMode mode = arv_gc_feature_node_get_actual_access_mode(feature);
+        into.push_back({name, kind, description ? description : name,
+                        mode == ARV_GC_ACCESS_MODE_RW || mode == ARV_GC_ACCESS_MODE_WO});
+    }
 }
 
 void FeatureTree::Print(std::ostream& out, bool all) { PrintCategory(out, "Root", 0, all); }

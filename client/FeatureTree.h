@@ -42,15 +42,27 @@ public:
     // The entries of an enumeration that are available now.
     std::vector<std::string> Entries(const std::string& name);
 
+    enum class Kind { Integer, Float, Boolean, Enumeration, String, Command };
+    struct Feature {
+        std::string name;
+        Kind kind;
+        std::string description;
+        bool writable; // by its access mode now
+    };
+    // Every feature under Root with a value or an action, in the document's
+    // order, each once; categories and nodes of other kinds left out.
+    std::vector<Feature> Features();
+
 private:
     struct Failure {
         GC_ERROR code = GC_ERR_SUCCESS;
         std::string text;
     };
-    ArvGcFeatureNode* Feature(const std::string& name);
+    ArvGcFeatureNode* Node(const std::string& name);
     // Throws for a set GError, naming the feature and the producer's own error.
     void Raise(const std::string& name, GError* error);
     void PrintCategory(std::ostream& out, const std::string& name, int depth, bool all);
+    void CollectFeatures(const std::string& category, int depth, std::vector<Feature>& into);
 
     GenTLProducer& producer;
     std::shared_ptr<Failure> lastFailure = std::make_shared<Failure>();

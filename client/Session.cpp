@@ -177,13 +177,29 @@ struct ProducerAndSession {
     Session session;
 };
 
+std::mutex sharedMutex;
+std::map<std::string, std::weak_ptr<ProducerAndSession>>* sharedSessions = nullptr; // never destroyed
+
+// A process that ends with a shared session still open (a pipeline never
+// freed) closes those libraries first, while the producers' own globals still
+// live: their threads must stop before those globals go.
+void CloseLeftSessions()
+{
+    const std::lock_guard<std::mutex> lock(sharedMutex);
+    for (auto& entry : *sharedSessions)
+        if (std::shared_ptr<ProducerAndSession> both = entry.second.lock())
+            both->producer.GCCloseLib();
+}
+
 }
 
 std::shared_ptr<Session> SharedSession(const std::string& path)
 {
-    static std::mutex mutex;
-    static std::map<std::string, std::weak_ptr<ProducerAndSession>> open;
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(sharedMutex);
+    const bool first = !sharedSessions;
+    if (first)
+        sharedSessions = new std::map<std::string, std::weak_ptr<ProducerAndSession>>();
+    auto& open = *sharedSessions;
     // The same file under two names is one library to dlopen: key by the resolved path.
     char resolved[PATH_MAX];
     const std::string key = realpath(path.c_str(), resolved) ? resolved : path;
@@ -191,6 +207,9 @@ std::shared_ptr<Session> SharedSession(const std::string& path)
     if (!both) {
         both = std::make_shared<ProducerAndSession>(key);
         open[key] = both;
+        // After the first producer's globals were made, so that it runs before they go.
+        if (first)
+            std::atexit(CloseLeftSessions);
     }
     return std::shared_ptr<Session>(both, &both->session);
 }

@@ -146,6 +146,23 @@ void Camera::Revoke(BUFFER_HANDLE buffer)
     memory.erase(buffer);
 }
 
+LorunClient::FeatureTree& Camera::Tree(Module module)
+{
+    switch (module) {
+    case Module::Device:
+        if (!deviceFeatures)
+            deviceFeatures = std::make_unique<LorunClient::FeatureTree>(producer, device);
+        return *deviceFeatures;
+    case Module::Stream:
+        if (!streamFeatures)
+            streamFeatures = std::make_unique<LorunClient::FeatureTree>(producer, stream);
+        return *streamFeatures;
+    case Module::Remote:
+        break;
+    }
+    return *features;
+}
+
 void Camera::ApplyFeatures(const std::string& settings)
 {
     const std::lock_guard<std::mutex> lock(featureMutex);

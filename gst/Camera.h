@@ -64,6 +64,9 @@ struct Frame {
 
 enum class WaitResult { Frame, Interrupted, Quiet };
 
+// The GenTL modules of a camera whose GenApi documents the element shows.
+enum class Module { Remote, Device, Stream };
+
 class Camera {
 public:
     // Loads (or shares) the producer and opens the chosen camera for control.
@@ -76,12 +79,18 @@ public:
 
     const std::string& Id() const { return id; }
 
-    // The remote device's GenApi document; calls are serialised.
+    // A module's GenApi document (the camera's own by default), read when
+    // first asked for; calls are serialised.
     template <class Call>
     auto WithFeatures(Call call)
     {
+        return WithFeatures(Module::Remote, call);
+    }
+    template <class Call>
+    auto WithFeatures(Module module, Call call)
+    {
         const std::lock_guard<std::mutex> lock(featureMutex);
-        return call(*features);
+        return call(Tree(module));
     }
     // "Name=Value Name=Value ..." written in order; the first refusal throws.
     void ApplyFeatures(const std::string& settings);
@@ -116,6 +125,7 @@ private:
     Camera(std::shared_ptr<LorunClient::Session> session, const LorunClient::Session::Camera& camera,
            DEV_HANDLE device);
     void RevokeIdle();
+    LorunClient::FeatureTree& Tree(Module module); // featureMutex held
     void Revoke(BUFFER_HANDLE buffer);
     std::uint64_t TimestampNs(BUFFER_HANDLE buffer);
 
@@ -130,6 +140,7 @@ private:
 
     std::mutex featureMutex;
     std::unique_ptr<LorunClient::FeatureTree> features;
+    std::unique_ptr<LorunClient::FeatureTree> deviceFeatures, streamFeatures;
 
     // Guards the buffer sets and the acquisition state; never held in Wait.
     mutable std::mutex streamMutex;

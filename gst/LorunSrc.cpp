@@ -4,6 +4,7 @@
 #include "gst/Camera.h"
 #include "gst/Caps.h"
 #include "gst/DefaultProducer.h"
+#include "gst/FeatureObject.h"
 #include "gst/HandOver.h"
 #include "gst/TimestampMap.h"
 
@@ -86,6 +87,24 @@ void GiveBack(gpointer data)
 
 }
 
+// A feature written through a child property: kept, in order, and written
+// again at every start.
+struct ChildSetting {
+    LorunGst::Module module;
+    std::string name, value;
+};
+
+constexpr const char* ChildNames[] = {"cam", "device", "stream"};
+constexpr LorunGst::Module ChildModules[] = {LorunGst::Module::Remote, LorunGst::Module::Device,
+                                             LorunGst::Module::Stream};
+
+struct LorunSrcState;
+// What a child's properties reach; the element ends it when it goes.
+struct ChildAccess {
+    GstElement* element;
+    LorunSrcState* state;
+};
+
 struct LorunSrcState {
     std::mutex lock; // settings, camera, modes, negotiated; never held while waiting for a frame
     Settings settings;
@@ -94,6 +113,14 @@ struct LorunSrcState {
     // downstream: a restart takes it up again instead of finding it busy.
     std::weak_ptr<Camera> previous;
     std::string previousKey; // the producer and choice it was opened with
+    // Opened in NULL or READY to show the camera's features as child
+    // properties (a pipeline sets them before it starts); start takes it up.
+    std::shared_ptr<Camera> idle;
+    std::string idleKey;
+    std::vector<ChildSetting> childSettings;
+    std::mutex childLock; // making the children; taken before `lock`
+    GObject* children[3] = {};
+    std::shared_ptr<ChildAccess> access;
     LorunGst::CameraModes modes;
     LorunGst::CapsChoice negotiated;
     GstVideoInfo video{};
@@ -111,7 +138,12 @@ struct _LorunSrc {
     LorunSrcState* state;
 };
 
-G_DEFINE_TYPE(LorunSrc, lorun_src, GST_TYPE_PUSH_SRC)
+namespace {
+void ChildProxyInit(gpointer interface, gpointer);
+}
+
+G_DEFINE_TYPE_WITH_CODE(LorunSrc, lorun_src, GST_TYPE_PUSH_SRC,
+                        G_IMPLEMENT_INTERFACE(GST_TYPE_CHILD_PROXY, ChildProxyInit))
 
 GType lorun_capture_error_get_type(void)
 {
@@ -166,6 +198,11 @@ std::string ProducerPathOf(const Settings& settings)
     if (!settings.producer.empty())
         return settings.producer;
     return LorunGst::DefaultProducer();
+}
+
+std::string KeyOf(const std::string& path, const LorunGst::CameraChoice& choice)
+{
+    return path + "\n" + choice.deviceId + "\n" + choice.serial + "\n" + std::to_string(choice.index);
 }
 
 // ---- properties ----
@@ -265,20 +302,32 @@ gboolean Start(GstBaseSrc* source)
                           (nullptr));
         return FALSE;
     }
-    const std::string key = path + "\n" + settings.choice.deviceId + "\n" + settings.choice.serial + "\n" +
-                            std::to_string(settings.choice.index);
+    const std::string key = KeyOf(path, settings.choice);
     try {
         std::shared_ptr<Camera> camera;
         {
             const std::lock_guard<std::mutex> lock(state.lock);
             if (state.previousKey == key)
                 camera = state.previous.lock();
+            if (!camera && state.idle && state.idleKey == key)
+                camera = state.idle;
+            state.idle.reset();
             if (camera && camera->Closed())
                 camera.reset();
         }
         if (!camera)
             camera = Camera::Open(path, settings.choice);
         camera->ApplyFeatures(settings.features);
+        std::vector<ChildSetting> childSettings;
+        {
+            const std::lock_guard<std::mutex> lock(state.lock);
+            childSettings = state.childSettings;
+        }
+        for (const ChildSetting& setting : childSettings)
+            camera->WithFeatures(setting.module, [&](LorunClient::FeatureTree& features) {
+                features.Set(setting.name, setting.value);
+                return 0;
+            });
         LorunGst::CameraModes modes = camera->WithFeatures(LorunGst::ReadModes);
         const std::lock_guard<std::mutex> lock(state.lock);
         state.previous = camera;
@@ -755,11 +804,136 @@ GstFlowReturn Create(GstPushSrc* pushSource, GstBuffer** out)
     }
 }
 
+// ---- child properties: the features of the camera's modules ----
+
+// The camera that child properties reach now: the streaming one, else one
+// opened for them.
+std::shared_ptr<Camera> ChildCamera(LorunSrcState& state)
+{
+    const std::lock_guard<std::mutex> lock(state.lock);
+    return state.camera ? state.camera : state.idle;
+}
+
+LorunGst::FeatureAccess AccessTo(const std::shared_ptr<ChildAccess>& access, LorunGst::Module module)
+{
+    const std::weak_ptr<ChildAccess> weak = access;
+    auto withTree = [weak, module](auto call) {
+        const std::shared_ptr<ChildAccess> alive = weak.lock();
+        std::shared_ptr<Camera> camera = alive ? ChildCamera(*alive->state) : nullptr;
+        if (!camera)
+            throw CameraError(CameraErrorKind::NotFound, GC_ERR_NOT_AVAILABLE, "The camera is not open.");
+        return camera->WithFeatures(module, call);
+    };
+    LorunGst::FeatureAccess features;
+    features.get = [withTree](const std::string& name) {
+        return withTree([&](LorunClient::FeatureTree& tree) { return tree.Get(name); });
+    };
+    features.set = [weak, module, withTree](const std::string& name, const std::string& value) {
+        const std::shared_ptr<ChildAccess> alive = weak.lock();
+        if (!alive)
+            return;
+        {
+            const std::lock_guard<std::mutex> lock(alive->state->lock);
+            alive->state->childSettings.push_back({module, name, value});
+        }
+        try {
+            withTree([&](LorunClient::FeatureTree& tree) {
+                tree.Set(name, value);
+                return 0;
+            });
+        } catch (const std::exception& e) {
+            GST_ELEMENT_WARNING(alive->element, RESOURCE, SETTINGS, ("%s", e.what()), (nullptr));
+        }
+    };
+    features.execute = [weak, withTree](const std::string& name) {
+        try {
+            withTree([&](LorunClient::FeatureTree& tree) {
+                tree.Execute(name);
+                return 0;
+            });
+        } catch (const std::exception& e) {
+            if (const std::shared_ptr<ChildAccess> alive = weak.lock())
+                GST_ELEMENT_WARNING(alive->element, RESOURCE, SETTINGS, ("%s", e.what()), (nullptr));
+        }
+    };
+    return features;
+}
+
+// Makes the three children once, opening the camera if it is not open: their
+// properties are the features of its documents.
+bool EnsureChildren(LorunSrc* self)
+{
+    LorunSrcState& state = *self->state;
+    const std::lock_guard<std::mutex> childLock(state.childLock);
+    if (state.children[0])
+        return true;
+    std::shared_ptr<Camera> camera = ChildCamera(state);
+    if (!camera) {
+        Settings settings;
+        {
+            const std::lock_guard<std::mutex> lock(state.lock);
+            settings = state.settings;
+        }
+        const std::string path = ProducerPathOf(settings);
+        try {
+            camera = Camera::Open(path, settings.choice);
+        } catch (const std::exception& e) {
+            GST_WARNING_OBJECT(self, "no camera to show the features of: %s", e.what());
+            return false;
+        }
+        const std::lock_guard<std::mutex> lock(state.lock);
+        state.idle = camera;
+        state.idleKey = KeyOf(path, settings.choice);
+    }
+    for (std::size_t i = 0; i < 3; ++i) {
+        std::vector<LorunClient::FeatureTree::Feature> features;
+        try {
+            features = camera->WithFeatures(ChildModules[i],
+                                            [](LorunClient::FeatureTree& tree) { return tree.Features(); });
+        } catch (const std::exception& e) {
+            GST_WARNING_OBJECT(self, "the %s module's features: %s", ChildNames[i], e.what());
+        }
+        state.children[i] = LorunGst::NewFeatureObject(ChildNames[i], features, AccessTo(state.access, ChildModules[i]));
+    }
+    return true;
+}
+
+GObject* ChildByName(GstChildProxy* proxy, const gchar* name)
+{
+    LorunSrc* self = LORUN_SRC(proxy);
+    for (std::size_t i = 0; i < 3; ++i)
+        if (g_strcmp0(name, ChildNames[i]) == 0)
+            return EnsureChildren(self) ? G_OBJECT(g_object_ref(self->state->children[i])) : nullptr;
+    return nullptr;
+}
+
+GObject* ChildByIndex(GstChildProxy* proxy, guint index)
+{
+    LorunSrc* self = LORUN_SRC(proxy);
+    if (index >= 3 || !EnsureChildren(self))
+        return nullptr;
+    return G_OBJECT(g_object_ref(self->state->children[index]));
+}
+
+guint ChildrenCount(GstChildProxy*) { return 3; }
+
+void ChildProxyInit(gpointer interface, gpointer)
+{
+    auto* proxy = static_cast<GstChildProxyInterface*>(interface);
+    proxy->get_child_by_name = ChildByName;
+    proxy->get_child_by_index = ChildByIndex;
+    proxy->get_children_count = ChildrenCount;
+}
+
 // ---- the class ----
 
 void Finalize(GObject* object)
 {
     LorunSrc* self = LORUN_SRC(object);
+    self->state->access.reset();
+    for (GObject*& child : self->state->children)
+        if (child)
+            g_object_unref(child);
     delete self->state;
     self->state = nullptr;
     G_OBJECT_CLASS(lorun_src_parent_class)->finalize(object);
@@ -854,6 +1028,7 @@ static void lorun_src_class_init(LorunSrcClass* klass)
 static void lorun_src_init(LorunSrc* self)
 {
     self->state = new LorunSrcState();
+    self->state->access = std::make_shared<ChildAccess>(ChildAccess{GST_ELEMENT(self), self->state});
     gst_base_src_set_live(GST_BASE_SRC(self), TRUE);
     gst_base_src_set_format(GST_BASE_SRC(self), GST_FORMAT_TIME);
     gst_base_src_set_do_timestamp(GST_BASE_SRC(self), FALSE);

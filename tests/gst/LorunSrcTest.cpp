@@ -326,6 +326,44 @@ TEST_F(LorunSrcFixture, FeaturesAreWrittenInOrderAtStartAndWhileStreaming)
     }));
 }
 
+TEST_F(LorunSrcFixture, EveryFeatureIsAChildProperty)
+{
+    Describe("[camera0]\nserial_number = SA\nwidth = 64\nheight = 8\nframe_rate = 0\nbus_timing = 0\n");
+    // Set in the launch line, before the pipeline starts: written at start, after `features`.
+    Pipeline pipeline(Launch("lorunsrc name=src features=TestPattern=Off " + Producer() +
+                             " cam::TestPattern=GreyHorizontalRamp cam::Width=32 ! appsink name=sink max-buffers=2 "
+                             "drop=true"));
+    GstElement* source = pipeline.Get("src");
+    ASSERT_TRUE(GST_IS_CHILD_PROXY(source));
+    GValue value = G_VALUE_INIT;
+    gst_child_proxy_get_property(GST_CHILD_PROXY(source), "device::DeviceID", &value);
+    EXPECT_STREQ("DEV_VIRTUAL-CAMERA-0001", g_value_get_string(&value)) << "the device module's document";
+    g_value_unset(&value);
+    ASSERT_TRUE(pipeline.Play()) << pipeline.Error();
+    Sample sample(pipeline.Pull("sink"));
+    ASSERT_TRUE(sample);
+    EXPECT_NE(std::string::npos, CapsText(gst_sample_get_caps(sample.get())).find("width=(int)32"));
+    const auto bytes = Bytes(sample.get());
+    ASSERT_EQ(32u * 8u, bytes.size());
+    EXPECT_EQ(7, bytes[7]);
+    EXPECT_EQ(7, bytes[32 + 7]) << "a horizontal ramp: the child property came after `features`";
+    // While playing: written at once, read back from the camera.
+    gst_child_proxy_set(GST_CHILD_PROXY(source), "cam::Gain", 6.5, nullptr);
+    gdouble gain = 0;
+    gst_child_proxy_get(GST_CHILD_PROXY(source), "cam::Gain", &gain, nullptr);
+    EXPECT_DOUBLE_EQ(6.5, gain);
+    gint64 width = 0;
+    gst_child_proxy_get(GST_CHILD_PROXY(source), "cam::Width", &width, nullptr);
+    EXPECT_EQ(32, width);
+    gst_child_proxy_get_property(GST_CHILD_PROXY(source), "stream::StatFrameDelivered", &value);
+    EXPECT_GT(g_value_get_int64(&value), 0) << "the stream module's statistics";
+    g_value_unset(&value);
+    // A value the camera refuses is a warning on the bus, not a crash or a silent change.
+    gst_child_proxy_set(GST_CHILD_PROXY(source), "cam::Gain", 1000.0, nullptr);
+    gst_child_proxy_get(GST_CHILD_PROXY(source), "cam::Gain", &gain, nullptr);
+    EXPECT_DOUBLE_EQ(6.5, gain);
+}
+
 TEST_F(LorunSrcFixture, LostFramesAreCountedAndTold)
 {
     Describe("[camera0]\nwidth = 64\nheight = 8\nframe_rate = 0\nbus_timing = 0\n");
