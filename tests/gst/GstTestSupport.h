@@ -191,11 +191,13 @@ public:
             gst_message_unref(message);
         seen.clear();
     }
-    bool SawQoS()
+    bool SawQoS() { return Saw(GST_MESSAGE_QOS); }
+    bool SawLatency() { return Saw(GST_MESSAGE_LATENCY); }
+    bool Saw(GstMessageType type)
     {
         Drain(0);
         for (GstMessage* message : seen)
-            if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_QOS)
+            if (GST_MESSAGE_TYPE(message) == type)
                 return true;
         return false;
     }

@@ -185,6 +185,33 @@ TEST_F(LorunSrcFixture, StampsDurationOffsetAndLatencyFollowTheFrameRate)
     gst_harness_teardown(h);
 }
 
+TEST_F(LorunSrcFixture, NewCapsWhilePlayingRestartTheCameraAndTellTheLatency)
+{
+    Describe("[camera0]\nwidth = 64\nheight = 8\nframe_rate = 30\nbus_timing = 0\n");
+    Pipeline pipeline(Launch("lorunsrc name=src " + Producer() +
+                             " ! capsfilter name=filter caps=video/x-raw,framerate=25/1 ! appsink name=sink "
+                             "max-buffers=1 drop=true"));
+    ASSERT_TRUE(pipeline.Play());
+    Sample first(pipeline.Pull("sink"));
+    ASSERT_TRUE(first);
+    EXPECT_EQ(GST_SECOND / 25, GST_BUFFER_DURATION(gst_sample_get_buffer(first.get())));
+    pipeline.ForgetMessages();
+    GstCaps* faster = gst_caps_from_string("video/x-raw,framerate=50/1,width=32");
+    g_object_set(pipeline.Get("filter"), "caps", faster, nullptr);
+    gst_caps_unref(faster);
+    // The first frame is held while the camera restarts with the new size: it
+    // stays intact, and then frames come at the new rate and size.
+    const auto before = Bytes(first.get());
+    ASSERT_TRUE(Eventually([&] {
+        Sample next(pipeline.Pull("sink"));
+        return next && GST_BUFFER_DURATION(gst_sample_get_buffer(next.get())) == GST_SECOND / 50 &&
+               Bytes(next.get()).size() == 32u * 8u;
+    })) << pipeline.Error();
+    EXPECT_EQ(before, Bytes(first.get()));
+    EXPECT_TRUE(pipeline.SawLatency()) << "a new frame period is a new latency";
+    EXPECT_TRUE(pipeline.Error().empty()) << pipeline.Error();
+}
+
 TEST_F(LorunSrcFixture, HeldFramesNeverChangeAndOutliveTheElement)
 {
     // The camera runs as fast as buffers come back: with half of them held it
