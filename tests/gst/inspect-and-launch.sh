@@ -24,4 +24,12 @@ if grep -E "CRITICAL|WARNING" "$work/launch.txt"; then exit 1; fi
 count=$(ls "$work" | grep -c '^frame-.*\.png$')
 [ "$count" -eq 300 ] || { echo "$count images, not 300"; exit 1; }
 [ "$(head -c 4 "$work/frame-299.png" | tail -c 3)" = "PNG" ] || { echo "frame-299.png is no PNG image"; exit 1; }
+# No camera at all: an element error that says so, and no critical or warning.
+printf '[system]\nstate = none\n' > "$work/none.ini"
+if LORUN_VIRTUAL_CAMERA="$work/none.ini" gst-launch-1.0 lorunsrc producer="$producer" ! fakesink \
+  > "$work/none.txt" 2>&1; then
+  echo "a pipeline without a camera ran"; exit 1
+fi
+grep -q "No camera" "$work/none.txt" || { cat "$work/none.txt"; exit 1; }
+if grep -E "CRITICAL|WARNING" "$work/none.txt"; then exit 1; fi
 echo "inspect and launch: ok"
