@@ -47,10 +47,11 @@ Session::Camera Choose(Session& session, const CameraChoice& choice)
                               "No camera at index " + std::to_string(choice.index) + "; " + ListOf(session, cameras));
         return left[static_cast<std::size_t>(choice.index)];
     }
+    if (cameras.empty())
+        throw CameraError(CameraErrorKind::NotFound, GC_ERR_NOT_AVAILABLE, "No camera found.");
     if (left.empty())
         throw CameraError(CameraErrorKind::NotFound, GC_ERR_NOT_AVAILABLE,
-                          std::string(narrowed ? "No camera matches the choice" : "No camera") + "; " +
-                              ListOf(session, cameras));
+                          "No camera matches the choice; " + ListOf(session, cameras));
     if (left.size() > 1 && narrowed)
         throw CameraError(CameraErrorKind::NotFound, GC_ERR_INVALID_PARAMETER,
                           "The choice matches " + std::to_string(left.size()) + " cameras; " + ListOf(session, left));
