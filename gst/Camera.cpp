@@ -124,15 +124,10 @@ void Camera::Close()
     const std::lock_guard<std::mutex> lock(streamMutex);
     if (closed)
         return;
-    if (acquiring)
-        producer.DSStopAcquisition(stream, ACQ_STOP_FLAGS_KILL);
-    acquiring = false;
-    producer.DSFlushQueue(stream, ACQ_QUEUE_ALL_DISCARD);
-    while (!memory.empty())
+    StopLocked();
+    while (!memory.empty()) // the frames out too: they keep their memory
         Revoke(memory.begin()->first);
-    current.clear();
     out.clear();
-    ++generation;
     producer.GCUnregisterEvent(stream, EVENT_NEW_BUFFER);
     producer.DSClose(stream);
     producer.DevClose(device);
@@ -214,8 +209,12 @@ void Camera::Start(std::uint32_t bufferCount)
 void Camera::Stop()
 {
     const std::lock_guard<std::mutex> lock(streamMutex);
-    if (closed)
-        return;
+    if (!closed)
+        StopLocked();
+}
+
+void Camera::StopLocked()
+{
     if (acquiring)
         producer.DSStopAcquisition(stream, ACQ_STOP_FLAGS_KILL);
     acquiring = false;

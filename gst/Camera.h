@@ -124,6 +124,7 @@ public:
 private:
     Camera(std::shared_ptr<LorunClient::Session> session, const LorunClient::Session::Camera& camera,
            DEV_HANDLE device);
+    void StopLocked(); // streamMutex held
     void RevokeIdle();
     LorunClient::FeatureTree& Tree(Module module); // featureMutex held
     void Revoke(BUFFER_HANDLE buffer);
