@@ -225,9 +225,7 @@ void DataStream::AddRegisters()
             SharedMutexGuard guard(raw->streamChannel->GetMutex());
             if (raw->streamChannel->IsStreaming())
                 throw Exception("Cannot change stream payload size mode while streaming.", GC_ERR_NOT_AVAILABLE);
-            auto manual = std::dynamic_pointer_cast<ULongRegister>(raw->GetRegister(ManualPayloadSizeAddress));
-            if (!manual)
-                throw Exception("Could not get manual stream payload size register.", GC_ERR_ERROR);
+            auto manual = raw->ManualSizeRegister();
             if (value == TransportLayer::StreamChannel::Auto || value == TransportLayer::StreamChannel::PayloadSize) {
                 manual->SetAccessMode(Base::AccessNone);
                 manual->ResetValue();
@@ -256,9 +254,7 @@ void DataStream::AddRegisters()
     auto manual = Make<ULongRegister>(nullptr, ManualPayloadSizeAddress, Base::AccessNone);
     manual->GetPreReadSignal().Connect(
         [raw](ULongRegister& r) {
-            if (raw->GetRegisterAs<UIntRegister>(PayloadSizeModeAddress)->GetValue() != TransportLayer::StreamChannel::Manual)
-                throw Exception("Cannot access manual stream payload size register while manual mode is not active.",
-                                GC_ERR_NOT_AVAILABLE);
+            raw->RequireManualMode();
             SharedMutexGuard guard(raw->streamChannel->GetMutex());
             const std::uint64_t alignment = raw->streamChannel->GetPayloadSizeAlignment();
             const std::uint64_t minimum = raw->ManualMinimum();
@@ -273,12 +269,8 @@ void DataStream::AddRegisters()
             SharedMutexGuard guard(raw->streamChannel->GetMutex());
             if (raw->streamChannel->IsStreaming())
                 throw Exception("Cannot change manual stream payload size while streaming.", GC_ERR_NOT_AVAILABLE);
-            if (raw->GetRegisterAs<UIntRegister>(PayloadSizeModeAddress)->GetValue() != TransportLayer::StreamChannel::Manual)
-                throw Exception("Cannot access manual stream payload size register while manual mode is not active.",
-                                GC_ERR_NOT_AVAILABLE);
-            const std::uint64_t alignment = raw->streamChannel->GetPayloadSizeAlignment();
-            if (value < raw->ManualMinimum() || (alignment && value % alignment))
-                throw Exception("Invalid manual stream payload size passed.", GC_ERR_INVALID_PARAMETER);
+            raw->RequireManualMode();
+            raw->CheckManualSize(value);
         },
         self);
     AddRegister(manual);
@@ -290,6 +282,30 @@ void DataStream::AddRegisters()
 std::uint64_t DataStream::ManualMinimum()
 {
     return AlignSize(streamChannel->GetPayloadSize(), streamChannel->GetPayloadSizeAlignment(), true);
+}
+
+std::shared_ptr<ULongRegister> DataStream::ManualSizeRegister()
+{
+    auto manual = std::dynamic_pointer_cast<ULongRegister>(GetRegister(ManualPayloadSizeAddress));
+    if (!manual)
+        throw Exception("Could not get manual stream payload size register.", GC_ERR_ERROR);
+    return manual;
+}
+
+void DataStream::RequireManualMode()
+{
+    if (GetRegisterAs<UIntRegister>(PayloadSizeModeAddress)->GetValue() != TransportLayer::StreamChannel::Manual)
+        throw Exception("Cannot access manual stream payload size register while manual mode is not active.",
+                        GC_ERR_NOT_AVAILABLE);
+}
+
+// An aligned size is at least the payload exactly when it is at least the
+// payload rounded up to the alignment.
+void DataStream::CheckManualSize(std::uint64_t value)
+{
+    const std::uint64_t alignment = streamChannel->GetPayloadSizeAlignment();
+    if (value < ManualMinimum() || (alignment && value % alignment))
+        throw Exception("Invalid manual stream payload size passed.", GC_ERR_INVALID_PARAMETER);
 }
 
 void DataStream::RequireOpen() const
@@ -414,18 +430,13 @@ void DataStream::StartAcquisition(ACQ_START_FLAGS startFlags, std::uint64_t numT
     const unsigned int modeValue = GetRegisterAs<UIntRegister>(PayloadSizeModeAddress)->GetValue();
     std::uint64_t manualSize = 0;
     if (modeValue == TransportLayer::StreamChannel::Manual) {
-        const std::uint64_t alignment = streamChannel->GetPayloadSizeAlignment();
-        const std::uint64_t payload = streamChannel->GetPayloadSize();
         if (!settings->GetDynamicBufferHandling() && bufferQueue->GetAnnouncedCount() == 0)
             throw Exception("Not enough buffers for acquisition.", GC_ERR_NOT_AVAILABLE);
-        auto manual = std::dynamic_pointer_cast<ULongRegister>(GetRegister(ManualPayloadSizeAddress));
-        if (!manual)
-            throw Exception("Could not get manual stream payload size register.", GC_ERR_ERROR);
+        auto manual = ManualSizeRegister();
         if (!manual->HasValue())
             throw Exception("No manual stream payload size set.", GC_ERR_ERROR);
         manualSize = manual->GetValue();
-        if (manualSize < payload || (alignment && manualSize % alignment))
-            throw Exception("Invalid manual stream payload size passed.", GC_ERR_INVALID_PARAMETER);
+        CheckManualSize(manualSize);
     } else if (modeValue != TransportLayer::StreamChannel::Auto &&
                modeValue != TransportLayer::StreamChannel::PayloadSize) {
         throw Exception("Invalid stream payload size mode set.", GC_ERR_ERROR);

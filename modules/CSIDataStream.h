@@ -71,6 +71,12 @@ private:
     void RequireOpen() const;
     void CheckAnnounceDuringAcquisition(std::size_t size);
     std::uint64_t ManualMinimum();
+    // The manual payload size's rules, each in one place: its register, that
+    // the manual mode is on, and which sizes it takes (aligned, at least the
+    // payload); each throws the register's own text.
+    std::shared_ptr<ULongRegister> ManualSizeRegister();
+    void RequireManualMode();
+    void CheckManualSize(std::uint64_t value);
 
     bool open = false;
     std::shared_ptr<Settings> settings;
