@@ -284,7 +284,7 @@ std::uint64_t DataStream::ManualMinimum()
     return AlignSize(streamChannel->GetPayloadSize(), streamChannel->GetPayloadSizeAlignment(), true);
 }
 
-std::shared_ptr<ULongRegister> DataStream::ManualSizeRegister()
+std::shared_ptr<Base::GenericRegister<std::uint64_t>> DataStream::ManualSizeRegister()
 {
     auto manual = std::dynamic_pointer_cast<ULongRegister>(GetRegister(ManualPayloadSizeAddress));
     if (!manual)

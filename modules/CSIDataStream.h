@@ -6,6 +6,7 @@
 #include "framework/BasicModule.h"
 #include "framework/BasicPort.h"
 #include "framework/EventRecords.h"
+#include "framework/GenericRegister.h"
 #include "support/BasicLockable.h"
 #include "support/Settings.h"
 #include "support/TrackableObject.h"
@@ -74,7 +75,7 @@ private:
     // The manual payload size's rules, each in one place: its register, that
     // the manual mode is on, and which sizes it takes (aligned, at least the
     // payload); each throws the register's own text.
-    std::shared_ptr<ULongRegister> ManualSizeRegister();
+    std::shared_ptr<Base::GenericRegister<std::uint64_t>> ManualSizeRegister();
     void RequireManualMode();
     void CheckManualSize(std::uint64_t value);
 
