@@ -117,13 +117,23 @@ Camera::Camera(std::shared_ptr<LorunClient::Session> owner, const LorunClient::S
     }
 }
 
-Camera::~Camera() { Close(); }
+Camera::~Camera()
+{
+    try {
+        Close(); // nothing is out: every frame out owns us
+    } catch (const std::exception&) {
+    }
+}
 
 void Camera::Close()
 {
     const std::lock_guard<std::mutex> lock(streamMutex);
     if (closed)
         return;
+    for (const auto& frame : out)
+        if (!memory.count(frame.first) || !memory.at(frame.first).block)
+            throw CameraError(CameraErrorKind::Failed, GC_ERR_RESOURCE_IN_USE,
+                              "Frames of " + id + " in the producer's memory are still downstream.");
     StopLocked();
     while (!memory.empty()) // the frames out too: they keep their memory
         Revoke(memory.begin()->first);
@@ -165,7 +175,7 @@ void Camera::ApplyFeatures(const std::string& settings)
     LorunClient::Apply(*features, LorunClient::ParseSettings(settings));
 }
 
-void Camera::Start(std::uint32_t bufferCount)
+void Camera::Start(std::uint32_t bufferCount, BufferMemory where)
 {
     const std::lock_guard<std::mutex> lock(streamMutex);
     if (acquiring)
@@ -186,14 +196,27 @@ void Camera::Start(std::uint32_t bufferCount)
     const size_t rounded = (payload + alignment - 1) / alignment * alignment;
     try {
         for (std::uint32_t i = 0; i < bufferCount; ++i) {
-            std::shared_ptr<void> block(std::aligned_alloc(alignment, rounded), std::free);
-            if (!block)
-                throw CameraError(CameraErrorKind::Failed, GC_ERR_RESOURCE_EXHAUSTED,
-                                  "Could not allocate " + std::to_string(rounded) + " bytes for a frame of " + id + ".");
             BUFFER_HANDLE buffer = nullptr;
-            producer.Check(producer.DSAnnounceBuffer(stream, block.get(), payload, nullptr, &buffer),
-                           "DSAnnounceBuffer " + id);
-            memory[buffer] = std::move(block);
+            std::shared_ptr<void> block;
+            if (where == BufferMemory::Producer) {
+                producer.Check(producer.DSAllocAndAnnounceBuffer(stream, payload, nullptr, &buffer),
+                               "DSAllocAndAnnounceBuffer " + id);
+            } else {
+                block.reset(std::aligned_alloc(alignment, rounded), std::free);
+                if (!block)
+                    throw CameraError(CameraErrorKind::Failed, GC_ERR_RESOURCE_EXHAUSTED,
+                                      "Could not allocate " + std::to_string(rounded) + " bytes for a frame of " + id +
+                                          ".");
+                producer.Check(producer.DSAnnounceBuffer(stream, block.get(), payload, nullptr, &buffer),
+                               "DSAnnounceBuffer " + id);
+            }
+            Announced& announced = memory[buffer];
+            void* base = block.get();
+            if (!block)
+                BufferInfo(producer, stream, buffer, BUFFER_INFO_BASE, base);
+            announced.block = std::move(block);
+            announced.base = static_cast<std::uint8_t*>(base);
+            announced.size = payload;
             current.insert(buffer);
             producer.Check(producer.DSQueueBuffer(stream, buffer), "DSQueueBuffer " + id);
         }
@@ -245,10 +268,16 @@ WaitResult Camera::Wait(Frame& frame, std::uint64_t milliseconds)
                           "EventGetData " + id + ": error " + std::to_string(rc) + ", " + producer.LastError());
     frame = Frame{};
     frame.handle = data.BufferHandle;
-    void* base = nullptr;
-    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_BASE, base);
-    frame.base = static_cast<std::uint8_t*>(base);
-    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_SIZE, frame.size);
+    {
+        const std::lock_guard<std::mutex> lock(streamMutex);
+        const auto announced = memory.find(frame.handle);
+        if (announced == memory.end() || !announced->second.base)
+            throw CameraError(CameraErrorKind::Failed, GC_ERR_ERROR,
+                              "The stream of " + id + " delivered a buffer that was not announced.");
+        frame.base = announced->second.base;
+        frame.size = announced->second.size;
+        frame.memory = announced->second.block;
+    }
     BufferInfo(producer, stream, frame.handle, BUFFER_INFO_SIZE_FILLED, frame.filled);
     size_t width = 0, height = 0, padding = 0;
     BufferInfo(producer, stream, frame.handle, BUFFER_INFO_WIDTH, width);
@@ -265,11 +294,6 @@ WaitResult Camera::Wait(Frame& frame, std::uint64_t milliseconds)
     frame.timestampNs = TimestampNs(frame.handle);
     const std::lock_guard<std::mutex> lock(streamMutex);
     frame.generation = generation;
-    const auto block = memory.find(frame.handle);
-    if (block == memory.end() || frame.base != block->second.get())
-        throw CameraError(CameraErrorKind::Failed, GC_ERR_ERROR,
-                          "The stream of " + id + " delivered a buffer that was not announced.");
-    frame.memory = block->second;
     out[frame.handle] = generation;
     return WaitResult::Frame;
 }
@@ -277,8 +301,12 @@ WaitResult Camera::Wait(Frame& frame, std::uint64_t milliseconds)
 std::uint64_t Camera::TimestampNs(BUFFER_HANDLE buffer)
 {
     std::uint64_t value = 0;
-    if (BufferInfo(producer, stream, buffer, BUFFER_INFO_TIMESTAMP_NS, value))
-        return value;
+    // Asked once: a producer without it may say so slowly, every time.
+    if (hasTimestampNs) {
+        if (BufferInfo(producer, stream, buffer, BUFFER_INFO_TIMESTAMP_NS, value))
+            return value;
+        hasTimestampNs = false;
+    }
     if (!BufferInfo(producer, stream, buffer, BUFFER_INFO_TIMESTAMP, value))
         return 0;
     if (ticksPerSecond == 0 || ticksPerSecond == 1000000000u)

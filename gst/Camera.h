@@ -8,9 +8,8 @@
 // Lifetime: a Camera is shared. The element owns it while it streams and
 // every frame that left owns it too, so the stream, the device and the
 // producer stay open until the last frame is back, whatever the element does
-// meanwhile, unless Close ends them early (a camera pulled out). The frames'
-// memory is ours, not the producer's: announced to the stream, it outlives
-// the stream for whoever still holds a frame. Threads: Wait is for one thread at a time (the streaming thread);
+// meanwhile, unless Close ends them early (a camera pulled out), which only
+// frames in memory of ours survive (BufferMemory::Element). Threads: Wait is for one thread at a time (the streaming thread);
 // Interrupt, Release, Stop and the feature calls for any thread. No lock of
 // ours is held while Wait waits.
 #include "client/FeatureTree.h"
@@ -64,6 +63,12 @@ struct Frame {
 
 enum class WaitResult { Frame, Interrupted, Quiet };
 
+// Whose memory the frames are in. The producer's is filled without a copy but
+// goes with the stream; the element's is announced to the stream (this
+// producer copies each frame into it) and outlives it, so that a camera
+// pulled out can be closed at once whatever downstream still holds.
+enum class BufferMemory { Producer, Element };
+
 // The GenTL modules of a camera whose GenApi documents the element shows.
 enum class Module { Remote, Device, Stream };
 
@@ -98,11 +103,12 @@ public:
     // Announces `bufferCount` buffers of the current payload size, queues
     // them and starts acquisition. A buffer still out from an earlier start
     // is revoked when it comes back.
-    void Start(std::uint32_t bufferCount);
+    void Start(std::uint32_t bufferCount, BufferMemory where = BufferMemory::Producer);
     // Stops acquisition and revokes every buffer that is not out.
     void Stop();
-    // Stops, revokes every buffer, out or not, and closes the stream and the
-    // device now; frames out keep their memory. For a camera that is gone.
+    // Stops, revokes every buffer and closes the stream and the device now:
+    // for a camera that is gone. Frames out must be in the element's memory,
+    // which they keep; with frames out in the producer's, throws.
     void Close();
     bool Acquiring() const { return acquiring; }
     bool Closed() const { return closed; }
@@ -138,6 +144,7 @@ private:
     DS_HANDLE stream = nullptr;
     EVENT_HANDLE newBuffer = nullptr;
     std::uint64_t ticksPerSecond = 0; // of the device clock; 0: nanoseconds
+    std::atomic<bool> hasTimestampNs{true}; // until the producer says otherwise
 
     std::mutex featureMutex;
     std::unique_ptr<LorunClient::FeatureTree> features;
@@ -150,7 +157,12 @@ private:
     std::atomic<bool> closed{false};
     std::set<BUFFER_HANDLE> current;      // announced for this generation
     std::map<BUFFER_HANDLE, std::uint64_t> out; // handed out, with their generation
-    std::map<BUFFER_HANDLE, std::shared_ptr<void>> memory; // of every announced buffer
+    struct Announced {
+        std::shared_ptr<void> block; // ours; empty: the producer's
+        std::uint8_t* base = nullptr;
+        std::size_t size = 0;
+    };
+    std::map<BUFFER_HANDLE, Announced> memory; // every announced buffer, asked once for where it is
 };
 
 }

@@ -423,7 +423,10 @@ void Configure(Camera& camera, const LorunGst::CapsChoice& choice, const Setting
                          std::to_string(static_cast<double>(choice.rateNumerator) / choice.rateDenominator));
         return 0;
     });
-    camera.Start(settings.buffers);
+    // With reconnect, frames live in the element's memory, so that a camera
+    // pulled out closes at once, whatever downstream still holds.
+    camera.Start(settings.buffers,
+                 settings.reconnect ? LorunGst::BufferMemory::Element : LorunGst::BufferMemory::Producer);
 }
 
 gboolean SetCaps(GstBaseSrc* source, GstCaps* caps)
@@ -639,8 +642,8 @@ void PostCameraMessage(GstElement* element, const char* name, const std::string&
     gst_element_post_message(element, gst_message_new_element(GST_OBJECT(element), info));
 }
 
-// The camera is gone: say so, close it (frames still downstream keep their
-// memory), wait until it is back, open it again with the same caps and
+// The camera is gone: say so, close it (with reconnect, frames still
+// downstream are in the element's memory and keep it), wait until it is back, open it again with the same caps and
 // features, say so, and mark the next buffer DISCONT.
 GstFlowReturn Reconnect(GstElement* element, LorunSrcState& state, std::shared_ptr<Camera>& camera)
 {
