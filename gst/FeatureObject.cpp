@@ -113,19 +113,19 @@ void ClassInit(gpointer klassPointer, gpointer data)
         // Names and blurbs are the type's for ever: no copies needed.
         const auto flags = static_cast<GParamFlags>(G_PARAM_STATIC_STRINGS | G_PARAM_READABLE |
                                                     (feature.writable ? G_PARAM_WRITABLE : 0));
-        GParamSpec* spec = nullptr;
+        GParamSpec* property = nullptr;
         switch (feature.kind) {
-        case Kind::Integer: spec = g_param_spec_int64(name, name, blurb, G_MININT64, G_MAXINT64, 0, flags); break;
-        case Kind::Float: spec = g_param_spec_double(name, name, blurb, -G_MAXDOUBLE, G_MAXDOUBLE, 0, flags); break;
-        case Kind::Boolean: spec = g_param_spec_boolean(name, name, blurb, FALSE, flags); break;
+        case Kind::Integer: property = g_param_spec_int64(name, name, blurb, G_MININT64, G_MAXINT64, 0, flags); break;
+        case Kind::Float: property = g_param_spec_double(name, name, blurb, -G_MAXDOUBLE, G_MAXDOUBLE, 0, flags); break;
+        case Kind::Boolean: property = g_param_spec_boolean(name, name, blurb, FALSE, flags); break;
         case Kind::Command:
-            spec = g_param_spec_boolean(name, name, blurb, FALSE,
+            property = g_param_spec_boolean(name, name, blurb, FALSE,
                                         static_cast<GParamFlags>(G_PARAM_STATIC_STRINGS | G_PARAM_WRITABLE));
             break;
         case Kind::Enumeration:
-        case Kind::String: spec = g_param_spec_string(name, name, blurb, "", flags); break;
+        case Kind::String: property = g_param_spec_string(name, name, blurb, "", flags); break;
         }
-        g_object_class_install_property(objectClass, id, spec);
+        g_object_class_install_property(objectClass, id, property);
     }
 }
 

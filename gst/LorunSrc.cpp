@@ -207,7 +207,7 @@ std::string KeyOf(const std::string& path, const LorunGst::CameraChoice& choice)
 
 // ---- properties ----
 
-void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spec)
+void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* property)
 {
     LorunSrcState& state = StateOf(object);
     std::unique_lock<std::mutex> lock(state.lock);
@@ -238,7 +238,7 @@ void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spe
             }
         break;
     }
-    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec); break;
+    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, property); break;
     }
 }
 
@@ -260,7 +260,7 @@ GstStructure* StatsOf(LorunSrcState& state)
     return stats;
 }
 
-void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec)
+void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* property)
 {
     LorunSrcState& state = StateOf(object);
     if (id == PROP_STATS) {
@@ -281,7 +281,7 @@ void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec)
     case PROP_OFFSET_X: g_value_set_int(value, settings.offsetX); break;
     case PROP_OFFSET_Y: g_value_set_int(value, settings.offsetY); break;
     case PROP_RECONNECT: g_value_set_boolean(value, settings.reconnect); break;
-    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec); break;
+    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, property); break;
     }
 }
 
