@@ -109,14 +109,14 @@ struct LorunSrcState {
     std::mutex lock; // settings, camera, modes, negotiated; never held while waiting for a frame
     Settings settings;
     std::shared_ptr<Camera> camera;
-    // The camera of the last start, alive while frames of it are still
-    // downstream: a restart takes it up again instead of finding it busy.
+    // The camera last opened (by a start, or for the children), alive while
+    // frames of it are still downstream or `idle` holds it: a start with the
+    // same choice takes it up again instead of finding it busy.
     std::weak_ptr<Camera> previous;
     std::string previousKey; // the producer and choice it was opened with
     // Opened in NULL or READY to show the camera's features as child
-    // properties (a pipeline sets them before it starts); start takes it up.
+    // properties (a pipeline sets them before it starts), through `previous`.
     std::shared_ptr<Camera> idle;
-    std::string idleKey;
     std::vector<ChildSetting> childSettings;
     std::mutex childLock; // making the children; taken before `lock`
     GObject* children[3] = {};
@@ -175,22 +175,17 @@ void PostError(GstElement* element, const std::exception& failure)
     const auto* camera = dynamic_cast<const CameraError*>(&failure);
     const auto* producer = dynamic_cast<const LorunClient::ProducerError*>(&failure);
     const GC_ERROR code = producer ? producer->code : GC_ERR_ERROR;
-    const gchar* text = failure.what();
+    GstResourceError kind = GST_RESOURCE_ERROR_FAILED;
     switch (camera ? camera->kind : CameraErrorKind::Failed) {
-    case CameraErrorKind::NotFound:
-        GST_ELEMENT_ERROR(element, RESOURCE, NOT_FOUND, ("%s", text), ("GenTL error %d", code));
-        break;
-    case CameraErrorKind::Busy:
-        GST_ELEMENT_ERROR(element, RESOURCE, BUSY, ("%s", text), ("GenTL error %d", code));
-        break;
+    case CameraErrorKind::NotFound: kind = GST_RESOURCE_ERROR_NOT_FOUND; break;
+    case CameraErrorKind::Busy: kind = GST_RESOURCE_ERROR_BUSY; break;
     case CameraErrorKind::Lost:
-    case CameraErrorKind::Timeout:
-        GST_ELEMENT_ERROR(element, RESOURCE, READ, ("%s", text), ("GenTL error %d", code));
-        break;
-    case CameraErrorKind::Failed:
-        GST_ELEMENT_ERROR(element, RESOURCE, FAILED, ("%s", text), ("GenTL error %d", code));
-        break;
+    case CameraErrorKind::Timeout: kind = GST_RESOURCE_ERROR_READ; break;
+    case CameraErrorKind::Failed: break;
     }
+    // GST_ELEMENT_ERROR with the code as a value rather than a name.
+    gst_element_message_full(element, GST_MESSAGE_ERROR, GST_RESOURCE_ERROR, kind, g_strdup(failure.what()),
+                             g_strdup_printf("GenTL error %d", code), __FILE__, GST_FUNCTION, __LINE__);
 }
 
 std::string ProducerPathOf(const Settings& settings)
@@ -309,8 +304,6 @@ gboolean Start(GstBaseSrc* source)
             const std::lock_guard<std::mutex> lock(state.lock);
             if (state.previousKey == key)
                 camera = state.previous.lock();
-            if (!camera && state.idle && state.idleKey == key)
-                camera = state.idle;
             state.idle.reset();
             if (camera && camera->Closed())
                 camera.reset();
@@ -886,7 +879,8 @@ bool EnsureChildren(LorunSrc* self)
         }
         const std::lock_guard<std::mutex> lock(state.lock);
         state.idle = camera;
-        state.idleKey = KeyOf(path, settings.choice);
+        state.previous = camera;
+        state.previousKey = KeyOf(path, settings.choice);
     }
     for (std::size_t i = 0; i < 3; ++i) {
         std::vector<LorunClient::FeatureTree::Feature> features;

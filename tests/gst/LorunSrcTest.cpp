@@ -357,7 +357,7 @@ TEST_F(LorunSrcFixture, EveryFeatureIsAChildProperty)
 {
     Describe("[camera0]\nserial_number = SA\nwidth = 64\nheight = 8\nframe_rate = 0\nbus_timing = 0\n");
     // Set in the launch line, before the pipeline starts: written at start, after `features`.
-    Pipeline pipeline(Launch("lorunsrc name=src features=TestPattern=Off " + Producer() +
+    Pipeline pipeline(Launch("lorunsrc name=src features=TestPattern=Off offset-x=16 " + Producer() +
                              " cam::TestPattern=GreyHorizontalRamp cam::Width=32 ! appsink name=sink max-buffers=2 "
                              "drop=true"));
     GstElement* source = pipeline.Get("src");
@@ -379,9 +379,10 @@ TEST_F(LorunSrcFixture, EveryFeatureIsAChildProperty)
     gdouble gain = 0;
     gst_child_proxy_get(GST_CHILD_PROXY(source), "cam::Gain", &gain, nullptr);
     EXPECT_DOUBLE_EQ(6.5, gain);
-    gint64 width = 0;
-    gst_child_proxy_get(GST_CHILD_PROXY(source), "cam::Width", &width, nullptr);
+    gint64 width = 0, offset = 0;
+    gst_child_proxy_get(GST_CHILD_PROXY(source), "cam::Width", &width, "cam::OffsetX", &offset, nullptr);
     EXPECT_EQ(32, width);
+    EXPECT_EQ(16, offset) << "the offset-x property, written with the caps";
     gst_child_proxy_get_property(GST_CHILD_PROXY(source), "stream::StatFrameDelivered", &value);
     EXPECT_GT(g_value_get_int64(&value), 0) << "the stream module's statistics";
     g_value_unset(&value);
