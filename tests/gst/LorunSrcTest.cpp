@@ -2,6 +2,7 @@
 // reaches downstream (pixels, stamps, caps), what downstream may keep, how
 // the element stops and what it says when things go wrong. Each test runs in
 // a process of its own (CTest), so each gets its own virtual cameras.
+#include "client/Session.h"
 #include "sim/PixelFormats.h"
 #include "tests/TestSupport.h"
 #include "tests/gst/GstTestSupport.h"
@@ -416,6 +417,83 @@ TEST_F(LorunSrcFixture, LostFramesAreCountedAndTold)
     EXPECT_EQ(8u, pipeline.Stats("src").at("dropped"));
     EXPECT_EQ(0u, pipeline.Stats("src").at("incomplete"));
     EXPECT_TRUE(pipeline.Error().empty()) << pipeline.Error();
+}
+
+// This producer never hands out a broken frame, so a broken one is made here:
+// the session the element shares reports every third frame incomplete.
+class EveryThirdFrameIncomplete {
+public:
+    EveryThirdFrameIncomplete() : session(LorunClient::SharedSession(LORUN_CTI_PATH))
+    {
+        real = session->Producer().DSGetBufferInfo;
+        session->Producer().DSGetBufferInfo = &BufferInfo;
+    }
+    ~EveryThirdFrameIncomplete() { session->Producer().DSGetBufferInfo = real; }
+    EveryThirdFrameIncomplete(const EveryThirdFrameIncomplete&) = delete;
+    EveryThirdFrameIncomplete& operator=(const EveryThirdFrameIncomplete&) = delete;
+
+    static bool Broken(std::uint64_t frameId) { return frameId % 3 == 0; }
+
+private:
+    static GC_ERROR BufferInfo(DS_HANDLE stream, BUFFER_HANDLE buffer, BUFFER_INFO_CMD command,
+                               INFO_DATATYPE* type, void* value, size_t* size)
+    {
+        if (command != BUFFER_INFO_IS_INCOMPLETE || !value || !size || *size < sizeof(bool8_t))
+            return real(stream, buffer, command, type, value, size);
+        std::uint64_t frameId = 0;
+        size_t idSize = sizeof frameId;
+        INFO_DATATYPE idType = INFO_DATATYPE_UNKNOWN;
+        const GC_ERROR rc = real(stream, buffer, BUFFER_INFO_FRAMEID, &idType, &frameId, &idSize);
+        if (rc != GC_ERR_SUCCESS)
+            return rc;
+        *static_cast<bool8_t*>(value) = Broken(frameId) ? 1 : 0;
+        *size = sizeof(bool8_t);
+        if (type)
+            *type = INFO_DATATYPE_BOOL8;
+        return GC_ERR_SUCCESS;
+    }
+
+    static decltype(&::DSGetBufferInfo) real;
+    std::shared_ptr<LorunClient::Session> session;
+};
+decltype(&::DSGetBufferInfo) EveryThirdFrameIncomplete::real = nullptr;
+
+TEST_F(LorunSrcFixture, CaptureErrorDecidesWhatAnIncompleteFrameDoes)
+{
+    Describe("[camera0]\nwidth = 64\nheight = 8\nframe_rate = 0\nbus_timing = 0\n");
+    const EveryThirdFrameIncomplete broken;
+    for (const char* choice : {"keep", "skip"}) {
+        SCOPED_TRACE(choice);
+        Pipeline pipeline(Launch(std::string("lorunsrc name=src capture-error=") + choice + " " + Producer() +
+                                 " ! appsink name=sink"));
+        ASSERT_TRUE(pipeline.Play()) << pipeline.Error();
+        std::uint64_t brokenSeen = 0, wholeSeen = 0;
+        for (int i = 0; i < 12; ++i) {
+            Sample sample(pipeline.Pull("sink"));
+            ASSERT_TRUE(sample) << pipeline.Error();
+            GstBuffer* buffer = gst_sample_get_buffer(sample.get());
+            const bool flagged = GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_CORRUPTED);
+            EXPECT_EQ(EveryThirdFrameIncomplete::Broken(GST_BUFFER_OFFSET(buffer)), flagged)
+                << "frame " << GST_BUFFER_OFFSET(buffer);
+            (flagged ? brokenSeen : wholeSeen) += 1;
+        }
+        EXPECT_GT(wholeSeen, 0u);
+        const std::uint64_t counted = pipeline.Stats("src").at("incomplete");
+        if (std::string(choice) == "keep") {
+            EXPECT_GE(brokenSeen, 3u);
+            EXPECT_GE(counted, brokenSeen) << "the camera runs on while the sink is read";
+        } else {
+            EXPECT_EQ(0u, brokenSeen);
+            EXPECT_GE(counted, 3u);
+        }
+        EXPECT_EQ(0u, pipeline.Stats("src").at("dropped")) << "a skipped frame is not a lost one";
+        EXPECT_TRUE(pipeline.Error().empty()) << pipeline.Error();
+    }
+    Pipeline aborting(Launch("lorunsrc name=src capture-error=abort " + Producer() + " ! appsink name=sink"));
+    ASSERT_TRUE(aborting.Play()) << aborting.Error();
+    const std::string error = aborting.AwaitError();
+    EXPECT_NE(std::string::npos, error.find("DEV_")) << error;
+    EXPECT_NE(std::string::npos, error.find("incomplete frame")) << error;
 }
 
 TEST_F(LorunSrcFixture, ACameraPulledOutIsAnErrorNamingIt)
