@@ -48,6 +48,7 @@ enum Property {
     PROP_OFFSET_Y,
     PROP_STATS,
     PROP_RECONNECT,
+    PROP_CHILD_PROPERTIES,
 };
 
 // Settings, written by the application's thread, read when the camera opens.
@@ -255,11 +256,17 @@ GstStructure* StatsOf(LorunSrcState& state)
     return stats;
 }
 
+GstStructure* ChildPropertiesOf(LorunSrc* self);
+
 void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* property)
 {
     LorunSrcState& state = StateOf(object);
     if (id == PROP_STATS) {
         g_value_take_boxed(value, StatsOf(state));
+        return;
+    }
+    if (id == PROP_CHILD_PROPERTIES) {
+        g_value_take_boxed(value, ChildPropertiesOf(LORUN_SRC(object)));
         return;
     }
     const std::lock_guard<std::mutex> lock(state.lock);
@@ -895,6 +902,34 @@ bool EnsureChildren(LorunSrc* self)
     return true;
 }
 
+// The children's properties by their full names ("cam::ExposureTime") with
+// their values and types: what a property browser or gst-inspect-1.0 can
+// show of them, since they exist only with a camera.
+GstStructure* ChildPropertiesOf(LorunSrc* self)
+{
+    GstStructure* list = gst_structure_new_empty("lorun-child-properties");
+    if (!EnsureChildren(self))
+        return list;
+    for (std::size_t i = 0; i < 3; ++i) {
+        GObject* child = self->state->children[i];
+        guint count = 0;
+        GParamSpec** properties = g_object_class_list_properties(G_OBJECT_GET_CLASS(child), &count);
+        for (guint p = 0; p < count; ++p) {
+            GParamSpec* property = properties[p];
+            GValue value = G_VALUE_INIT;
+            g_value_init(&value, property->value_type);
+            if (property->flags & G_PARAM_READABLE)
+                g_object_get_property(child, g_param_spec_get_name(property), &value);
+            else
+                g_param_value_set_default(property, &value);
+            const std::string name = std::string(ChildNames[i]) + "::" + g_param_spec_get_name(property);
+            gst_structure_take_value(list, name.c_str(), &value);
+        }
+        g_free(static_cast<gpointer>(properties));
+    }
+    return list;
+}
+
 GObject* ChildByName(GstChildProxy* proxy, const gchar* name)
 {
     LorunSrc* self = LORUN_SRC(proxy);
@@ -1002,6 +1037,12 @@ static void lorun_src_class_init(LorunSrcClass* klass)
         objectClass, PROP_STATS,
         g_param_spec_boxed("stats", "Statistics", "The stream's counters and the element's", GST_TYPE_STRUCTURE,
                            static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
+    g_object_class_install_property(
+        objectClass, PROP_CHILD_PROPERTIES,
+        g_param_spec_boxed("child-properties", "Child properties",
+                           "Every cam::, device:: and stream:: property of the camera with its value "
+                           "(reading it opens the chosen camera when none is open)",
+                           GST_TYPE_STRUCTURE, static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
 
     gst_element_class_set_static_metadata(elementClass, "GenTL camera source", "Source/Video/Hardware",
                                           "Streams a GenTL camera, its buffers passed on without copying",

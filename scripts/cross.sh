@@ -52,6 +52,7 @@ target_packages=(
   libboost-dev libboost-thread-dev libboost-filesystem-dev libboost-date-time-dev libboost-locale-dev
   libboost-program-options-dev libtinyxml-dev liburiparser-dev
   libgtest-dev libgmock-dev libaravis-dev libpng-dev libusb-1.0-0-dev
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base
 )
 stamp=$sysroot/.lorun-packages
 # The shlibs entries of the packages unpacked, for the package's dependencies

@@ -367,6 +367,14 @@ TEST_F(LorunSrcFixture, EveryFeatureIsAChildProperty)
     gst_child_proxy_get_property(GST_CHILD_PROXY(source), "device::DeviceID", &value);
     EXPECT_STREQ("DEV_VIRTUAL-CAMERA-0001", g_value_get_string(&value)) << "the device module's document";
     g_value_unset(&value);
+    // Listed for property browsers with their values and types, before anything streams.
+    GstStructure* listed = nullptr;
+    g_object_get(source, "child-properties", &listed, nullptr);
+    ASSERT_NE(nullptr, listed);
+    EXPECT_EQ(G_TYPE_DOUBLE, gst_structure_get_field_type(listed, "cam::Gain"));
+    EXPECT_EQ(G_TYPE_INT64, gst_structure_get_field_type(listed, "stream::StatFrameDelivered"));
+    EXPECT_STREQ("DEV_VIRTUAL-CAMERA-0001", gst_structure_get_string(listed, "device::DeviceID"));
+    gst_structure_free(listed);
     ASSERT_TRUE(pipeline.Play()) << pipeline.Error();
     Sample sample(pipeline.Pull("sink"));
     ASSERT_TRUE(sample);

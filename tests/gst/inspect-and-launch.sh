@@ -1,6 +1,7 @@
 #!/bin/sh
-# gst-inspect-1.0 lists the element with its properties and caps and prints no
-# critical or warning; gst-launch-1.0 writes 300 PNG images from it and ends.
+# gst-inspect-1.0 lists the element with its properties, caps and the camera's
+# child properties, and prints no critical or warning; gst-launch-1.0 writes
+# 300 PNG images from it and ends.
 set -eu
 plugin_dir=$1
 producer=$2
@@ -13,7 +14,7 @@ export LORUN_VIRTUAL_CAMERA="$work/cameras.ini"
 
 gst-inspect-1.0 lorunsrc > "$work/inspect.txt" 2> "$work/inspect.err"
 for expected in "GenTL camera source" "capture-buffers" "capture-error" "features" "device-id" "video/x-bayer" \
-  "GRAY16_LE"; do
+  "GRAY16_LE" "cam::ExposureTime" "device::DeviceID" "stream::StatFrameDelivered"; do
   grep -q -- "$expected" "$work/inspect.txt" || { echo "gst-inspect does not show $expected"; exit 1; }
 done
 if grep -E "CRITICAL|WARNING" "$work/inspect.txt" "$work/inspect.err"; then exit 1; fi
