@@ -93,6 +93,15 @@ cmake --build "$dir" -j"$(nproc)"
 export LORUN_TEST_TIME_SCALE=${LORUN_TEST_TIME_SCALE:-8}
 case "$action" in
   test)
+    if [ "$arch" = armhf ] && [ -d /dev/shm ]; then
+      # A 32-bit program under qemu-user cannot list a folder of the host's
+      # ext4 (its 64-bit directory offsets overflow), so GStreamer would find
+      # no plugin: it is shown links to them in a tmpfs folder instead.
+      plugins=$(mktemp -d /dev/shm/lorun-gst-plugins.XXXXXX)
+      trap 'rm -rf "$plugins"' EXIT
+      ln -s "$sysroot/usr/lib/$triple/gstreamer-1.0/"*.so "$plugins/"
+      export GST_PLUGIN_SYSTEM_PATH="$plugins"
+    fi
     (cd "$dir" && ctest --output-on-failure -j"$(nproc)" --timeout $((300 * LORUN_TEST_TIME_SCALE)) "$@")
     ;;
   run)

@@ -20,9 +20,10 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 # Each harness for a bounded time; scripts/fuzz.sh SECONDS runs them longer.
 LORUN_SKIP_DEPS=1 scripts/fuzz.sh 20
 
-# The board's processor: the 64-bit ARM build, its libcsi, transport and
-# consumer tests under qemu-user. Not on a board, which built natively above.
+# The board's processor: the 64-bit ARM build, its libcsi, transport,
+# consumer and GStreamer element tests under qemu-user. Not on a board, which
+# built natively above.
 # The whole suites of both ARM targets: scripts/cross.sh arm64|armhf test.
 if [ "$(dpkg --print-architecture)" = amd64 ]; then
-  scripts/cross.sh arm64 test -L 'libcsi|transport|consumer'
+  scripts/cross.sh arm64 test -L 'libcsi|transport|consumer|gst'
 fi
