@@ -2,6 +2,7 @@
 
 #include "libcsi/include/libcsi/libcsi.h"
 #include "libcsi/include/libcsi/qel_csi2_driver.h"
+#include "libcsi/States.h"
 
 #include <condition_variable>
 #include <cstdint>
@@ -33,17 +34,17 @@ struct libcsi_frame_handle {
     // Written by API calls under the frame mutex and by the frame threads under
     // theirs: atomic, as no one mutex covers every writer.
     std::atomic<bool> queued{false};
-    std::uint32_t origin = 0; // 0 announced, 1 allocated here
+    QEL::LibCSIImpl::FrameOrigin origin = QEL::LibCSIImpl::FrameOrigin::Announced;
     // The memory mode the frame was announced in: the device's follows the
     // latest announce, and a revoke must free only what this frame owns.
-    std::uint32_t memoryMode = 0;
+    QEL::LibCSIImpl::MemoryMode memoryMode = QEL::LibCSIImpl::MemoryMode::MMAP;
     std::uint32_t m_nBufferIndex = 0;
     std::uint64_t totalSize = 0;
 };
 
 // One camera of the device list (device_handle_t).
 struct libcsi_device_handle {
-    std::uint32_t state = 0;
+    QEL::LibCSIImpl::DeviceState state = QEL::LibCSIImpl::DeviceState::Closed;
     int m_nFileHandle = -1;
     std::mutex mutex;                       // the device mutex
     std::condition_variable stateCondition; // notified at each state change
@@ -81,17 +82,17 @@ struct libcsi_device_handle {
     std::set<std::uint32_t> freeBufferIndices;
     std::deque<std::shared_ptr<libcsi_frame_handle>> m_InputFrameQueue;
     std::deque<std::shared_ptr<libcsi_frame_handle>> m_OutputFrameQueue;
-    std::uint32_t memoryMode = 0; // 0 MMAP, 1 USERPTR_INT, 2 USERPTR_EXT
+    QEL::LibCSIImpl::MemoryMode memoryMode = QEL::LibCSIImpl::MemoryMode::MMAP;
     bool buffersFit = true;
 
     // The frame threads.
     std::mutex outputMutex;
     std::condition_variable outputCondition;
-    std::uint32_t callbackThreadState = 0;
+    QEL::LibCSIImpl::ThreadState callbackThreadState = QEL::LibCSIImpl::ThreadState::Stopped;
     std::thread callbackThread;
     std::mutex dequeueMutex;
     std::condition_variable dequeueCondition;
-    std::uint32_t dequeueThreadState = 0;
+    QEL::LibCSIImpl::ThreadState dequeueThreadState = QEL::LibCSIImpl::ThreadState::Stopped;
     std::thread dequeueThread;
     std::mutex statisticsMutex;
 
@@ -105,7 +106,6 @@ namespace QEL { namespace LibCSIImpl {
 using Device = ::libcsi_device_handle;
 using Frame = ::libcsi_frame_handle;
 
-enum MemoryMode : std::uint32_t { MemoryMMAP = 0, MemoryUserptrInternal = 1, MemoryUserptrExternal = 2 };
 
 // The frame threads of a device.
 void FrameCallbackThread(Device& device);
@@ -115,7 +115,7 @@ int32_t FlushFrames(Device& device);
 // Stops a running stream: the driver first, then the dequeue thread.
 int32_t StopStream(Device& device, std::uint32_t timeout);
 // Sets the device's state and wakes whoever waits for it; under the device's mutex.
-void SetState(Device& device, std::uint32_t state);
+void SetState(Device& device, DeviceState state);
 // Stops the callback thread and waits for its end.
 void StopCallbackThread(Device& device);
 // Hands a frame's buffer to the driver; false with errno set when it refuses.
@@ -123,7 +123,6 @@ bool QueueBuffer(Device& device, const Frame& frame);
 // Microseconds of CLOCK_MONOTONIC.
 std::uint64_t MonotonicMicroseconds();
 
-enum DeviceState : std::uint32_t { Closed = 0, Open = 1, Streaming = 2, Stopping = 3, Closing = 4, ResetRequested = 5 };
 
 // Reads an attribute of the camera's I2C client; the text up to the first
 // line feed or 0xFF byte. False when it cannot be read.

@@ -257,7 +257,7 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
             return refused;
         Device& device = *found;
         std::lock_guard<std::mutex> lock(device.mutex);
-        if (device.state != Closed) {
+        if (device.state != DeviceState::Closed) {
             LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", "libcsi_open_device");
             return LIBCSI_INVALID_DEVICE_STATE;
         }
@@ -317,10 +317,10 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
         }
         {
             std::lock_guard<std::mutex> output(device.outputMutex);
-            device.callbackThreadState = Running;
+            device.callbackThreadState = ThreadState::Running;
         }
         device.callbackThread = std::thread([&device] { FrameCallbackThread(device); });
-        SetState(device, Open);
+        SetState(device, DeviceState::Open);
         for (const auto& listed : library->devices)
             if (listed.get() == &device)
                 library->openDevices.insert(listed);
@@ -332,17 +332,17 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
 int32_t libcsi_close_device(device_handle_t* pDeviceHandle)
 {
     return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
-        std::uint32_t previous;
+        DeviceState previous;
         {
             std::unique_lock<std::mutex> lock(device.mutex);
-            device.stateCondition.wait(lock, [&] { return device.state != Stopping && device.state != Closing; });
-            if (device.state == Closed)
+            device.stateCondition.wait(lock, [&] { return device.state != DeviceState::Stopping && device.state != DeviceState::Closing; });
+            if (device.state == DeviceState::Closed)
                 return LIBCSI_OK;
             std::lock_guard<std::mutex> frames(device.frameMutex);
             previous = device.state;
-            SetState(device, Closing);
+            SetState(device, DeviceState::Closing);
         }
-        if (previous == Streaming)
+        if (previous == DeviceState::Streaming)
             StopStream(device, 0);
         FlushFrames(device);
         StopCallbackThread(device);
@@ -355,7 +355,7 @@ int32_t libcsi_close_device(device_handle_t* pDeviceHandle)
             device.m_nFileHandle = -1;
             ClosePipe(device.m_nStopDequeueEvent);
             ClearCameraState(device);
-            SetState(device, Closed);
+            SetState(device, DeviceState::Closed);
         }
         LIBCSI_LOG(TierTrace, " Successfully closed device.\n");
         // The library's mutex comes before a device's everywhere: taken only once the device's are released.
@@ -373,7 +373,7 @@ int32_t libcsi_reset_device(device_handle_t* pDeviceHandle)
     return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
         std::lock_guard<std::mutex> lock(device.mutex);
         std::lock_guard<std::mutex> frames(device.frameMutex);
-        if (device.state != Open) {
+        if (device.state != DeviceState::Open) {
             LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter.\n", "libcsi_reset_device");
             return LIBCSI_INVALID_DEVICE_STATE;
         }
@@ -381,7 +381,7 @@ int32_t libcsi_reset_device(device_handle_t* pDeviceHandle)
             LIBCSI_LOG(TierError, " %s ERROR: I2C write failed.\n", "libcsi_reset_device");
             return LIBCSI_I2C_WRITE_FAILED;
         }
-        SetState(device, ResetRequested);
+        SetState(device, DeviceState::ResetRequested);
         return LIBCSI_OK;
     });
 }

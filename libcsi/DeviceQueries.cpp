@@ -30,7 +30,7 @@ int32_t OnOpenDevice(const char* function, device_handle_t* handle, bool argumen
         if (!CurrentLibrary())
             return LIBCSI_NOT_INITIALIZED;
         std::lock_guard<std::mutex> lock(device.mutex);
-        if (needsOpenState ? device.state != Open : device.state == Closed) {
+        if (needsOpenState ? device.state != DeviceState::Open : device.state == DeviceState::Closed) {
             LIBCSI_LOG(TierError, needsOpenState ? " %s ERROR: Invalid parameter.\n" : " %s ERROR: Invalid device state.\n",
                        function);
             return LIBCSI_INVALID_DEVICE_STATE;

@@ -175,7 +175,7 @@ void DiscoveryThread(std::shared_ptr<Library> library)
         }
         lock.lock();
     };
-    while (library->discoveryThreadState == Running) {
+    while (library->discoveryThreadState == ThreadState::Running) {
         for (auto& entry : availability) {
             char byte;
             os.Lseek(entry.first, 0, SEEK_SET);
@@ -236,7 +236,7 @@ void DiscoveryThread(std::shared_ptr<Library> library)
         }
     }
     closeAll();
-    library->discoveryThreadState = Stopped;
+    library->discoveryThreadState = ThreadState::Stopped;
     library->discoveryCondition.notify_all();
     LIBCSI_LOG(TierTrace, "%s() THREAD ENDED.\n", "discovery_thread_proc");
 }

@@ -28,7 +28,7 @@ int32_t SetFormat(const char* function, Device& device, std::uint64_t totalSize,
     if (!device.formatDirty && device.formatTotalSize == totalSize && device.formatIpuX == ipuX &&
         device.formatIpuY == ipuY)
         return LIBCSI_OK;
-    if (device.state == Streaming) {
+    if (device.state == DeviceState::Streaming) {
         LIBCSI_LOG(TierError, " %s ERROR: Frame geometry differs from the running stream's.\n", function);
         return LIBCSI_INVALID_DEVICE_STATE;
     }
@@ -172,7 +172,7 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
     std::lock_guard<std::mutex> frames(device.frameMutex);
     // A frame may join a running stream (the consumer's dynamic buffer
     // handling): its buffer goes to the driver when it is queued.
-    if (device.state != Open && device.state != ResetRequested && device.state != Streaming) {
+    if (device.state != DeviceState::Open && device.state != DeviceState::ResetRequested && device.state != DeviceState::Streaming) {
         LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", function);
         return LIBCSI_INVALID_DEVICE_STATE;
     }
@@ -197,7 +197,7 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
     }
     auto giveBack = [&] { device.freeBufferIndices.insert(index); };
     const Config& config = TheConfig();
-    if (device.state == Streaming && config.enableUserptr && index >= device.userBuffersDeclared) {
+    if (device.state == DeviceState::Streaming && config.enableUserptr && index >= device.userBuffersDeclared) {
         LIBCSI_LOG(TierError, " %s ERROR: No buffer index free while streaming (%u user pointer buffers).\n", function,
                    device.userBuffersDeclared);
         giveBack();
@@ -223,9 +223,9 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
             giveBack();
             return LIBCSI_ALIGNMENT_INVALID;
         }
-        frame->memoryMode = MemoryUserptrExternal;
+        frame->memoryMode = MemoryMode::UserptrExternal;
     } else if (!config.enableUserptr) {
-        frame->memoryMode = MemoryMMAP;
+        frame->memoryMode = MemoryMode::MMAP;
         std::uint8_t* mapping = nullptr;
         if (int32_t result = MapDriverBuffer(device, *frame, mapping)) {
             giveBack();
@@ -246,7 +246,7 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
             frame->driverTrailerSize = t.m_nTrailerSize;
         }
     } else {
-        frame->memoryMode = MemoryUserptrInternal;
+        frame->memoryMode = MemoryMode::UserptrInternal;
         if (BufferRequest(device, VIDIOC_MEM_ALLOC, index, V4L2_MEMORY_USERPTR) < 0) {
             LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_MEM_ALLOC failed (errno=%d, %s).\n", function, errno,
                        std::strerror(errno));
@@ -269,7 +269,7 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
     }
     frame->transfer = pFrame;
     frame->queued = false;
-    frame->origin = allocate ? 1 : 0;
+    frame->origin = allocate ? FrameOrigin::Allocated : FrameOrigin::Announced;
     frame->m_pDeviceHandle = &device;
     auto owner = FindDevice(*library, &device);
     if (!owner) {
@@ -281,7 +281,7 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
     // The device's mode follows the latest announce, but not while it streams:
     // the dequeue thread reads it, and a joining frame's mode is of the same
     // kind (mapped, or user pointers), as enable_userptr decides for all.
-    if (device.state != Streaming)
+    if (device.state != DeviceState::Streaming)
         device.memoryMode = frame->memoryMode;
     device.announcedFrames.insert(frame);
     *ppFrameHandle = frame.get();
@@ -339,7 +339,7 @@ bool QueueBuffer(Device& device, const Frame& frame)
     v4l2_buffer buf{};
     buf.index = frame.m_nBufferIndex;
     buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    if (frame.memoryMode == MemoryMMAP) {
+    if (frame.memoryMode == MemoryMode::MMAP) {
         buf.memory = V4L2_MEMORY_MMAP;
     } else {
         const std::uint32_t alignment = std::max<std::uint32_t>(1, device.driverInfo.usrptr_alignment);
@@ -388,7 +388,7 @@ int32_t libcsi_queue_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFram
         if (!pFrameHandle || !pFrameCallback)
             return LIBCSI_INVALID_PARAMETER;
         std::lock_guard<std::mutex> frames(device.frameMutex);
-        if (device.state == Closed || device.state == Closing) {
+        if (device.state == DeviceState::Closed || device.state == DeviceState::Closing) {
             LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", "libcsi_queue_frame");
             return LIBCSI_INVALID_DEVICE_STATE;
         }
@@ -406,7 +406,7 @@ int32_t libcsi_queue_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFram
             LIBCSI_LOG(TierError, " ERROR: Frame already queued.\n");
             return LIBCSI_FRAME_QUEUED;
         }
-        if (device.state == Streaming) {
+        if (device.state == DeviceState::Streaming) {
             if (!QueueBuffer(device, *frame)) {
                 LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_QBUF failed (errno=%d, %s).\n", "libcsi_queue_frame", errno,
                            std::strerror(errno));
@@ -438,7 +438,7 @@ int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFra
         // back: it is dropped. A callback running already is not waited for:
         // the caller may hold what that callback needs.
         DropLateDelivery(device, pFrameHandle);
-        if (device.state == Closed)
+        if (device.state == DeviceState::Closed)
             return LIBCSI_INVALID_DEVICE_STATE;
         if (pFrameHandle->m_pDeviceHandle != &device) {
             LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter: pDeviceHandle != pFrameHandle->m_pDeviceHandle\n",
@@ -455,8 +455,8 @@ int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFra
             LIBCSI_LOG(TierError, " %s ERROR: Frame is still queued!\n", "libcsi_revoke_frame");
             return LIBCSI_FRAME_QUEUED;
         }
-        if (frame->memoryMode == MemoryMMAP) {
-            void* start = frame->origin == 0 ? static_cast<void*>(frame->driverLeader ? frame->driverLeader
+        if (frame->memoryMode == MemoryMode::MMAP) {
+            void* start = frame->origin == FrameOrigin::Announced ? static_cast<void*>(frame->driverLeader ? frame->driverLeader
                                                                                       : frame->driverPayload)
                                              : reinterpret_cast<void*>(FirstPointer(*frame->transfer));
             if (Os::Current().Munmap(start, frame->totalSize) < 0) {
@@ -469,7 +469,7 @@ int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFra
                            errno, std::strerror(errno));
                 return LIBCSI_DRIVER_CALL_FAILED;
             }
-        } else if (frame->memoryMode == MemoryUserptrInternal) {
+        } else if (frame->memoryMode == MemoryMode::UserptrInternal) {
             // The index the allocation made exist goes too, so that a later frame can take it.
             if (BufferRequest(device, VIDIOC_MEM_FREE, frame->m_nBufferIndex, V4L2_MEMORY_USERPTR) < 0) {
                 LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_MEM_FREE failed (errno=%d, %s).\n", "libcsi_revoke_frame",
@@ -483,7 +483,7 @@ int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFra
         if (device.announcedFrames.empty()) {
             device.buffersFit = true;
             // The driver keeps its user-pointer buffers while it streams; the next start declares them anew.
-            if (device.memoryMode != MemoryMMAP && device.state != Streaming) {
+            if (device.memoryMode != MemoryMode::MMAP && device.state != DeviceState::Streaming) {
                 v4l2_requestbuffers request{};
                 request.count = 0;
                 request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
@@ -503,7 +503,7 @@ int32_t libcsi_flush_frames(device_handle_t* pDeviceHandle)
 {
     return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
         std::lock_guard<std::mutex> frames(device.frameMutex);
-        if (device.state == Closed) {
+        if (device.state == DeviceState::Closed) {
             LIBCSI_LOG(TierError, " ERROR: Invalid device state\n");
             return LIBCSI_INVALID_DEVICE_STATE;
         }

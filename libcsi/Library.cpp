@@ -40,19 +40,19 @@ const bool sinkInstalled = (SetReportSink(&ReportFromLog), true);
 // callback without the lock, and end when the state asks for it.
 template <class Message, class Deliver>
 void MessageLoop(const std::shared_ptr<Library>& library, std::mutex& mutex, std::condition_variable& condition,
-                 std::deque<std::shared_ptr<Message>>& queue, std::uint32_t& state, const char* name, Deliver deliver)
+                 std::deque<std::shared_ptr<Message>>& queue, ThreadState& state, const char* name, Deliver deliver)
 {
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
-        if (state != Running) {
-            state = Stopped;
+        if (state != ThreadState::Running) {
+            state = ThreadState::Stopped;
             condition.notify_all();
             lock.unlock();
             LIBCSI_LOG(TierTrace, "%s() ended.\n", name);
             return;
         }
         if (queue.empty()) {
-            condition.wait(lock, [&] { return state != Running || !queue.empty(); });
+            condition.wait(lock, [&] { return state != ThreadState::Running || !queue.empty(); });
             continue;
         }
         std::shared_ptr<Message> message = queue.front();
@@ -63,14 +63,14 @@ void MessageLoop(const std::shared_ptr<Library>& library, std::mutex& mutex, std
     }
 }
 
-void StopThread(std::mutex& mutex, std::condition_variable& condition, std::uint32_t& state, std::thread& thread)
+void StopThread(std::mutex& mutex, std::condition_variable& condition, ThreadState& state, std::thread& thread)
 {
     {
         std::unique_lock<std::mutex> lock(mutex);
-        if (state != Stopped) {
-            state = StopRequested;
+        if (state != ThreadState::Stopped) {
+            state = ThreadState::StopRequested;
             condition.notify_all();
-            condition.wait(lock, [&] { return state == Stopped; });
+            condition.wait(lock, [&] { return state == ThreadState::Stopped; });
         }
     }
     if (thread.joinable())
@@ -210,7 +210,7 @@ int32_t libcsi_init(void)
             return LIBCSI_ERROR;
         }
         Publish(library);
-        library->discoveryMessageThreadState = Running;
+        library->discoveryMessageThreadState = ThreadState::Running;
         library->discoveryMessageThread = std::thread([library] {
             MessageLoop(library, library->discoveryMessageMutex, library->discoveryMessageCondition,
                         library->discoveryMessages, library->discoveryMessageThreadState,
@@ -232,7 +232,7 @@ int32_t libcsi_init(void)
                             }
                         });
         });
-        library->reportThreadState = Running;
+        library->reportThreadState = ThreadState::Running;
         library->reportThread = std::thread([library] {
             MessageLoop(library, library->reportMutex, library->reportCondition, library->reportMessages,
                         library->reportThreadState, "report_message_callback_thread_proc",
@@ -252,7 +252,7 @@ int32_t libcsi_init(void)
                             }
                         });
         });
-        library->discoveryThreadState = Running;
+        library->discoveryThreadState = ThreadState::Running;
         library->discoveryThread = std::thread([library] { DiscoveryThread(library); });
         const Config& config = TheConfig();
         if (config.dumpFrameTiming)
@@ -287,12 +287,12 @@ int32_t libcsi_deinit(void)
         library->devices.clear();
         {
             std::unique_lock<std::mutex> lock(library->discoveryMutex);
-            while (library->discoveryThreadState != Stopped) {
-                if (library->discoveryThreadState == StopRequested) {
+            while (library->discoveryThreadState != ThreadState::Stopped) {
+                if (library->discoveryThreadState == ThreadState::StopRequested) {
                     library->discoveryCondition.wait(lock);
                     continue;
                 }
-                library->discoveryThreadState = StopRequested;
+                library->discoveryThreadState = ThreadState::StopRequested;
                 library->discoveryCondition.notify_all();
                 const std::uint32_t one = 1;
                 if (::write(library->stopDiscoveryPipe[1], &one, sizeof one) != sizeof one) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "libcsi/include/libcsi/libcsi.h"
+#include "libcsi/States.h"
 
 #include <condition_variable>
 #include <cstdint>
@@ -20,7 +21,6 @@ namespace QEL { namespace LibCSIImpl {
 
 using Device = ::libcsi_device_handle;
 
-enum ThreadState : std::uint32_t { Stopped = 0, Running = 1, StopRequested = 2 };
 
 struct DiscoveryMessage {
     std::string portID;
@@ -42,9 +42,9 @@ struct Library {
     std::condition_variable reportCondition;
     std::mutex discoveryMutex;
     std::condition_variable discoveryCondition;
-    std::uint32_t discoveryMessageThreadState = Stopped;
-    std::uint32_t reportThreadState = Stopped;
-    std::uint32_t discoveryThreadState = Stopped;
+    ThreadState discoveryMessageThreadState = ThreadState::Stopped;
+    ThreadState reportThreadState = ThreadState::Stopped;
+    ThreadState discoveryThreadState = ThreadState::Stopped;
 
     libcsi_discovery_callback_t discoveryCallback = nullptr;
     void* discoveryContext = nullptr;

@@ -131,12 +131,12 @@ int32_t StopDequeueThread(Device& device)
 {
     {
         std::unique_lock<std::mutex> lock(device.dequeueMutex);
-        while (device.dequeueThreadState != Stopped) {
-            if (device.dequeueThreadState == StopRequested) {
+        while (device.dequeueThreadState != ThreadState::Stopped) {
+            if (device.dequeueThreadState == ThreadState::StopRequested) {
                 device.dequeueCondition.wait(lock);
                 continue;
             }
-            device.dequeueThreadState = StopRequested;
+            device.dequeueThreadState = ThreadState::StopRequested;
             device.dequeueCondition.notify_all();
             const std::uint32_t one = 1;
             if (::write(device.m_nStopDequeueEvent[1], &one, sizeof one) != sizeof one) {
@@ -191,7 +191,7 @@ std::uint64_t DroppedFrameCount(device_handle_t* device)
     return device->m_nNumDroppedFrames;
 }
 
-void SetState(Device& device, std::uint32_t state)
+void SetState(Device& device, DeviceState state)
 {
     device.state = state;
     device.stateCondition.notify_all();
@@ -234,11 +234,11 @@ void StopCallbackThread(Device& device)
 {
     {
         std::unique_lock<std::mutex> lock(device.outputMutex);
-        if (device.callbackThreadState == Running) {
-            device.callbackThreadState = StopRequested;
+        if (device.callbackThreadState == ThreadState::Running) {
+            device.callbackThreadState = ThreadState::StopRequested;
             device.outputCondition.notify_all();
         }
-        device.outputCondition.wait(lock, [&] { return device.callbackThreadState == Stopped; });
+        device.outputCondition.wait(lock, [&] { return device.callbackThreadState == ThreadState::Stopped; });
     }
     if (device.callbackThread.joinable())
         device.callbackThread.join();
@@ -250,7 +250,7 @@ void FrameCallbackThread(Device& device)
     // Frames still in the output queue are delivered before a stop takes effect.
     for (;;) {
         if (device.m_OutputFrameQueue.empty()) {
-            if (device.callbackThreadState != Running)
+            if (device.callbackThreadState != ThreadState::Running)
                 break;
             device.outputCondition.wait(lock);
             continue;
@@ -279,7 +279,7 @@ void FrameCallbackThread(Device& device)
         }
         lock.lock();
     }
-    device.callbackThreadState = Stopped;
+    device.callbackThreadState = ThreadState::Stopped;
     device.outputCondition.notify_all();
     LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p) THREAD ENDED.\n", "frame_callback_thread_proc",
                static_cast<void*>(&device));
@@ -295,7 +295,7 @@ void FrameDequeueThread(Device& device)
     std::uint64_t currentBlockID = 0, lastBlockID = 0, zeroFrames = 0;
     std::uint64_t previousTime = 0, copyDuration = 0;
     const int stopPipe = device.m_nStopDequeueEvent[0], fd = device.m_nFileHandle;
-    while (device.dequeueThreadState == Running || device.dequeueThreadState == StopRequested) {
+    while (device.dequeueThreadState == ThreadState::Running || device.dequeueThreadState == ThreadState::StopRequested) {
         fd_set readSet;
         FD_ZERO(&readSet);
         FD_SET(stopPipe, &readSet);
@@ -330,7 +330,7 @@ void FrameDequeueThread(Device& device)
         std::unique_lock<std::mutex> output(device.outputMutex);
         v4l2_buffer buf{};
         buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        buf.memory = device.memoryMode == MemoryMMAP ? V4L2_MEMORY_MMAP : V4L2_MEMORY_USERPTR;
+        buf.memory = device.memoryMode == MemoryMode::MMAP ? V4L2_MEMORY_MMAP : V4L2_MEMORY_USERPTR;
         if (os.Ioctl(fd, VIDIOC_DQBUF, &buf) < 0) {
             const int error = errno;
             if (exitFlag) {
@@ -372,7 +372,7 @@ void FrameDequeueThread(Device& device)
                 status = LIBCSI_FRAME_ERROR;
             }
             lib_frame_transfer& t = *frame->transfer;
-            if (frame->origin == 0 && frame->memoryMode == MemoryMMAP) {
+            if (frame->origin == FrameOrigin::Announced && frame->memoryMode == MemoryMode::MMAP) {
                 const std::uint64_t start = MonotonicMicroseconds();
                 if (frame->driverLeaderSize)
                     std::memcpy(reinterpret_cast<void*>(t.m_pLeader), frame->driverLeader, t.m_nLeaderSize);
@@ -472,11 +472,11 @@ void FrameDequeueThread(Device& device)
         lock.lock();
     }
     LIBCSI_LOG(TierTrace, " FDTP: nNumZeroFrames=%" PRIu64 "\n", static_cast<std::uint64_t>(zeroFrames));
-    if (device.dequeueThreadState == StopRequested) {
+    if (device.dequeueThreadState == ThreadState::StopRequested) {
         char sink[10];
         (void)!::read(stopPipe, sink, sizeof sink);
     }
-    device.dequeueThreadState = Stopped;
+    device.dequeueThreadState = ThreadState::Stopped;
     device.dequeueCondition.notify_all();
     LIBCSI_LOG(TierTrace, "%s(pDeviceHandle=%p) THREAD ENDED.\n", "frame_dequeue_thread_proc",
                static_cast<void*>(&device));
@@ -497,7 +497,7 @@ int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentif
             return LIBCSI_INVALID_PARAMETER;
         std::lock_guard<std::mutex> lock(device.mutex);
         std::lock_guard<std::mutex> frames(device.frameMutex);
-        if (device.state != Open) {
+        if (device.state != DeviceState::Open) {
             LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", "libcsi_start_stream");
             return LIBCSI_INVALID_DEVICE_STATE;
         }
@@ -512,7 +512,7 @@ int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentif
             return LIBCSI_BUFFER_TOO_SMALL;
         }
         Os::Backend& os = Os::Current();
-        if (device.memoryMode != MemoryMMAP) {
+        if (device.memoryMode != MemoryMode::MMAP) {
             // The driver takes indices below the count: after a revoke the
             // highest index in use can lie above the number of frames.
             std::uint32_t count = 0;
@@ -558,13 +558,13 @@ int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentif
         }
         {
             std::lock_guard<std::mutex> dequeue(device.dequeueMutex);
-            device.dequeueThreadState = Running;
+            device.dequeueThreadState = ThreadState::Running;
         }
         device.dequeueThread = std::thread([&device] { FrameDequeueThread(device); });
         const Config& config = TheConfig();
         if (config.enableFdtpPrioIncrease && config.numFrameCopyThreads == 1)
             SetThreadPriority(device.dequeueThread);
-        SetState(device, Streaming);
+        SetState(device, DeviceState::Streaming);
         return LIBCSI_OK;
     });
 }
@@ -575,19 +575,19 @@ int32_t libcsi_stop_stream(device_handle_t* pDeviceHandle, uint32_t nTimeout)
         LIBCSI_LOG(TierTrace, " nTimeout=%u\n", nTimeout);
         {
             std::unique_lock<std::mutex> lock(device.mutex);
-            device.stateCondition.wait(lock, [&] { return device.state != Stopping && device.state != Closing; });
-            if (device.state != Streaming) {
+            device.stateCondition.wait(lock, [&] { return device.state != DeviceState::Stopping && device.state != DeviceState::Closing; });
+            if (device.state != DeviceState::Streaming) {
                 LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", "libcsi_stop_stream");
                 return LIBCSI_INVALID_DEVICE_STATE;
             }
             std::lock_guard<std::mutex> frames(device.frameMutex);
-            SetState(device, Stopping);
+            SetState(device, DeviceState::Stopping);
         }
         const int32_t result = StopStream(device, nTimeout);
         {
             std::lock_guard<std::mutex> lock(device.mutex);
             std::lock_guard<std::mutex> frames(device.frameMutex);
-            SetState(device, Open);
+            SetState(device, DeviceState::Open);
         }
         WriteStatisticsLine(device);
         device.leaderKeyErrors = device.trailerKeyErrors = device.blockIDErrors = 0;
@@ -602,7 +602,7 @@ int32_t libcsi_get_stream_statistics(device_handle_t* pDeviceHandle, libcsi_stre
         if (!pStatistics)
             return LIBCSI_INVALID_PARAMETER;
         std::lock_guard<std::mutex> frames(device.frameMutex);
-        if (device.state == Closed || device.state == Closing) {
+        if (device.state == DeviceState::Closed || device.state == DeviceState::Closing) {
             LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", "libcsi_get_stream_statistics");
             return LIBCSI_INVALID_DEVICE_STATE;
         }
@@ -625,7 +625,7 @@ int32_t libcsi_reset_stream_statistics(device_handle_t* pDeviceHandle)
 {
     return ExportedOnDevice(__func__, pDeviceHandle, [&](Device& device) -> int32_t {
         std::lock_guard<std::mutex> frames(device.frameMutex);
-        if (device.state == Closed || device.state == Closing) {
+        if (device.state == DeviceState::Closed || device.state == DeviceState::Closing) {
             LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", "libcsi_reset_stream_statistics");
             return LIBCSI_INVALID_DEVICE_STATE;
         }
