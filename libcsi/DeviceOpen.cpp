@@ -335,7 +335,7 @@ int32_t libcsi_close_device(device_handle_t* pDeviceHandle)
         DeviceState previous;
         {
             std::unique_lock<std::mutex> lock(device.mutex);
-            device.stateCondition.wait(lock, [&] { return device.state != DeviceState::Stopping && device.state != DeviceState::Closing; });
+            device.stateCondition.wait(lock, [&] { return !Passing(device.state); });
             if (device.state == DeviceState::Closed)
                 return LIBCSI_OK;
             std::lock_guard<std::mutex> frames(device.frameMutex);

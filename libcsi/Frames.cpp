@@ -172,7 +172,8 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
     std::lock_guard<std::mutex> frames(device.frameMutex);
     // A frame may join a running stream (the consumer's dynamic buffer
     // handling): its buffer goes to the driver when it is queued.
-    if (device.state != DeviceState::Open && device.state != DeviceState::ResetRequested && device.state != DeviceState::Streaming) {
+    if (device.state != DeviceState::Open && device.state != DeviceState::ResetRequested &&
+        device.state != DeviceState::Streaming) {
         LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", function);
         return LIBCSI_INVALID_DEVICE_STATE;
     }
@@ -456,9 +457,9 @@ int32_t libcsi_revoke_frame(device_handle_t* pDeviceHandle, frame_handle_t* pFra
             return LIBCSI_FRAME_QUEUED;
         }
         if (frame->memoryMode == MemoryMode::MMAP) {
-            void* start = frame->origin == FrameOrigin::Announced ? static_cast<void*>(frame->driverLeader ? frame->driverLeader
-                                                                                      : frame->driverPayload)
-                                             : reinterpret_cast<void*>(FirstPointer(*frame->transfer));
+            void* start = frame->origin == FrameOrigin::Announced
+                              ? static_cast<void*>(frame->driverLeader ? frame->driverLeader : frame->driverPayload)
+                              : reinterpret_cast<void*>(FirstPointer(*frame->transfer));
             if (Os::Current().Munmap(start, frame->totalSize) < 0) {
                 LIBCSI_LOG(TierError, " %s ERROR: Failed to unmap user memory (errno=%d, %s).\n", "libcsi_revoke_frame",
                            errno, std::strerror(errno));

@@ -24,7 +24,8 @@ int32_t CheckGenCP(const char* function, device_handle_t* handle, std::unique_lo
     if (!CurrentLibrary())
         return LIBCSI_NOT_INITIALIZED;
     lock = std::unique_lock<std::mutex>(handle->mutex);
-    if (handle->state != DeviceState::Open && handle->state != DeviceState::Streaming && handle->state != DeviceState::Stopping) {
+    if (handle->state != DeviceState::Open && handle->state != DeviceState::Streaming &&
+        handle->state != DeviceState::Stopping) {
         LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", function);
         return LIBCSI_INVALID_DEVICE_STATE;
     }

@@ -285,196 +285,279 @@ void FrameCallbackThread(Device& device)
                static_cast<void*>(&device));
 }
 
+namespace {
+
+// What the dequeue thread carries from one frame to the next.
+struct DequeueProgress {
+    bool stopping = false; // the stop event came: drain the driver, then end
+    bool firstFrame = true;
+    std::uint64_t currentBlockID = 0, lastBlockID = 0;
+    std::uint64_t zeroFrames = 0;       // frames whose leader or trailer key was zero
+    std::uint64_t previousTime = 0;     // of the last timing line, microseconds
+    std::uint64_t copyDuration = 0;     // of the last copy out of the driver, microseconds
+};
+
+enum class Wake { Ready, Again, Failed };
+
+// Sleeps until the driver has a frame or the stop event comes; the dequeue
+// mutex is let go meanwhile.
+Wake AwaitDriver(Device& device, std::unique_lock<std::mutex>& lock, DequeueProgress& progress)
+{
+    const int stopPipe = device.m_nStopDequeueEvent[0], fd = device.m_nFileHandle;
+    fd_set readSet;
+    FD_ZERO(&readSet);
+    FD_SET(stopPipe, &readSet);
+    FD_SET(fd, &readSet);
+    lock.unlock();
+    const int result = Os::Current().Select(std::max(stopPipe, fd) + 1, &readSet, nullptr, nullptr, nullptr);
+    const int error = errno;
+    lock.lock();
+    if (result < 0) {
+        if (error == EINTR)
+            return Wake::Again;
+        LIBCSI_LOG(TierError, " FDTP: ERROR: Select failed (errno=%d, %s).\n", error, std::strerror(error));
+        return Wake::Failed;
+    }
+    if (result == 0) {
+        LIBCSI_LOG(TierError, " FDTP: ERROR: Select timeout (errno=%d, %s).\n", error, std::strerror(error));
+        return Wake::Failed;
+    }
+    if (FD_ISSET(stopPipe, &readSet)) {
+        LIBCSI_LOG(TierTrace, "  FDTP: STOP dequeue event detected\n");
+        LIBCSI_LOG(TierTrace, " FDTP: Start dequeueing frames from driver...\n");
+        progress.stopping = true;
+    }
+    if (!FD_ISSET(fd, &readSet) && !progress.stopping) {
+        lock.unlock();
+        sched_yield();
+        lock.lock();
+        return Wake::Again;
+    }
+    return Wake::Ready;
+}
+
+enum class Dequeued { Buffer, Again, End };
+
+// Takes the next filled buffer from the driver. While stopping, an empty
+// driver ends the thread.
+Dequeued DequeueBuffer(Device& device, const DequeueProgress& progress, v4l2_buffer& buffer)
+{
+    buffer = v4l2_buffer{};
+    buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    buffer.memory = device.memoryMode == MemoryMode::MMAP ? V4L2_MEMORY_MMAP : V4L2_MEMORY_USERPTR;
+    if (Os::Current().Ioctl(device.m_nFileHandle, VIDIOC_DQBUF, &buffer) >= 0)
+        return Dequeued::Buffer;
+    const int error = errno;
+    if (progress.stopping) {
+        LIBCSI_LOG(TierTrace, " FDTP: Stop triggered. No more frames to dequeue. (errno=%d, %s).\n", error,
+                   std::strerror(error));
+        return Dequeued::End;
+    }
+    if (error == EAGAIN) {
+        LIBCSI_LOG(TierVerbose, " FDTP: No frame to dequeue. (errno=%d, %s).\n", error, std::strerror(error));
+        return Dequeued::Again;
+    }
+    if (error == EINVAL)
+        LIBCSI_LOG(TierError, " FDTP: Invalid/Incomplete frame detected (errno=%d, %s).\n", error,
+                   std::strerror(error));
+    else
+        LIBCSI_LOG(TierError, " FDTP: ERROR while dequeing buffer from driver (errno=%d, %s).\n", error,
+                   std::strerror(error));
+    return Dequeued::End;
+}
+
+// The frame status the driver's flags say; a buffer that is not the frame
+// expected next is an error.
+std::uint32_t Classify(const v4l2_buffer& buffer, const Frame& frame)
+{
+    std::uint32_t status;
+    if (buffer.flags & (QEL_BUF_FLAG_INVALID_31 | QEL_BUF_FLAG_INVALID_28)) {
+        LIBCSI_LOG(TierError, " FDTP: Invalid/Incomplete frame detected\n");
+        status = LIBCSI_FRAME_INVALID;
+    } else if (buffer.flags & QEL_BUF_FLAG_VALID) {
+        status = LIBCSI_FRAME_VALID;
+    } else if (buffer.flags & QEL_BUF_FLAG_UNUSED) {
+        LIBCSI_LOG(TierTrace, " FDTP: buffer.flag: Unused frame detected\n");
+        status = LIBCSI_FRAME_UNUSED;
+    } else {
+        LIBCSI_LOG(TierWarning, " FDTP: buffer.flag: Unknown buffer state\n");
+        status = LIBCSI_FRAME_ERROR;
+    }
+    if (buffer.index != frame.m_nBufferIndex) {
+        LIBCSI_LOG(TierError, " FDTP: ERROR: Dequeue wrong buffer index\n");
+        status = LIBCSI_FRAME_ERROR;
+    }
+    return status;
+}
+
+// A frame announced over the driver's mapped buffers is copied out of them
+// into the caller's memory.
+void CopyOutOfDriver(Frame& frame, DequeueProgress& progress)
+{
+    if (frame.origin != FrameOrigin::Announced || frame.memoryMode != MemoryMode::MMAP)
+        return;
+    const lib_frame_transfer& t = *frame.transfer;
+    const std::uint64_t start = MonotonicMicroseconds();
+    if (frame.driverLeaderSize)
+        std::memcpy(reinterpret_cast<void*>(t.m_pLeader), frame.driverLeader, t.m_nLeaderSize);
+    if (frame.driverPayloadSize)
+        std::memcpy(reinterpret_cast<void*>(t.m_pPayload), frame.driverPayload, t.m_nPayloadSize);
+    if (frame.driverTrailerSize)
+        std::memcpy(reinterpret_cast<void*>(t.m_pTrailer), frame.driverTrailer, t.m_nTrailerSize);
+    progress.copyDuration = MonotonicMicroseconds() - start;
+    LIBCSI_LOG(TierVerbose, " FDTP: memcpy took %luus (%lu MiB/s)\n", static_cast<unsigned long>(progress.copyDuration),
+               static_cast<unsigned long>(progress.copyDuration ? frame.totalSize / progress.copyDuration : 0));
+}
+
+// One check of a valid frame's leader or trailer (not while stopping): counted
+// when it fails, and the frame made an error unless the configuration turns
+// that check off.
+template <class Log>
+void Judge(bool failed, std::uint32_t& errors, bool enforced, const DequeueProgress& progress, std::uint32_t& status,
+           Log log)
+{
+    if (!failed || progress.stopping || status != LIBCSI_FRAME_VALID)
+        return;
+    ++errors;
+    log(enforced ? TierError : TierWarning);
+    if (enforced)
+        status = LIBCSI_FRAME_ERROR;
+}
+
+void CheckKey(const char* record, std::uint32_t key, std::uint32_t expected, std::uint32_t& errors,
+              const DequeueProgress& progress, std::uint32_t& status)
+{
+    Judge(key != expected, errors, !TheConfig().disableMagicKeysCheck, progress, status, [&](Tier tier) {
+        LIBCSI_LOG(tier, "  FDTP: Invalid magic key within %s (0x%08X)\n", record, key);
+    });
+}
+
+// The leader and trailer of one frame carry the same block ID.
+void CheckBlockIDs(Device& device, std::uint64_t leaderID, std::uint64_t trailerID, DequeueProgress& progress,
+                   std::uint32_t& status)
+{
+    if (leaderID == trailerID)
+        progress.currentBlockID = leaderID;
+    Judge(leaderID != trailerID, device.blockIDErrors, !TheConfig().disableBlockIdCheck, progress, status,
+          [&](Tier tier) {
+              LIBCSI_LOG(tier, "  FDTP: Inconsistent block IDs (0x%016" PRIX64 ",0x%016" PRIX64 ")\n", leaderID,
+                         trailerID);
+          });
+}
+
+// Block IDs skipped since the last valid frame are frames lost on the way.
+// Only a leader and a trailer carry block IDs: without them there is no order to check.
+void CountDroppedFrames(Device& device, bool hasBlockIDs, std::uint32_t status, DequeueProgress& progress)
+{
+    if (progress.firstFrame) {
+        progress.lastBlockID = progress.currentBlockID;
+        return;
+    }
+    if (progress.stopping || status != LIBCSI_FRAME_VALID || !hasBlockIDs)
+        return;
+    if (progress.lastBlockID < progress.currentBlockID) {
+        std::lock_guard<std::mutex> statistics(device.statisticsMutex);
+        device.m_nNumDroppedFrames += progress.currentBlockID - progress.lastBlockID - 1;
+        progress.lastBlockID = progress.currentBlockID;
+    } else {
+        LIBCSI_LOG(TierWarning, " FDTP: currentBlockID=%" PRIu64 " lastBlockID=%" PRIu64 ": Invalid BlockID order\n",
+                   progress.currentBlockID, progress.lastBlockID);
+    }
+}
+
+// A line per frame with a leader: microseconds since the last, block ID, flags, device time, copy time.
+void WriteTimingLine(const v4l2_buffer& buffer, const qel_frame_leader& leader, DequeueProgress& progress)
+{
+    auto library = CurrentLibrary();
+    if (!library || !library->timingFile || !TheConfig().dumpFrameTiming)
+        return;
+    const std::uint64_t now = MonotonicMicroseconds();
+    if (progress.previousTime != 0) {
+        std::fprintf(library->timingFile, "%" PRIu64 ";%" PRIu64 ";%x;%" PRIu64 ";%" PRIu64 "\r\n",
+                     static_cast<std::uint64_t>(now - progress.previousTime),
+                     static_cast<std::uint64_t>(leader.block_id), buffer.flags,
+                     static_cast<std::uint64_t>(leader.timestamp), progress.copyDuration);
+        std::fflush(library->timingFile);
+    }
+    progress.previousTime = now;
+}
+
+// The next frame of the input queue, filled by the driver's `buffer`: copied
+// out, checked, accounted for and handed to the callback thread.
+// Under the dequeue and output mutexes.
+void ProcessFrame(Device& device, const v4l2_buffer& buffer, DequeueProgress& progress)
+{
+    std::shared_ptr<Frame> frame = device.m_InputFrameQueue.front();
+    device.m_InputFrameQueue.pop_front();
+    ++device.m_nNumReceivedFrames;
+    std::uint32_t status = Classify(buffer, *frame);
+    CopyOutOfDriver(*frame, progress);
+
+    const lib_frame_transfer& t = *frame->transfer;
+    const bool hasLeader = t.m_nLeaderSize >= sizeof(qel_frame_leader);
+    const bool hasTrailer = t.m_nTrailerSize >= sizeof(qel_frame_trailer);
+    qel_frame_leader leader{};
+    qel_frame_trailer trailer{};
+    if (hasLeader) {
+        std::memcpy(&leader, reinterpret_cast<const void*>(t.m_pLeader), sizeof leader);
+        CheckKey("leader", leader.magic_key, QEL_LEADER_MAGIC, device.leaderKeyErrors, progress, status);
+    }
+    if (hasTrailer) {
+        std::memcpy(&trailer, reinterpret_cast<const void*>(t.m_pTrailer), sizeof trailer);
+        CheckKey("trailer", trailer.magic_key, QEL_TRAILER_MAGIC, device.trailerKeyErrors, progress, status);
+    }
+    if ((hasLeader && leader.magic_key == 0) || (hasTrailer && trailer.magic_key == 0))
+        ++progress.zeroFrames;
+    if (hasLeader && hasTrailer)
+        CheckBlockIDs(device, leader.block_id, trailer.block_id, progress, status);
+    CountDroppedFrames(device, hasLeader && hasTrailer, status, progress);
+
+    DumpFrame(device, t);
+    if (hasLeader)
+        WriteTimingLine(buffer, leader, progress);
+
+    frame->status = status;
+    device.m_OutputFrameQueue.push_back(frame);
+    device.outputCondition.notify_all();
+    progress.firstFrame = false;
+}
+
+}
+
+// Waits for the driver, dequeues, processes the frame, and yields; after the
+// stop event it drains what the driver still holds and ends.
 void FrameDequeueThread(Device& device)
 {
-    const Config& config = TheConfig();
     LIBCSI_LOG(TierTrace, " FDTP: %ld processors, 1 dequeue thread\n", ::sysconf(_SC_NPROCESSORS_ONLN));
-    Os::Backend& os = Os::Current();
     std::unique_lock<std::mutex> lock(device.dequeueMutex);
-    bool exitFlag = false, firstFrame = true;
-    std::uint64_t currentBlockID = 0, lastBlockID = 0, zeroFrames = 0;
-    std::uint64_t previousTime = 0, copyDuration = 0;
-    const int stopPipe = device.m_nStopDequeueEvent[0], fd = device.m_nFileHandle;
-    while (device.dequeueThreadState == ThreadState::Running || device.dequeueThreadState == ThreadState::StopRequested) {
-        fd_set readSet;
-        FD_ZERO(&readSet);
-        FD_SET(stopPipe, &readSet);
-        FD_SET(fd, &readSet);
-        if (!exitFlag) {
-            lock.unlock();
-            const int result = os.Select(std::max(stopPipe, fd) + 1, &readSet, nullptr, nullptr, nullptr);
-            const int error = errno;
-            lock.lock();
-            if (result < 0) {
-                if (error == EINTR)
-                    continue;
-                LIBCSI_LOG(TierError, " FDTP: ERROR: Select failed (errno=%d, %s).\n", error, std::strerror(error));
+    DequeueProgress progress;
+    while (device.dequeueThreadState == ThreadState::Running ||
+           device.dequeueThreadState == ThreadState::StopRequested) {
+        if (!progress.stopping) {
+            const Wake wake = AwaitDriver(device, lock, progress);
+            if (wake == Wake::Failed)
                 break;
-            }
-            if (result == 0) {
-                LIBCSI_LOG(TierError, " FDTP: ERROR: Select timeout (errno=%d, %s).\n", error, std::strerror(error));
-                break;
-            }
-            if (FD_ISSET(stopPipe, &readSet)) {
-                LIBCSI_LOG(TierTrace, "  FDTP: STOP dequeue event detected\n");
-                LIBCSI_LOG(TierTrace, " FDTP: Start dequeueing frames from driver...\n");
-                exitFlag = true;
-            }
-            if (!FD_ISSET(fd, &readSet) && !exitFlag) {
-                lock.unlock();
-                sched_yield();
-                lock.lock();
+            if (wake == Wake::Again)
                 continue;
-            }
         }
         std::unique_lock<std::mutex> output(device.outputMutex);
-        v4l2_buffer buf{};
-        buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        buf.memory = device.memoryMode == MemoryMode::MMAP ? V4L2_MEMORY_MMAP : V4L2_MEMORY_USERPTR;
-        if (os.Ioctl(fd, VIDIOC_DQBUF, &buf) < 0) {
-            const int error = errno;
-            if (exitFlag) {
-                LIBCSI_LOG(TierTrace, " FDTP: Stop triggered. No more frames to dequeue. (errno=%d, %s).\n", error,
-                           std::strerror(error));
-                break;
-            }
-            if (error == EAGAIN) {
-                LIBCSI_LOG(TierVerbose, " FDTP: No frame to dequeue. (errno=%d, %s).\n", error, std::strerror(error));
-                continue;
-            }
-            if (error == EINVAL)
-                LIBCSI_LOG(TierError, " FDTP: Invalid/Incomplete frame detected (errno=%d, %s).\n", error,
-                           std::strerror(error));
-            else
-                LIBCSI_LOG(TierError, " FDTP: ERROR while dequeing buffer from driver (errno=%d, %s).\n", error,
-                           std::strerror(error));
+        v4l2_buffer buffer{};
+        const Dequeued dequeued = DequeueBuffer(device, progress, buffer);
+        if (dequeued == Dequeued::End)
             break;
-        }
-        if (!device.m_InputFrameQueue.empty()) {
-            std::shared_ptr<Frame> frame = device.m_InputFrameQueue.front();
-            device.m_InputFrameQueue.pop_front();
-            ++device.m_nNumReceivedFrames;
-            std::uint32_t status;
-            if (buf.flags & (QEL_BUF_FLAG_INVALID_31 | QEL_BUF_FLAG_INVALID_28)) {
-                LIBCSI_LOG(TierError, " FDTP: Invalid/Incomplete frame detected\n");
-                status = LIBCSI_FRAME_INVALID;
-            } else if (buf.flags & QEL_BUF_FLAG_VALID) {
-                status = LIBCSI_FRAME_VALID;
-            } else if (buf.flags & QEL_BUF_FLAG_UNUSED) {
-                LIBCSI_LOG(TierTrace, " FDTP: buffer.flag: Unused frame detected\n");
-                status = LIBCSI_FRAME_UNUSED;
-            } else {
-                LIBCSI_LOG(TierWarning, " FDTP: buffer.flag: Unknown buffer state\n");
-                status = LIBCSI_FRAME_ERROR;
-            }
-            if (buf.index != frame->m_nBufferIndex) {
-                LIBCSI_LOG(TierError, " FDTP: ERROR: Dequeue wrong buffer index\n");
-                status = LIBCSI_FRAME_ERROR;
-            }
-            lib_frame_transfer& t = *frame->transfer;
-            if (frame->origin == FrameOrigin::Announced && frame->memoryMode == MemoryMode::MMAP) {
-                const std::uint64_t start = MonotonicMicroseconds();
-                if (frame->driverLeaderSize)
-                    std::memcpy(reinterpret_cast<void*>(t.m_pLeader), frame->driverLeader, t.m_nLeaderSize);
-                if (frame->driverPayloadSize)
-                    std::memcpy(reinterpret_cast<void*>(t.m_pPayload), frame->driverPayload, t.m_nPayloadSize);
-                if (frame->driverTrailerSize)
-                    std::memcpy(reinterpret_cast<void*>(t.m_pTrailer), frame->driverTrailer, t.m_nTrailerSize);
-                copyDuration = MonotonicMicroseconds() - start;
-                LIBCSI_LOG(TierVerbose, " FDTP: memcpy took %luus (%lu MiB/s)\n", static_cast<unsigned long>(copyDuration),
-                           static_cast<unsigned long>(copyDuration ? frame->totalSize / copyDuration : 0));
-            }
-            const bool hasLeader = t.m_nLeaderSize >= sizeof(qel_frame_leader);
-            const bool hasTrailer = t.m_nTrailerSize >= sizeof(qel_frame_trailer);
-            qel_frame_leader leader{};
-            qel_frame_trailer trailer{};
-            bool zero = false;
-            if (hasLeader) {
-                std::memcpy(&leader, reinterpret_cast<const void*>(t.m_pLeader), sizeof leader);
-                zero = zero || leader.magic_key == 0;
-                if (!exitFlag && status == LIBCSI_FRAME_VALID && leader.magic_key != QEL_LEADER_MAGIC) {
-                    ++device.leaderKeyErrors;
-                    if (!config.disableMagicKeysCheck) {
-                        LIBCSI_LOG(TierError, "  FDTP: Invalid magic key within leader (0x%08X)\n", leader.magic_key);
-                        status = LIBCSI_FRAME_ERROR;
-                    } else {
-                        LIBCSI_LOG(TierWarning, "  FDTP: Invalid magic key within leader (0x%08X)\n", leader.magic_key);
-                    }
-                }
-            }
-            if (hasTrailer) {
-                std::memcpy(&trailer, reinterpret_cast<const void*>(t.m_pTrailer), sizeof trailer);
-                zero = zero || trailer.magic_key == 0;
-                if (!exitFlag && status == LIBCSI_FRAME_VALID && trailer.magic_key != QEL_TRAILER_MAGIC) {
-                    ++device.trailerKeyErrors;
-                    if (!config.disableMagicKeysCheck) {
-                        LIBCSI_LOG(TierError, "  FDTP: Invalid magic key within trailer (0x%08X)\n", trailer.magic_key);
-                        status = LIBCSI_FRAME_ERROR;
-                    } else {
-                        LIBCSI_LOG(TierWarning, "  FDTP: Invalid magic key within trailer (0x%08X)\n",
-                                   trailer.magic_key);
-                    }
-                }
-            }
-            if (zero)
-                ++zeroFrames;
-            if (hasLeader && hasTrailer) {
-                const std::uint64_t leaderID = leader.block_id, trailerID = trailer.block_id;
-                if (leaderID == trailerID) {
-                    currentBlockID = leaderID;
-                } else if (!exitFlag && status == LIBCSI_FRAME_VALID) {
-                    ++device.blockIDErrors;
-                    if (!config.disableBlockIdCheck) {
-                        LIBCSI_LOG(TierError, "  FDTP: Inconsistent block IDs (0x%016" PRIX64 ",0x%016" PRIX64 ")\n",
-                                   static_cast<std::uint64_t>(leaderID), static_cast<std::uint64_t>(trailerID));
-                        status = LIBCSI_FRAME_ERROR;
-                    } else {
-                        LIBCSI_LOG(TierWarning, "  FDTP: Inconsistent block IDs (0x%016" PRIX64 ",0x%016" PRIX64 ")\n",
-                                   static_cast<std::uint64_t>(leaderID), static_cast<std::uint64_t>(trailerID));
-                    }
-                }
-            }
-            if (firstFrame) {
-                lastBlockID = currentBlockID;
-            } else if (!exitFlag && status == LIBCSI_FRAME_VALID && hasLeader && hasTrailer) {
-                // Only a leader and a trailer carry block IDs: without them there is no order to check.
-                if (lastBlockID < currentBlockID) {
-                    std::lock_guard<std::mutex> statistics(device.statisticsMutex);
-                    device.m_nNumDroppedFrames += currentBlockID - lastBlockID - 1;
-                    lastBlockID = currentBlockID;
-                } else {
-                    LIBCSI_LOG(TierWarning,
-                               " FDTP: currentBlockID=%" PRIu64 " lastBlockID=%" PRIu64 ": Invalid BlockID order\n",
-                               static_cast<std::uint64_t>(currentBlockID), static_cast<std::uint64_t>(lastBlockID));
-                }
-            }
-            DumpFrame(device, t);
-            if (auto library = CurrentLibrary(); library && library->timingFile && config.dumpFrameTiming && hasLeader) {
-                const std::uint64_t now = MonotonicMicroseconds();
-                if (previousTime != 0) {
-                    std::fprintf(library->timingFile, "%" PRIu64 ";%" PRIu64 ";%x;%" PRIu64 ";%" PRIu64 "\r\n",
-                                 static_cast<std::uint64_t>(now - previousTime),
-                                 static_cast<std::uint64_t>(leader.block_id), buf.flags,
-                                 static_cast<std::uint64_t>(leader.timestamp),
-                                 static_cast<std::uint64_t>(copyDuration));
-                    std::fflush(library->timingFile);
-                }
-                previousTime = now;
-            }
-            frame->status = status;
-            device.m_OutputFrameQueue.push_back(frame);
-            device.outputCondition.notify_all();
-            firstFrame = false;
-        }
+        if (dequeued == Dequeued::Again)
+            continue;
+        if (!device.m_InputFrameQueue.empty())
+            ProcessFrame(device, buffer, progress);
         output.unlock();
         lock.unlock();
         sched_yield();
         lock.lock();
     }
-    LIBCSI_LOG(TierTrace, " FDTP: nNumZeroFrames=%" PRIu64 "\n", static_cast<std::uint64_t>(zeroFrames));
+    LIBCSI_LOG(TierTrace, " FDTP: nNumZeroFrames=%" PRIu64 "\n", progress.zeroFrames);
     if (device.dequeueThreadState == ThreadState::StopRequested) {
         char sink[10];
-        (void)!::read(stopPipe, sink, sizeof sink);
+        (void)!::read(device.m_nStopDequeueEvent[0], sink, sizeof sink);
     }
     device.dequeueThreadState = ThreadState::Stopped;
     device.dequeueCondition.notify_all();
@@ -575,7 +658,7 @@ int32_t libcsi_stop_stream(device_handle_t* pDeviceHandle, uint32_t nTimeout)
         LIBCSI_LOG(TierTrace, " nTimeout=%u\n", nTimeout);
         {
             std::unique_lock<std::mutex> lock(device.mutex);
-            device.stateCondition.wait(lock, [&] { return device.state != DeviceState::Stopping && device.state != DeviceState::Closing; });
+            device.stateCondition.wait(lock, [&] { return !Passing(device.state); });
             if (device.state != DeviceState::Streaming) {
                 LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", "libcsi_stop_stream");
                 return LIBCSI_INVALID_DEVICE_STATE;
