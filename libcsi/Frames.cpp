@@ -6,6 +6,8 @@
 #include "libcsi/Log.h"
 #include "libcsi/OsSeam.h"
 
+#include <boost/scope_exit.hpp>
+
 #include <linux/videodev2.h>
 
 #include <sys/mman.h>
@@ -115,6 +117,111 @@ std::uintptr_t FirstPointer(const lib_frame_transfer& transfer)
     return static_cast<std::uintptr_t>(transfer.m_nLeaderSize ? transfer.m_pLeader : transfer.m_pPayload);
 }
 
+// The transfer record's sizes and pointers: announce needs the caller's
+// memory, allocate only the sizes.
+int32_t CheckTransfer(const char* function, const lib_frame_transfer& t, bool allocate)
+{
+    if (t.m_nPayloadSize == 0 || (!allocate && t.m_pPayload == 0)) {
+        LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter for payload.\n", function);
+        return LIBCSI_INVALID_PARAMETER;
+    }
+    if (allocate)
+        return LIBCSI_OK;
+    if ((t.m_nLeaderSize == 0) != (t.m_pLeader == 0)) {
+        LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter for leader.\n", function);
+        return LIBCSI_INVALID_PARAMETER;
+    }
+    if ((t.m_nTrailerSize == 0) != (t.m_pTrailer == 0)) {
+        LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter for trailer.\n", function);
+        return LIBCSI_INVALID_PARAMETER;
+    }
+    return LIBCSI_OK;
+}
+
+// The lowest buffer index a revoke left free, else the next one.
+std::uint32_t TakeBufferIndex(Device& device)
+{
+    if (device.freeBufferIndices.empty())
+        return static_cast<std::uint32_t>(device.announcedFrames.size());
+    const std::uint32_t index = *device.freeBufferIndices.begin();
+    device.freeBufferIndices.erase(device.freeBufferIndices.begin());
+    return index;
+}
+
+// The caller's memory, given to the driver as user pointers: one block, aligned.
+int32_t UseCallerMemory(const char* function, const Device& device, Frame& frame, const lib_frame_transfer& t)
+{
+    // The driver fills one user block from its start: parts that lie apart would be overrun.
+    const bool contiguous = (t.m_pLeader == 0 || t.m_pPayload == t.m_pLeader + t.m_nLeaderSize) &&
+                            (t.m_pTrailer == 0 || t.m_pTrailer == t.m_pPayload + t.m_nPayloadSize);
+    if (!contiguous) {
+        LIBCSI_LOG(TierError,
+                   " %s ERROR: USRPTR frame parts are not one block (leader, payload and trailer must follow each "
+                   "other).\n",
+                   function);
+        return LIBCSI_INVALID_PARAMETER;
+    }
+    const std::uint32_t alignment = std::max<std::uint32_t>(1, device.driverInfo.usrptr_alignment);
+    if (FirstPointer(t) % alignment != 0) {
+        LIBCSI_LOG(TierError, " %s ERROR: USRPTR memory alignment invalid. BufferStart=%p, ReqAlignment=%u\n",
+                   function, reinterpret_cast<void*>(FirstPointer(t)), alignment);
+        return LIBCSI_ALIGNMENT_INVALID;
+    }
+    frame.memoryMode = MemoryMode::UserptrExternal;
+    return LIBCSI_OK;
+}
+
+// The driver's own buffer, mapped: an allocated frame points into it, an
+// announced one is copied out of it by the dequeue thread.
+int32_t UseDriverMapping(Device& device, Frame& frame, lib_frame_transfer& t, bool allocate)
+{
+    frame.memoryMode = MemoryMode::MMAP;
+    std::uint8_t* mapping = nullptr;
+    if (int32_t result = MapDriverBuffer(device, frame, mapping))
+        return result;
+    std::uint8_t *leader, *payload, *trailer;
+    PointInto(mapping, t, leader, payload, trailer);
+    if (allocate) {
+        t.m_pLeader = reinterpret_cast<std::uintptr_t>(leader);
+        t.m_pPayload = reinterpret_cast<std::uintptr_t>(payload);
+        t.m_pTrailer = reinterpret_cast<std::uintptr_t>(trailer);
+        return LIBCSI_OK;
+    }
+    frame.driverLeader = leader;
+    frame.driverPayload = payload;
+    frame.driverTrailer = trailer;
+    frame.driverLeaderSize = t.m_nLeaderSize;
+    frame.driverPayloadSize = t.m_nPayloadSize;
+    frame.driverTrailerSize = t.m_nTrailerSize;
+    return LIBCSI_OK;
+}
+
+// Aligned memory allocated here, given to the driver as user pointers.
+int32_t AllocateUserMemory(const char* function, Device& device, Frame& frame, lib_frame_transfer& t)
+{
+    frame.memoryMode = MemoryMode::UserptrInternal;
+    if (BufferRequest(device, VIDIOC_MEM_ALLOC, frame.m_nBufferIndex, V4L2_MEMORY_USERPTR) < 0) {
+        LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_MEM_ALLOC failed (errno=%d, %s).\n", function, errno,
+                   std::strerror(errno));
+        return LIBCSI_DRIVER_CALL_FAILED;
+    }
+    const std::uint32_t alignment = std::max<std::uint32_t>(1, device.driverInfo.usrptr_alignment);
+    const std::uint64_t rounded = (frame.totalSize + alignment - 1) / alignment * alignment;
+    auto* memory = static_cast<std::uint8_t*>(std::aligned_alloc(alignment, rounded));
+    if (!memory) {
+        LIBCSI_LOG(TierError, " %s ERROR: Failed to allocate memory (errno=%d, %s).\n", function, errno,
+                   std::strerror(errno));
+        BufferRequest(device, VIDIOC_MEM_FREE, frame.m_nBufferIndex, V4L2_MEMORY_USERPTR);
+        return LIBCSI_ERROR;
+    }
+    std::uint8_t *leader, *payload, *trailer;
+    PointInto(memory, t, leader, payload, trailer);
+    t.m_pLeader = reinterpret_cast<std::uintptr_t>(leader);
+    t.m_pPayload = reinterpret_cast<std::uintptr_t>(payload);
+    t.m_pTrailer = reinterpret_cast<std::uintptr_t>(trailer);
+    return LIBCSI_OK;
+}
+
 // The checks and steps announce and allocate share; `allocate` picks the variant.
 int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ipuX, std::uint32_t ipuY,
                  lib_frame_transfer* pFrame, frame_handle_t** ppFrameHandle, bool allocate)
@@ -125,25 +232,8 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
         return LIBCSI_INVALID_PARAMETER;
     }
     lib_frame_transfer& t = *pFrame;
-    if (allocate) {
-        if (t.m_nPayloadSize == 0) {
-            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter for payload.\n", function);
-            return LIBCSI_INVALID_PARAMETER;
-        }
-    } else {
-        if (t.m_nPayloadSize == 0 || t.m_pPayload == 0) {
-            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter for payload.\n", function);
-            return LIBCSI_INVALID_PARAMETER;
-        }
-        if ((t.m_nLeaderSize == 0) != (t.m_pLeader == 0)) {
-            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter for leader.\n", function);
-            return LIBCSI_INVALID_PARAMETER;
-        }
-        if ((t.m_nTrailerSize == 0) != (t.m_pTrailer == 0)) {
-            LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter for trailer.\n", function);
-            return LIBCSI_INVALID_PARAMETER;
-        }
-    }
+    if (int32_t result = CheckTransfer(function, t, allocate))
+        return result;
     if (ipuX == 0 || ipuY == 0) {
         LIBCSI_LOG(TierError, " %s ERROR: Invalid IPU_X (%u) or IPU_Y (%u)\n", function, ipuX, ipuY);
         return LIBCSI_INVALID_PARAMETER;
@@ -177,6 +267,12 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
         LIBCSI_LOG(TierError, " %s ERROR: Invalid device state.\n", function);
         return LIBCSI_INVALID_DEVICE_STATE;
     }
+    // Asked before any memory is taken: nothing after this point can refuse the frame.
+    auto owner = FindDevice(*library, &device);
+    if (!owner) {
+        LIBCSI_LOG(TierError, " %s ERROR: Invalid device handle.\n", function);
+        return LIBCSI_INVALID_PARAMETER;
+    }
     std::shared_ptr<Frame> frame;
     try {
         frame = std::make_shared<Frame>();
@@ -189,95 +285,32 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
                static_cast<std::uint64_t>(t.m_nPayloadSize), static_cast<std::uint64_t>(t.m_nTrailerSize));
     if (int32_t result = SetFormat(function, device, total, ipuX, ipuY))
         return result;
-    std::uint32_t index;
-    if (!device.freeBufferIndices.empty()) {
-        index = *device.freeBufferIndices.begin();
-        device.freeBufferIndices.erase(device.freeBufferIndices.begin());
-    } else {
-        index = static_cast<std::uint32_t>(device.announcedFrames.size());
-    }
-    auto giveBack = [&] { device.freeBufferIndices.insert(index); };
+
+    const std::uint32_t index = TakeBufferIndex(device);
+    bool announced = false;
+    BOOST_SCOPE_EXIT_ALL(&) {
+        if (!announced)
+            device.freeBufferIndices.insert(index);
+    };
     const Config& config = TheConfig();
     if (device.state == DeviceState::Streaming && config.enableUserptr && index >= device.userBuffersDeclared) {
         LIBCSI_LOG(TierError, " %s ERROR: No buffer index free while streaming (%u user pointer buffers).\n", function,
                    device.userBuffersDeclared);
-        giveBack();
         return LIBCSI_INVALID_DEVICE_STATE;
     }
     LIBCSI_LOG(TierTrace, " nNextFreeIndex=%d\n", static_cast<int>(index));
     frame->m_nBufferIndex = index;
     frame->totalSize = total;
-    const std::uint32_t alignment = std::max<std::uint32_t>(1, device.driverInfo.usrptr_alignment);
-    if (!allocate && config.enableUserptr) {
-        // The driver fills one user block from its start: parts that lie apart would be overrun.
-        const bool contiguous = (t.m_pLeader == 0 || t.m_pPayload == t.m_pLeader + t.m_nLeaderSize) &&
-                                (t.m_pTrailer == 0 || t.m_pTrailer == t.m_pPayload + t.m_nPayloadSize);
-        if (!contiguous) {
-            LIBCSI_LOG(TierError, " %s ERROR: USRPTR frame parts are not one block (leader, payload and trailer must follow each other).\n",
-                       function);
-            giveBack();
-            return LIBCSI_INVALID_PARAMETER;
-        }
-        if (FirstPointer(t) % alignment != 0) {
-            LIBCSI_LOG(TierError, " %s ERROR: USRPTR memory alignment invalid. BufferStart=%p, ReqAlignment=%u\n",
-                       function, reinterpret_cast<void*>(FirstPointer(t)), alignment);
-            giveBack();
-            return LIBCSI_ALIGNMENT_INVALID;
-        }
-        frame->memoryMode = MemoryMode::UserptrExternal;
-    } else if (!config.enableUserptr) {
-        frame->memoryMode = MemoryMode::MMAP;
-        std::uint8_t* mapping = nullptr;
-        if (int32_t result = MapDriverBuffer(device, *frame, mapping)) {
-            giveBack();
-            return result;
-        }
-        std::uint8_t *leader, *payload, *trailer;
-        PointInto(mapping, t, leader, payload, trailer);
-        if (allocate) {
-            t.m_pLeader = reinterpret_cast<std::uintptr_t>(leader);
-            t.m_pPayload = reinterpret_cast<std::uintptr_t>(payload);
-            t.m_pTrailer = reinterpret_cast<std::uintptr_t>(trailer);
-        } else {
-            frame->driverLeader = leader;
-            frame->driverPayload = payload;
-            frame->driverTrailer = trailer;
-            frame->driverLeaderSize = t.m_nLeaderSize;
-            frame->driverPayloadSize = t.m_nPayloadSize;
-            frame->driverTrailerSize = t.m_nTrailerSize;
-        }
-    } else {
-        frame->memoryMode = MemoryMode::UserptrInternal;
-        if (BufferRequest(device, VIDIOC_MEM_ALLOC, index, V4L2_MEMORY_USERPTR) < 0) {
-            LIBCSI_LOG(TierError, " %s ERROR: VIDIOC_MEM_ALLOC failed (errno=%d, %s).\n", function, errno,
-                       std::strerror(errno));
-            giveBack();
-            return LIBCSI_DRIVER_CALL_FAILED;
-        }
-        const std::uint64_t rounded = (total + alignment - 1) / alignment * alignment;
-        auto* memory = static_cast<std::uint8_t*>(std::aligned_alloc(alignment, rounded));
-        if (!memory) {
-            LIBCSI_LOG(TierError, " %s ERROR: Failed to allocate memory (errno=%d, %s).\n", function, errno,
-                       std::strerror(errno));
-            giveBack();
-            return LIBCSI_ERROR;
-        }
-        std::uint8_t *leader, *payload, *trailer;
-        PointInto(memory, t, leader, payload, trailer);
-        t.m_pLeader = reinterpret_cast<std::uintptr_t>(leader);
-        t.m_pPayload = reinterpret_cast<std::uintptr_t>(payload);
-        t.m_pTrailer = reinterpret_cast<std::uintptr_t>(trailer);
-    }
+    const int32_t memory = !config.enableUserptr ? UseDriverMapping(device, *frame, t, allocate)
+                           : allocate            ? AllocateUserMemory(function, device, *frame, t)
+                                                 : UseCallerMemory(function, device, *frame, t);
+    if (memory != LIBCSI_OK)
+        return memory;
+
     frame->transfer = pFrame;
     frame->queued = false;
     frame->origin = allocate ? FrameOrigin::Allocated : FrameOrigin::Announced;
     frame->m_pDeviceHandle = &device;
-    auto owner = FindDevice(*library, &device);
-    if (!owner) {
-        LIBCSI_LOG(TierError, " %s ERROR: Invalid device handle.\n", function);
-        giveBack();
-        return LIBCSI_INVALID_PARAMETER;
-    }
     frame->device = owner;
     // The device's mode follows the latest announce, but not while it streams:
     // the dequeue thread reads it, and a joining frame's mode is of the same
@@ -285,6 +318,7 @@ int32_t Announce(const char* function, device_handle_t* handle, std::uint32_t ip
     if (device.state != DeviceState::Streaming)
         device.memoryMode = frame->memoryMode;
     device.announcedFrames.insert(frame);
+    announced = true;
     *ppFrameHandle = frame.get();
     LIBCSI_LOG(TierTrace, allocate ? " Frame allocated and announced. Index=%d\n" : " Frame announced. Index=%d\n",
                static_cast<int>(index));

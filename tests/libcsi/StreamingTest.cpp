@@ -266,6 +266,24 @@ TEST_F(Stream, ExternalUserPointerFrames)
     StreamAndVerify(300);
 }
 
+TEST_F(Stream, ARefusedAnnounceGivesItsBufferIndexBack)
+{
+    LibCSIImpl::TheConfig().enableUserptr = true;
+    Open();
+    ASSERT_EQ(LIBCSI_OK, Announce(3));
+    // Index 0 is free again; the refused frame takes it, and must give it back,
+    // or the next frame would share index 2 with a frame still announced.
+    ASSERT_EQ(LIBCSI_OK, libcsi_revoke_frame(device, buffers.front().handle));
+    std::free(buffers.front().memory);
+    buffers.pop_front();
+    ASSERT_EQ(LIBCSI_ALIGNMENT_INVALID, Announce(1, false, 4));
+    std::free(buffers.back().memory);
+    buffers.pop_back();
+    ASSERT_EQ(LIBCSI_OK, Announce(1));
+    QueueAll();
+    StreamAndVerify(300);
+}
+
 TEST_F(Stream, InternalUserPointerFrames)
 {
     LibCSIImpl::TheConfig().enableUserptr = true;
