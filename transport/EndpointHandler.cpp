@@ -212,52 +212,52 @@ std::int32_t EndpointHandler::StopStreaming()
 
 void* EndpointHandler::AllocateBuffer(std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
                                       std::uint32_t leaderSize, std::uint32_t trailerSize,
-                                      Endpoint::FrameHandler callback)
+                                      StreamFrames::FrameHandler callback)
 {
     CheckRunning();
-    return endpoint->AllocateBuffer(ipuX, ipuY, size, leaderSize, trailerSize, std::move(callback));
+    return endpoint->Frames().AllocateBuffer(ipuX, ipuY, size, leaderSize, trailerSize, std::move(callback));
 }
 
 frame_handle_t* EndpointHandler::AnnounceBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY,
                                                 std::size_t size, std::uint32_t leaderSize,
-                                                std::uint32_t trailerSize, Endpoint::FrameHandler callback)
+                                                std::uint32_t trailerSize, StreamFrames::FrameHandler callback)
 {
     CheckRunning();
-    return endpoint->AnnounceBuffer(payload, ipuX, ipuY, size, leaderSize, trailerSize, std::move(callback));
+    return endpoint->Frames().AnnounceBuffer(payload, ipuX, ipuY, size, leaderSize, trailerSize, std::move(callback));
 }
 
 std::int32_t EndpointHandler::QueueBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
                                           std::uint32_t leaderSize, std::uint32_t trailerSize,
-                                          Endpoint::FrameHandler callback)
+                                          StreamFrames::FrameHandler callback)
 {
     CheckRunning();
-    return endpoint->QueueBuffer(payload, ipuX, ipuY, size, leaderSize, trailerSize, std::move(callback));
+    return endpoint->Frames().QueueBuffer(payload, ipuX, ipuY, size, leaderSize, trailerSize, std::move(callback));
 }
 
 std::int32_t EndpointHandler::FlushBuffers()
 {
     CheckRunning();
-    return endpoint->FlushBuffers();
+    return endpoint->Frames().FlushBuffers();
 }
 
-std::int32_t EndpointHandler::RevokeBuffer(const void* payload) { return endpoint->RevokeBuffer(payload); }
+std::int32_t EndpointHandler::RevokeBuffer(const void* payload) { return endpoint->Frames().RevokeBuffer(payload); }
 
 void EndpointHandler::RevokeBuffers()
 {
     CheckRunning();
-    endpoint->RevokeBuffers();
+    endpoint->Frames().RevokeBuffers();
 }
 
 void EndpointHandler::SetEmulateLeaderTrailer(bool emulate)
 {
     CheckRunning();
-    endpoint->SetEmulateLeaderTrailer(emulate);
+    endpoint->Frames().SetEmulateLeaderTrailer(emulate);
 }
 
 void EndpointHandler::SetLeaderTrailerParam(const LeaderTrailerParameters& parameters)
 {
     CheckRunning();
-    endpoint->SetLeaderTrailerParam(parameters);
+    endpoint->Frames().SetLeaderTrailerParam(parameters);
 }
 
 } }

@@ -36,13 +36,13 @@ public:
     virtual std::int32_t StartStreaming(std::uint8_t dataIdentifier);
     virtual std::int32_t StopStreaming();
     virtual void* AllocateBuffer(std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size, std::uint32_t leaderSize,
-                                 std::uint32_t trailerSize, Endpoint::FrameHandler callback);
+                                 std::uint32_t trailerSize, StreamFrames::FrameHandler callback);
     virtual frame_handle_t* AnnounceBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
                                            std::uint32_t leaderSize, std::uint32_t trailerSize,
-                                           Endpoint::FrameHandler callback);
+                                           StreamFrames::FrameHandler callback);
     virtual std::int32_t QueueBuffer(void* payload, std::uint32_t ipuX, std::uint32_t ipuY, std::size_t size,
                                      std::uint32_t leaderSize, std::uint32_t trailerSize,
-                                     Endpoint::FrameHandler callback);
+                                     StreamFrames::FrameHandler callback);
     virtual std::int32_t FlushBuffers();
     virtual void RevokeBuffers();
     virtual std::int32_t RevokeBuffer(const void* payload);

@@ -117,11 +117,11 @@ StreamChannel::~StreamChannel()
 // destructor closes: that thread never owns the channel.
 // Made once per block and stream round: the endpoint keeps it for every
 // queueing, so queueing a buffer allocates nothing for it.
-const LibCSI::Endpoint::FrameHandler& StreamChannel::FrameHandler(const std::shared_ptr<StreamDataBlock>& block)
+const LibCSI::StreamFrames::FrameHandler& StreamChannel::FrameHandler(const std::shared_ptr<StreamDataBlock>& block)
 {
     if (!block->handler || block->handlerRound != round) {
         std::weak_ptr<StreamDataBlock> weakBlock = block;
-        block->handler = std::make_shared<const LibCSI::Endpoint::FrameCallback>(
+        block->handler = std::make_shared<const LibCSI::StreamFrames::FrameCallback>(
             [gate = frameGate, this, weakBlock, made = round](const LibCSI::frame_info& frame) {
                 gate->Run([&] { OnFrameFinished(weakBlock, made, frame); });
             });

@@ -35,7 +35,7 @@ public:
     // Frame memory that libcsi allocated (DSAllocAndAnnounceBuffer): it goes with the revoke.
     bool producerMemory = false;
     // The handler of this block's frames in stream round `handlerRound`.
-    LibCSI::Endpoint::FrameHandler handler;
+    LibCSI::StreamFrames::FrameHandler handler;
     std::uint64_t handlerRound = 0;
 };
 
@@ -123,7 +123,7 @@ public:
     static std::uint64_t AlignSize(std::uint64_t value, std::uint64_t alignment, bool up);
 
 private:
-    const LibCSI::Endpoint::FrameHandler& FrameHandler(const std::shared_ptr<StreamDataBlock>& block);
+    const LibCSI::StreamFrames::FrameHandler& FrameHandler(const std::shared_ptr<StreamDataBlock>& block);
     void SetState(State newState);
     void RefreshIPU();
     std::shared_ptr<StreamDataBlock> BlockOf(const std::shared_ptr<Base::BasicBuffer>& buffer);

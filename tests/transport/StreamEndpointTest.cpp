@@ -42,9 +42,9 @@ protected:
         device.reset();
     }
 
-    LibCSI::Endpoint::FrameHandler Consumer(std::uint8_t* payload)
+    LibCSI::StreamFrames::FrameHandler Consumer(std::uint8_t* payload)
     {
-        return std::make_shared<const LibCSI::Endpoint::FrameCallback>(
+        return std::make_shared<const LibCSI::StreamFrames::FrameCallback>(
             [this, payload](const frame_info& info) { OnFrame(payload, info); });
     }
 
@@ -108,7 +108,7 @@ TEST_F(StreamEndpoint, AnnouncedAndAllocatedBuffersCarryEveryPixel)
         ASSERT_NE(nullptr, payload);
         payloads.push_back(payload);
     }
-    ASSERT_EQ(5u, endpoint->GetBufferCount());
+    ASSERT_EQ(5u, endpoint->Frames().GetBufferCount());
     for (std::uint8_t* payload : payloads)
         ASSERT_EQ(0, handler->QueueBuffer(payload, geometry.ipuX, geometry.ipuY, geometry.payloadSize, LeaderSize,
                                           TrailerSize, Consumer(payload)))
@@ -124,7 +124,7 @@ TEST_F(StreamEndpoint, AnnouncedAndAllocatedBuffersCarryEveryPixel)
         beforeRevoke = infos.size();
     }
     handler->RevokeBuffers();
-    EXPECT_EQ(0u, endpoint->GetBufferCount());
+    EXPECT_EQ(0u, endpoint->Frames().GetBufferCount());
 
     std::lock_guard<std::mutex> lock(mutex);
     EXPECT_EQ(0, wrongPixels);
@@ -156,11 +156,11 @@ TEST_F(StreamEndpoint, AnnouncementsAreKeptByPayload)
     EXPECT_EQ(first, handler->AnnounceBuffer(memory.data(), geometry.ipuX, geometry.ipuY, memory.size(), LeaderSize,
                                              TrailerSize, nullptr))
         << "the same payload keeps its first handle";
-    EXPECT_EQ(1u, endpoint->GetBufferCount());
+    EXPECT_EQ(1u, endpoint->Frames().GetBufferCount());
     EXPECT_EQ(0, handler->QueueBuffer(other.data(), geometry.ipuX, geometry.ipuY, other.size(), LeaderSize,
                                       TrailerSize, nullptr))
         << "a payload not yet announced is announced on the way";
-    EXPECT_EQ(2u, endpoint->GetBufferCount());
+    EXPECT_EQ(2u, endpoint->Frames().GetBufferCount());
     EXPECT_THROW(handler->AnnounceBuffer(nullptr, geometry.ipuX, geometry.ipuY, 64, LeaderSize, TrailerSize, nullptr),
                  System::Exception);
     EXPECT_THROW(handler->AnnounceBuffer(memory.data() + 1, geometry.ipuX, geometry.ipuY, 0, LeaderSize, TrailerSize,
