@@ -2,6 +2,7 @@
 
 #include "base/BaseException.h"
 #include "support/MutexGuard.h"
+#include "support/Allocation.h"
 
 #include <algorithm>
 #include <cstring>
@@ -73,11 +74,7 @@ BasicBufferQueue::InternalBuffer::InternalBuffer(const BasicBufferQueue* owner, 
     if (size == 0)
         throw Exception("Invalid size passed.", GC_ERR_INVALID_PARAMETER);
     CheckSupportedInfos(supportedInfos);
-    try {
-        infos = std::make_shared<const BufferInfos>();
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate buffer infos.", GC_ERR_ERROR);
-    }
+    infos = Tools::MakeShared<const BufferInfos>("Could not allocate buffer infos.");
     InitializeModule();
 }
 
@@ -187,7 +184,7 @@ std::vector<std::uint8_t> BasicBufferQueue::InternalBuffer::MakeBundle() const
 InfoPtr BasicBufferQueue::InternalBuffer::GetInfo(BUFFER_INFO_CMD cmd)
 {
     CheckAvailable();
-    try {
+    const InfoPtr own = Tools::Allocating("Could not allocate info.", [&]() -> InfoPtr {
         switch (cmd) {
         case BUFFER_INFO_BASE:
             return std::make_shared<PtrInfo>(base);
@@ -212,11 +209,11 @@ InfoPtr BasicBufferQueue::InternalBuffer::GetInfo(BUFFER_INFO_CMD cmd)
             return std::make_shared<BufferInfo>(bundle.data(), bundle.size());
         }
         default:
-            break;
+            return nullptr; // one of the queue's own infos
         }
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate info.", GC_ERR_ERROR);
-    }
+    });
+    if (own)
+        return own;
     auto it = infos->find(cmd);
     if (it == infos->end()) {
         if (supportedInfos.count(cmd) != 0)
@@ -263,13 +260,11 @@ BasicBufferQueue::BasicBufferQueue(const std::string& tlType, const SupportedBuf
     : allocator(std::move(allocator)), tlType(tlType), supportedInfos(supportedInfos)
 {
     CheckSupportedInfos(supportedInfos);
-    try {
+    Tools::Allocating("Could not allocate buffer queue.", [&] {
         parser = std::make_shared<BasicEventDataParser<BufferData>>();
         if (!this->allocator)
             this->allocator = std::make_shared<QEL::System::BasicAllocator>();
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate buffer queue.", GC_ERR_ERROR);
-    }
+    });
 }
 
 BasicBufferQueue::~BasicBufferQueue()
@@ -309,13 +304,8 @@ BasicBufferQueue::BufferPtr BasicBufferQueue::AnnounceBuffer(void* base, std::si
         producerAllocated = false;
     else if (producerAllocated)
         throw Exception("Cannot mix consumer allocated and producer allocated buffers.", GC_ERR_ERROR);
-    BufferPtr buffer;
-    try {
-        buffer = std::make_shared<InternalBuffer>(this, tlType, base, size, userPointer, supportedInfos);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate buffer.", GC_ERR_ERROR);
-    }
-    return AddBuffer(std::move(buffer));
+    return AddBuffer(Tools::MakeShared<InternalBuffer>("Could not allocate buffer.", this, tlType, base, size,
+                                                       userPointer, supportedInfos));
 }
 
 BasicBufferQueue::BufferPtr BasicBufferQueue::AllocateBuffer(std::size_t size, void* userPointer)
@@ -328,23 +318,13 @@ BasicBufferQueue::BufferPtr BasicBufferQueue::AllocateBuffer(std::size_t size, v
         throw Exception("Invalid size passed.", GC_ERR_INVALID_PARAMETER);
     if (!allocator)
         throw Exception("No allocator passed.", GC_ERR_INVALID_PARAMETER);
-    std::shared_ptr<QEL::System::Buffer> memory;
-    try {
-        memory = allocator->Allocate(size);
-    } catch (const std::bad_alloc&) {
-    }
+    const auto memory = Tools::Allocating("Could not allocate buffer.", [&] { return allocator->Allocate(size); });
     if (!memory)
         throw Exception("Could not allocate buffer.", GC_ERR_ERROR);
     if (!memory->GetData())
         throw Exception("Could not get allocated buffer data.", GC_ERR_ERROR);
-    BufferPtr buffer;
-    try {
-        buffer = std::make_shared<InternalBuffer>(this, tlType, memory->GetData(), size, userPointer, supportedInfos,
-                                                  memory);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate buffer.", GC_ERR_ERROR);
-    }
-    return AddBuffer(std::move(buffer));
+    return AddBuffer(Tools::MakeShared<InternalBuffer>("Could not allocate buffer.", this, tlType, memory->GetData(),
+                                                       size, userPointer, supportedInfos, memory));
 }
 
 BasicBufferQueue::BufferPtr BasicBufferQueue::AddBuffer(BufferPtr buffer)

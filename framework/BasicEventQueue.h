@@ -4,6 +4,7 @@
 #include "framework/EventSource.h"
 #include "support/BasicLockable.h"
 #include "support/MutexGuard.h"
+#include "support/Allocation.h"
 
 #include <cstring>
 #include <deque>
@@ -17,11 +18,7 @@ class BasicEventQueue : public Tools::BasicLockable<EventSource> {
 public:
     BasicEventQueue()
     {
-        try {
-            parser = std::make_shared<BasicEventDataParser<T>>();
-        } catch (const std::bad_alloc&) {
-            throw Exception("Could not allocate basic event data parser.", GC_ERR_ERROR);
-        }
+        parser = Tools::MakeShared<BasicEventDataParser<T>>("Could not allocate basic event data parser.");
     }
 
     // The one way in. Whatever the consumer side throws stops here.

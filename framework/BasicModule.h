@@ -4,6 +4,7 @@
 #include "framework/BasicEventQueue.h"
 #include "framework/GenericEventSlot.h"
 #include "support/MutexGuard.h"
+#include "support/Allocation.h"
 
 #include <map>
 #include <memory>
@@ -44,12 +45,7 @@ protected:
     std::shared_ptr<BasicEventQueue<T>> AddEvent(EVENT_TYPE eventType, bool autoFlush)
     {
         CheckNewEvent(eventType);
-        std::shared_ptr<BasicEventQueue<T>> queue;
-        try {
-            queue = std::make_shared<BasicEventQueue<T>>();
-        } catch (const std::bad_alloc&) {
-            throw Exception("Could not allocate event queue.", GC_ERR_ERROR);
-        }
+        auto queue = Tools::MakeShared<BasicEventQueue<T>>("Could not allocate event queue.");
         AddSlot(eventType, queue, autoFlush);
         return queue;
     }
@@ -102,12 +98,8 @@ private:
 
     void AddSlot(EVENT_TYPE eventType, const std::shared_ptr<EventSource>& source, bool autoFlush)
     {
-        std::shared_ptr<GenericEventSlot> slot;
-        try {
-            slot = GenericEventSlot::Create(eventType, source, autoFlush);
-        } catch (const std::bad_alloc&) {
-            throw Exception("Could not allocate event.", GC_ERR_ERROR);
-        }
+        auto slot = Tools::Allocating("Could not allocate event.",
+                                      [&] { return GenericEventSlot::Create(eventType, source, autoFlush); });
         events[eventType] = slot;
     }
 

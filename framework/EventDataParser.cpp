@@ -1,6 +1,7 @@
 #include "framework/EventDataParser.h"
 
 #include "base/BaseException.h"
+#include "support/Allocation.h"
 
 #include <boost/format.hpp>
 
@@ -134,11 +135,7 @@ InfoPtr BasicEventDataParser<T>::GetDataInfo(const void* buffer, std::size_t siz
         throw Exception("Invalid size passed.", GC_ERR_INVALID_PARAMETER);
     T record;
     std::memcpy(&record, buffer, sizeof(T));
-    try {
-        return Interpret(record, cmd);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate info.", GC_ERR_ERROR);
-    }
+    return Tools::Allocating("Could not allocate info.", [&] { return Interpret(record, cmd); });
 }
 
 template <class T>

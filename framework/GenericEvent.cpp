@@ -3,7 +3,7 @@
 #include "base/BaseException.h"
 #include "support/Logger.h"
 #include "support/MutexGuard.h"
-
+#include "support/Allocation.h"
 
 #include <algorithm>
 #include <new>
@@ -125,12 +125,7 @@ GenericEvent::~GenericEvent()
 
 std::shared_ptr<GenericEvent> GenericEvent::Create(EVENT_TYPE type, const std::shared_ptr<EventSource>& source)
 {
-    std::shared_ptr<GenericEvent> event;
-    try {
-        event = std::make_shared<GenericEvent>(type, source);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate generic event.", GC_ERR_ERROR);
-    }
+    auto event = Tools::MakeShared<GenericEvent>("Could not allocate generic event.", type, source);
     QEL::System::SharedMutexGuard guard(event->mutex);
     GenericEvent* raw = event.get();
     event->dataConnection = source->GetDataSignal().Connect([raw] { raw->OnData(); }, event);
@@ -178,12 +173,8 @@ GC_ERROR GenericEvent::GetData(void* data, std::size_t* size, std::uint64_t time
         slot = idle.front();
         idle.pop_front();
     }
-    try {
-        if (!slot)
-            slot = std::make_shared<GenericWaitSlot>(mutex);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate wait slot.", GC_ERR_ERROR);
-    }
+    if (!slot)
+        slot = Tools::MakeShared<GenericWaitSlot>("Could not allocate wait slot.", mutex);
     waiting.push_back(slot);
     GC_ERROR result;
     try {
@@ -260,7 +251,7 @@ InfoPtr GenericEvent::GetInfo(EVENT_INFO_CMD cmd) const
 {
     QEL::System::SharedMutexGuard guard(mutex);
     CheckRegistered();
-    try {
+    return Tools::Allocating("Could not allocate info.", [&]() -> InfoPtr {
         switch (cmd) {
         case EVENT_EVENT_TYPE:
             return std::make_shared<Int32Info>(type);
@@ -277,9 +268,7 @@ InfoPtr GenericEvent::GetInfo(EVENT_INFO_CMD cmd) const
         default:
             throw Exception("Unsupported info requested.", GC_ERR_NOT_IMPLEMENTED);
         }
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate info.", GC_ERR_ERROR);
-    }
+    });
 }
 
 std::size_t GenericEvent::GetInfoSize(EVENT_INFO_CMD cmd, INFO_DATATYPE* dataType) const

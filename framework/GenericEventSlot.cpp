@@ -2,7 +2,7 @@
 
 #include "base/BaseException.h"
 #include "support/MutexGuard.h"
-
+#include "support/Allocation.h"
 
 #include <new>
 
@@ -31,12 +31,7 @@ GenericEventSlot::~GenericEventSlot()
 std::shared_ptr<GenericEventSlot> GenericEventSlot::Create(EVENT_TYPE type, const std::shared_ptr<EventSource>& source,
                                                            bool autoFlush)
 {
-    std::shared_ptr<GenericEventSlot> slot;
-    try {
-        slot = std::make_shared<GenericEventSlot>(type, source, autoFlush);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate generic event slot.", GC_ERR_ERROR);
-    }
+    auto slot = Tools::MakeShared<GenericEventSlot>("Could not allocate generic event slot.", type, source, autoFlush);
     if (autoFlush) {
         QEL::System::SharedMutexGuard guard(slot->mutex);
         slot->ArmAutoFlush();

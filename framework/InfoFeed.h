@@ -3,6 +3,7 @@
 // Fills an info register from one of its module's info commands at each read.
 #include "base/BaseException.h"
 #include "base/Info.h"
+#include "support/Allocation.h"
 
 #include <functional>
 #include <memory>
@@ -16,7 +17,7 @@ inline InfoPtr RegisterInfoOf(const InfoPtr& info)
 {
     if (!info)
         throw Exception("Info not available.", GC_ERR_NOT_AVAILABLE);
-    try {
+    const InfoPtr widened = Tools::Allocating("Could not allocate info.", [&]() -> InfoPtr {
         if (info->GetType() == INFO_DATATYPE_SIZET) {
             auto value = std::dynamic_pointer_cast<const SizeTInfo>(info);
             if (!value)
@@ -29,9 +30,10 @@ inline InfoPtr RegisterInfoOf(const InfoPtr& info)
                 throw Exception("Invalid info retrieved.", GC_ERR_ERROR);
             return std::make_shared<UInt64Info>(reinterpret_cast<std::uintptr_t>(value->GetValue()));
         }
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate info.", GC_ERR_ERROR);
-    }
+        return nullptr;
+    });
+    if (widened)
+        return widened;
     return info;
 }
 

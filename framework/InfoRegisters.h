@@ -3,6 +3,7 @@
 #include "base/BaseException.h"
 #include "framework/Register.h"
 #include "support/Signal.h"
+#include "support/Allocation.h"
 
 #include <cstring>
 #include <new>
@@ -26,11 +27,7 @@ public:
         static_cast<void>(checked);
         if (accessMode > AccessRead)
             throw Exception("Info registers are read only.", GC_ERR_INVALID_PARAMETER);
-        try {
-            bytes.assign(size, 0);
-        } catch (const std::bad_alloc&) {
-            throw Exception("Could not allocate register memory.", GC_ERR_ERROR);
-        }
+        Tools::Allocating("Could not allocate register memory.", [&] { bytes.assign(size, 0); });
     }
 
     AddressRange GetAddressRange() const override { return AddressRange(address, bytes.size()); }

@@ -2,6 +2,7 @@
 
 #include "base/BaseException.h"
 #include "framework/Register.h"
+#include "support/Allocation.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/filesystem/path.hpp>
@@ -17,11 +18,7 @@ namespace {
 template <class Make>
 InfoPtr Allocated(Make make)
 {
-    try {
-        return make();
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate info.", GC_ERR_ERROR);
-    }
+    return Tools::Allocating("Could not allocate info.", make);
 }
 
 }

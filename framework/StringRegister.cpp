@@ -1,6 +1,7 @@
 #include "framework/StringRegister.h"
 
 #include "base/BaseException.h"
+#include "support/Allocation.h"
 
 #include <cstring>
 #include <new>
@@ -37,14 +38,12 @@ void StringRegister::SetValue(const std::string& value)
 // The register's whole space: the text followed by zeros.
 std::string StringRegister::Block() const
 {
-    try {
+    return Tools::Allocating("Could not allocate string.", [&] {
         std::string block(range.GetSize(), '\0');
         if (hasValue)
             block.replace(0, text.size(), text);
         return block;
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate string.", GC_ERR_ERROR);
-    }
+    });
 }
 
 void StringRegister::Read(std::uint64_t offset, void* buffer, std::size_t* size)

@@ -3,6 +3,7 @@
 #include "base/BaseException.h"
 #include "support/Sha1.h"
 #include "support/XMLFile.h"
+#include "support/Allocation.h"
 
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/trim.hpp>
@@ -188,11 +189,7 @@ void RegisterXMLDescription::Build(const std::string& name, std::uint64_t addres
     if (!xml)
         throw Exception("No XML data passed.", GC_ERR_INVALID_PARAMETER);
     Build(name, address, xml->size(), ComputeSHA1(*xml), schema, file);
-    try {
-        xmlRegister = std::make_shared<XMLRegister>(address, xml);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate XML register.", GC_ERR_ERROR);
-    }
+    xmlRegister = Tools::MakeShared<XMLRegister>("Could not allocate XML register.", address, xml);
 }
 
 void RegisterXMLDescription::Parse(const std::string& urlText)
@@ -330,7 +327,7 @@ std::shared_ptr<XMLDescription> CreateByScheme(const std::string& url, Make make
 {
     std::string text = Trim(url);
     std::shared_ptr<XMLDescription> description;
-    try {
+    Tools::Allocating("Could not allocate XML description.", [&] {
         if (boost::algorithm::istarts_with(text, "local:"))
             description = make(static_cast<RegisterXMLDescription*>(nullptr));
         else if (boost::algorithm::istarts_with(text, "file:"))
@@ -339,9 +336,7 @@ std::shared_ptr<XMLDescription> CreateByScheme(const std::string& url, Make make
             description = make(static_cast<WebXMLDescription*>(nullptr));
         else
             InvalidURL();
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate XML description.", GC_ERR_ERROR);
-    }
+    });
     return description;
 }
 

@@ -6,7 +6,7 @@
 #include "framework/InfoRegisters.h"
 #include "framework/XMLDescription.h"
 #include "modules/CSIDevice.h"
-#include "modules/Construction.h"
+#include "support/Allocation.h"
 #include "support/MutexGuard.h"
 #include "transport/StreamChannel.h"
 
@@ -99,7 +99,7 @@ DataStream::DataStream(const std::shared_ptr<Settings>& settings,
 DataStream::~DataStream()
 {
     if (open)
-        Swallow([&] { Close(); });
+        Tools::Swallow([&] { Close(); });
 }
 
 void DataStream::Initialize()
@@ -140,7 +140,7 @@ void DataStream::AddRegisters()
     auto channel = streamChannel;
 
     auto statistic = [&](std::uint64_t address, const char* failure) {
-        auto reg = Make<ULongRegister>(failure, address, Base::AccessRead);
+        auto reg = Tools::MakeShared<ULongRegister>(failure, address, Base::AccessRead);
         reg->GetPreReadSignal().Connect(
             [raw](ULongRegister& r) {
                 auto& stream = *raw->streamChannel;
@@ -159,7 +159,8 @@ void DataStream::AddRegisters()
     statistic(StatCRCErrorAddress, "Could not allocate Stream stat frame CRC error register.");
     statistic(StatIncompleteAddress, "Could not allocate Stream stat frame incomplete register.");
     statistic(StatUnderrunAddress, "Could not allocate Stream stat frame underrun register.");
-    auto rate = Make<DoubleRegister>(nullptr, StatFrameRateAddress, Base::AccessRead);
+    auto rate =
+        Tools::MakeShared<DoubleRegister>("Could not allocate register.", StatFrameRateAddress, Base::AccessRead);
     rate->GetPreReadSignal().Connect(
         [raw](DoubleRegister& r) {
             SharedMutexGuard guard(raw->streamChannel->GetMutex());
@@ -168,17 +169,19 @@ void DataStream::AddRegisters()
         self);
     AddRegister(rate);
 
-    auto id = Make<StringInfoRegister>(nullptr, StreamIdAddress, 256, Base::AccessRead);
+    auto id =
+        Tools::MakeShared<StringInfoRegister>("Could not allocate register.", StreamIdAddress, 256, Base::AccessRead);
     Base::ConnectInfoFeed(*id, [raw] { return raw->GetInfo(STREAM_INFO_ID); }, self);
     AddRegister(id);
     auto feed64 = [&](std::uint64_t address, STREAM_INFO_CMD command, const char* failure) {
-        auto reg = Make<ULongRegister>(failure, address, Base::AccessRead);
+        auto reg = Tools::MakeShared<ULongRegister>(failure, address, Base::AccessRead);
         reg->GetPreReadSignal().Connect(
             [raw, command](ULongRegister& r) { r.SetValue(AsUInt64(raw->GetInfo(command))); }, self);
         AddRegister(reg);
     };
     feed64(AnnouncedCountAddress, STREAM_INFO_NUM_ANNOUNCED, "Could not allocate DataStream Announced Buffer Count register.");
-    auto mode = Make<IntRegister>(nullptr, AcquisitionModeAddress, 0, Base::AccessReadWrite);
+    auto mode = Tools::MakeShared<IntRegister>("Could not allocate register.", AcquisitionModeAddress, 0,
+                                               Base::AccessReadWrite);
     mode->GetPreWriteSignal().Connect(
         [](const int& value, IntRegister&) {
             if (value != 0)
@@ -191,11 +194,13 @@ void DataStream::AddRegisters()
     feed64(PayloadSizeAddress, STREAM_INFO_PAYLOAD_SIZE, "Could not allocate DataStream Payload Size register.");
 
     const std::uint32_t fixedDriverBuffers = settings->GetDriverBuffersCount();
-    AddRegister(Make<UIntRegister>("Could not allocate DataStream Max Driver Buffers Count Impl register.",
-                                   MaxDriverBuffersImplAddress, fixedDriverBuffers == 0 ? 1u : 0u, Base::AccessRead));
+    AddRegister(Tools::MakeShared<UIntRegister>("Could not allocate DataStream Max Driver Buffers Count Impl register.",
+                                                MaxDriverBuffersImplAddress, fixedDriverBuffers == 0 ? 1u : 0u,
+                                                Base::AccessRead));
     if (fixedDriverBuffers == 0) {
-        auto driverBuffers = Make<UIntRegister>("Could not allocate DataStream Max Driver Buffers Count register.",
-                                                MaxDriverBuffersAddress, 16u, Base::AccessReadWrite);
+        auto driverBuffers =
+            Tools::MakeShared<UIntRegister>("Could not allocate DataStream Max Driver Buffers Count register.",
+                                            MaxDriverBuffersAddress, 16u, Base::AccessReadWrite);
         driverBuffers->GetPreWriteSignal().Connect(
             [raw](const unsigned int& value, UIntRegister&) {
                 SharedMutexGuard guard(raw->streamChannel->GetMutex());
@@ -210,14 +215,14 @@ void DataStream::AddRegisters()
             self);
         AddRegister(driverBuffers);
     }
-    auto streaming = Make<UIntRegister>("Could not allocate DataStream Is Streaming register.", IsStreamingAddress,
-                                        Base::AccessRead);
+    auto streaming = Tools::MakeShared<UIntRegister>("Could not allocate DataStream Is Streaming register.",
+                                                     IsStreamingAddress, Base::AccessRead);
     streaming->GetPreReadSignal().Connect(
         [raw](UIntRegister& r) { r.SetValue(raw->streamChannel->IsStreaming() ? 1u : 0u); }, self);
     AddRegister(streaming);
 
-    auto sizeMode = Make<UIntRegister>("Could not allocate Stream Payload Size Mode register.", PayloadSizeModeAddress,
-                                       0u, Base::AccessReadWrite);
+    auto sizeMode = Tools::MakeShared<UIntRegister>("Could not allocate Stream Payload Size Mode register.",
+                                                    PayloadSizeModeAddress, 0u, Base::AccessReadWrite);
     sizeMode->GetPreWriteSignal().Connect(
         [raw](const unsigned int& value, UIntRegister&) {
             // The queue's lock before the channel's, as a finished frame takes them.
@@ -245,13 +250,14 @@ void DataStream::AddRegisters()
         },
         self);
     AddRegister(sizeMode);
-    auto alignment = Make<ULongRegister>("Could not allocate Stream Payload Size Alignment register.",
-                                         AlignmentAddress, Base::AccessRead);
+    auto alignment = Tools::MakeShared<ULongRegister>("Could not allocate Stream Payload Size Alignment register.",
+                                                      AlignmentAddress, Base::AccessRead);
     alignment->GetPreReadSignal().Connect(
         [raw](ULongRegister& r) { r.SetValue(raw->streamChannel->GetPayloadSizeAlignment()); }, self);
     AddRegister(alignment);
 
-    auto manual = Make<ULongRegister>(nullptr, ManualPayloadSizeAddress, Base::AccessNone);
+    auto manual =
+        Tools::MakeShared<ULongRegister>("Could not allocate register.", ManualPayloadSizeAddress, Base::AccessNone);
     manual->GetPreReadSignal().Connect(
         [raw](ULongRegister& r) {
             raw->RequireManualMode();
@@ -275,8 +281,8 @@ void DataStream::AddRegisters()
         self);
     AddRegister(manual);
     // Read by StopAcquisition for a deadline that bounds no wait: libcsi's stop always has 200 ms.
-    AddRegister(Make<UIntRegister>("Could not allocate Stream Stop Timeout register.", StopTimeoutAddress, 200u,
-                                   Base::AccessReadWrite));
+    AddRegister(Tools::MakeShared<UIntRegister>("Could not allocate Stream Stop Timeout register.", StopTimeoutAddress,
+                                                200u, Base::AccessReadWrite));
 }
 
 std::uint64_t DataStream::ManualMinimum()
@@ -317,23 +323,23 @@ void DataStream::RequireOpen() const
 void DataStream::Close()
 {
     RequireOpen();
-    Swallow([&] {
+    Tools::Swallow([&] {
         if (streamChannel && streamChannel->IsStreaming())
             streamChannel->StopStreaming(QEL::System::Clock::now());
     });
-    Swallow([&] { DeinitializePort(); });
-    Swallow([&] { ClearPort(); });
-    Swallow([&] { DeinitializeModule(); });
-    Swallow([&] { ClearEvents(); });
+    Tools::Swallow([&] { DeinitializePort(); });
+    Tools::Swallow([&] { ClearPort(); });
+    Tools::Swallow([&] { DeinitializeModule(); });
+    Tools::Swallow([&] { ClearEvents(); });
     // The stream channel outlives this stream (the device keeps it): libcsi's
     // frames of these buffers go too, or memory announced again at the same
     // address would find an old frame of the old size.
-    Swallow([&] {
+    Tools::Swallow([&] {
         if (!bufferQueue)
             return;
         SharedMutexGuard guard(bufferQueue->GetMutex());
         if (streamChannel)
-            Swallow([&] { streamChannel->RevokeBuffers(); });
+            Tools::Swallow([&] { streamChannel->RevokeBuffers(); });
         bufferQueue->RevokeAll();
     });
     errorQueue.reset();
@@ -364,7 +370,7 @@ std::shared_ptr<Base::Buffer> DataStream::AnnounceBuffer(void* buffer, std::size
         streamChannel->AnnounceBuffer(announced);
     } catch (...) {
         void *base = nullptr, *user = nullptr;
-        Swallow([&] { bufferQueue->RevokeBuffer(announced, &base, &user); });
+        Tools::Swallow([&] { bufferQueue->RevokeBuffer(announced, &base, &user); });
         throw;
     }
     return announced;

@@ -9,7 +9,7 @@
 #include "modules/CSIDataStream.h"
 #include "modules/CSIInterface.h"
 #include "modules/CSIRemoteDevice.h"
-#include "modules/Construction.h"
+#include "support/Allocation.h"
 #include "support/MutexGuard.h"
 #include "transport/CCIControlChannel.h"
 
@@ -75,7 +75,7 @@ Device::Device(const std::shared_ptr<Settings>& settings, const std::shared_ptr<
 Device::~Device()
 {
     if (open)
-        Swallow([&] { Close(); });
+        Tools::Swallow([&] { Close(); });
 }
 
 void Device::Initialize(const std::shared_ptr<DriverHandler>& driverHandler, const std::string& id,
@@ -143,7 +143,7 @@ void Device::AddRegisters(std::uint32_t inquiry, const std::string& driverPath, 
     auto self = GetShared<Device>();
     Device* raw = this;
     auto infoRegister = [&](std::uint64_t address, std::uint64_t size, DEVICE_INFO_CMD command, const char* failure) {
-        auto reg = Make<StringInfoRegister>(failure, address, size, Base::AccessRead);
+        auto reg = Tools::MakeShared<StringInfoRegister>(failure, address, size, Base::AccessRead);
         Base::ConnectInfoFeed(*reg, [raw, command] { return raw->GetInfo(command); }, self);
         AddRegister(reg);
     };
@@ -153,10 +153,10 @@ void Device::AddRegisters(std::uint32_t inquiry, const std::string& driverPath, 
     infoRegister(ModelAddress, 128, DEVICE_INFO_MODEL, "Could not allocate device model name register.");
 
     const unsigned streams = driverDevice->HasStreamChannel() ? 1u : 0u;
-    AddRegister(Make<UIntRegister>("Could not allocate device stream count register.", StreamCountAddress, streams,
-                                   Base::AccessRead));
-    auto selector = Make<UIntRegister>("Could not allocate device stream selector register.", StreamSelectorAddress,
-                                       0u, Base::AccessReadWrite);
+    AddRegister(Tools::MakeShared<UIntRegister>("Could not allocate device stream count register.", StreamCountAddress,
+                                                streams, Base::AccessRead));
+    auto selector = Tools::MakeShared<UIntRegister>("Could not allocate device stream selector register.",
+                                                    StreamSelectorAddress, 0u, Base::AccessReadWrite);
     selector->GetPreWriteSignal().Connect(
         [](const unsigned int& value, UIntRegister&) {
             if (value != 0)
@@ -164,20 +164,20 @@ void Device::AddRegisters(std::uint32_t inquiry, const std::string& driverPath, 
         },
         self);
     AddRegister(selector);
-    auto streamId = Make<Base::StringRegister>("Could not allocate stream id name register.", StreamIdAddress, 256,
-                                               Base::AccessRead);
+    auto streamId = Tools::MakeShared<Base::StringRegister>("Could not allocate stream id name register.",
+                                                            StreamIdAddress, 256, Base::AccessRead);
     streamId->GetPreReadSignal().Connect([raw](Base::StringRegister& reg) { reg.SetValue(raw->StreamID()); }, self);
     AddRegister(streamId);
-    AddRegister(
-        Make<UIntRegister>("Could not allocate inquiry register.", InquiryAddress, inquiry, Base::AccessRead));
+    AddRegister(Tools::MakeShared<UIntRegister>("Could not allocate inquiry register.", InquiryAddress, inquiry,
+                                                Base::AccessRead));
     if (inquiry & 1)
-        AddRegister(Make<Base::StringRegister>("Could not allocate driver path register.", DriverPathAddress, 1024,
-                                               driverPath, Base::AccessRead));
+        AddRegister(Tools::MakeShared<Base::StringRegister>("Could not allocate driver path register.",
+                                                            DriverPathAddress, 1024, driverPath, Base::AccessRead));
     if (inquiry & 2)
-        AddRegister(Make<Base::StringRegister>("Could not allocate device location register.", LocationAddress, 1024,
-                                               location, Base::AccessRead));
-    auto reset =
-        Make<UIntRegister>("Could not allocate device reset register.", ResetAddress, 0u, Base::AccessReadWrite);
+        AddRegister(Tools::MakeShared<Base::StringRegister>("Could not allocate device location register.",
+                                                            LocationAddress, 1024, location, Base::AccessRead));
+    auto reset = Tools::MakeShared<UIntRegister>("Could not allocate device reset register.", ResetAddress, 0u,
+                                                 Base::AccessReadWrite);
     reset->GetPreWriteSignal().Connect(
         [raw](const unsigned int&, UIntRegister&) {
             auto control = raw->driverDevice ? raw->driverDevice->GetControlChannel() : nullptr;
@@ -191,7 +191,7 @@ void Device::AddRegisters(std::uint32_t inquiry, const std::string& driverPath, 
 
     auto textRegister = [&](std::uint64_t address, const char* failure,
                             std::string (TransportLayer::ControlChannel::*query)()) {
-        auto reg = Make<StringInfoRegister>(failure, address, 16, Base::AccessRead);
+        auto reg = Tools::MakeShared<StringInfoRegister>(failure, address, 16, Base::AccessRead);
         reg->GetPreReadSignal().Connect(
             [raw, query](StringInfoRegister& r) {
                 auto control = raw->Control();
@@ -205,7 +205,7 @@ void Device::AddRegisters(std::uint32_t inquiry, const std::string& driverPath, 
     };
     auto valueRegister = [&](std::uint64_t address, const char* failure,
                              const std::function<unsigned(TransportLayer::ControlChannel&)>& query) {
-        auto reg = Make<UIntRegister>(failure, address, Base::AccessRead);
+        auto reg = Tools::MakeShared<UIntRegister>(failure, address, Base::AccessRead);
         reg->GetPreReadSignal().Connect(
             [raw, query](UIntRegister& r) {
                 auto control = raw->Control();
@@ -259,7 +259,7 @@ void Device::Close()
 {
     RequireOpen();
     // The stream goes first, then the port to the camera.
-    Swallow([&] {
+    Tools::Swallow([&] {
         if (dataStream) {
             QEL::System::SharedMutexGuard guard(dataStream->GetMutex());
             if (dataStream->IsOpen())
@@ -267,7 +267,7 @@ void Device::Close()
         }
     });
     dataStream.reset();
-    Swallow([&] {
+    Tools::Swallow([&] {
         if (remoteDevice) {
             QEL::System::SharedMutexGuard guard(remoteDevice->GetMutex());
             if (remoteDevice->IsOpen())
@@ -275,11 +275,11 @@ void Device::Close()
         }
     });
     remoteDevice.reset();
-    Swallow([&] { DeinitializePort(); });
-    Swallow([&] { ClearPort(); });
-    Swallow([&] { DeinitializeModule(); });
-    Swallow([&] { ClearEvents(); });
-    Swallow([&] { driverDevice.reset(); });
+    Tools::Swallow([&] { DeinitializePort(); });
+    Tools::Swallow([&] { ClearPort(); });
+    Tools::Swallow([&] { DeinitializeModule(); });
+    Tools::Swallow([&] { ClearEvents(); });
+    Tools::Swallow([&] { driverDevice.reset(); });
     open = false;
 }
 

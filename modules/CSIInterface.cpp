@@ -6,7 +6,7 @@
 #include "framework/XMLDescription.h"
 #include "modules/CSIDevice.h"
 #include "modules/CSISystem.h"
-#include "modules/Construction.h"
+#include "support/Allocation.h"
 #include "modules/StaticInterfaceInfo.h"
 #include "support/MutexGuard.h"
 
@@ -167,8 +167,8 @@ void Interface::AddRegisters()
         AddRegister(reg);
     }
 
-    auto update = Make<UIntRegister>("Could not allocate device update list register.", UpdateListAddress,
-                                     Base::AccessReadWrite);
+    auto update = Tools::MakeShared<UIntRegister>("Could not allocate device update list register.", UpdateListAddress,
+                                                  Base::AccessReadWrite);
     update->GetPreReadSignal().Connect([](UIntRegister& reg) { reg.SetValue(0); }, self);
     update->GetPostWriteSignal().Connect(
         [raw](UIntRegister& reg) {
@@ -178,8 +178,8 @@ void Interface::AddRegisters()
         self);
     AddRegister(update);
 
-    auto count = Make<UIntRegister>("Could not allocate Interface Device Count register.", DeviceCountAddress,
-                                    Base::AccessNone);
+    auto count = Tools::MakeShared<UIntRegister>("Could not allocate Interface Device Count register.",
+                                                 DeviceCountAddress, Base::AccessNone);
     count->GetPreReadSignal().Connect(
         [raw](UIntRegister& reg) {
             if (!raw->deviceList)
@@ -189,8 +189,8 @@ void Interface::AddRegisters()
         self);
     AddRegister(count);
 
-    auto selector = Make<UIntRegister>("Could not allocate Interface Selector register.", SelectorAddress,
-                                       Base::AccessNone);
+    auto selector = Tools::MakeShared<UIntRegister>("Could not allocate Interface Selector register.", SelectorAddress,
+                                                    Base::AccessNone);
     selector->GetPreWriteSignal().Connect(
         [raw](const unsigned int& value, UIntRegister&) {
             if (!raw->deviceList)
@@ -231,7 +231,7 @@ void Interface::AddRegisters()
         {ModelNameAddress, 128, DEVICE_INFO_MODEL, "Could not allocate Interface Device Model Name register."},
     };
     for (const auto& entry : deviceRegisters) {
-        auto reg = Make<StringInfoRegister>(entry.failure, entry.address, entry.size, Base::AccessNone);
+        auto reg = Tools::MakeShared<StringInfoRegister>(entry.failure, entry.address, entry.size, Base::AccessNone);
         Base::ConnectInfoFeed(*reg, deviceFeed(entry.command), self);
         AddRegister(reg);
     }
@@ -239,8 +239,8 @@ void Interface::AddRegisters()
     Base::ConnectInfoFeed(*access, deviceFeed(DEVICE_INFO_ACCESS_STATUS), self);
     AddRegister(access);
 
-    auto updated = Make<UIntRegister>("Could not allocate Device List Updated register.", ListUpdatedAddress,
-                                      Base::AccessRead);
+    auto updated = Tools::MakeShared<UIntRegister>("Could not allocate Device List Updated register.",
+                                                   ListUpdatedAddress, Base::AccessRead);
     updated->GetPreReadSignal().Connect([raw](UIntRegister& reg) { reg.SetValue(raw->deviceList ? 1 : 0); },
                                         self);
     AddRegister(updated);

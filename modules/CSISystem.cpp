@@ -7,7 +7,7 @@
 #include "framework/XMLDescription.h"
 #include "modules/CSIInterface.h"
 #include "modules/CSILibrary.h"
-#include "modules/Construction.h"
+#include "support/Allocation.h"
 #include "modules/StaticInterfaceInfo.h"
 #include "support/MutexGuard.h"
 #include "transport/DriverHandler.h"
@@ -96,7 +96,7 @@ void System::AddRegisters()
     auto self = GetShared<System>();
     System* raw = this;
     auto infoRegister = [&](std::uint64_t address, std::uint64_t size, TL_INFO_CMD command, const char* failure) {
-        auto reg = Make<StringInfoRegister>(failure, address, size, Base::AccessRead);
+        auto reg = Tools::MakeShared<StringInfoRegister>(failure, address, size, Base::AccessRead);
         Base::ConnectInfoFeed(*reg, [raw, command] { return raw->GetInfo(command); }, self);
         AddRegister(reg);
     };
@@ -106,13 +106,13 @@ void System::AddRegisters()
     infoRegister(DisplayNameAddress, 256, TL_INFO_DISPLAYNAME, "Could not allocate interface display name register.");
     infoRegister(VersionAddress, 16, TL_INFO_VERSION, "Could not allocate TL Version register.");
     infoRegister(PathAddress, 1024, TL_INFO_PATHNAME, "Could not allocate TL Path register.");
-    AddRegister(Make<UIntRegister>("Could not allocate GenTL Version Major register.", GenTLMajorAddress, 1u,
-                                   Base::AccessRead));
-    AddRegister(Make<UIntRegister>("Could not allocate GenTL Version Minor register.", GenTLMinorAddress, 5u,
-                                   Base::AccessRead));
+    AddRegister(Tools::MakeShared<UIntRegister>("Could not allocate GenTL Version Major register.", GenTLMajorAddress,
+                                                1u, Base::AccessRead));
+    AddRegister(Tools::MakeShared<UIntRegister>("Could not allocate GenTL Version Minor register.", GenTLMinorAddress,
+                                                5u, Base::AccessRead));
 
-    auto update = Make<UIntRegister>("Could not allocate interface update list register.", UpdateListAddress,
-                                     Base::AccessReadWrite);
+    auto update = Tools::MakeShared<UIntRegister>("Could not allocate interface update list register.",
+                                                  UpdateListAddress, Base::AccessReadWrite);
     update->GetPreReadSignal().Connect([](UIntRegister& reg) { reg.SetValue(0); }, self);
     update->GetPostWriteSignal().Connect(
         [raw](UIntRegister& reg) {
@@ -128,8 +128,8 @@ void System::AddRegisters()
             throw Base::Exception("Cannot select interface without interface list update.", GC_ERR_NOT_AVAILABLE);
         reg.SetValue(raw->driverHandler ? 1u : 0u);
     };
-    auto selector = Make<UIntRegister>("Could not allocate Interface Selector register.", InterfaceSelectorAddress,
-                                       Base::AccessNone);
+    auto selector = Tools::MakeShared<UIntRegister>("Could not allocate Interface Selector register.",
+                                                    InterfaceSelectorAddress, Base::AccessNone);
     selector->GetPreWriteSignal().Connect(
         [raw](const unsigned int& value, UIntRegister&) {
             if (!raw->interfaceListUpdated)
@@ -143,13 +143,14 @@ void System::AddRegisters()
         self);
     selector->GetPreReadSignal().Connect(listed, self);
     AddRegister(selector);
-    auto count =
-        Make<UIntRegister>("Could not allocate Interface Count register.", InterfaceCountAddress, Base::AccessNone);
+    auto count = Tools::MakeShared<UIntRegister>("Could not allocate Interface Count register.", InterfaceCountAddress,
+                                                 Base::AccessNone);
     count->GetPreReadSignal().Connect(listed, self);
     AddRegister(count);
 
     auto interfaceRegister = [&](std::uint64_t address, INTERFACE_INFO_CMD command) {
-        auto reg = Make<StringInfoRegister>("Could not allocate device info.", address, 256, Base::AccessNone);
+        auto reg =
+            Tools::MakeShared<StringInfoRegister>("Could not allocate device info.", address, 256, Base::AccessNone);
         Base::ConnectInfoFeed(
             *reg,
             [raw, command]() -> Base::InfoPtr {
@@ -169,8 +170,8 @@ void System::AddRegisters()
     interfaceRegister(InterfaceIDAddress, INTERFACE_INFO_ID);
     interfaceRegister(InterfaceDisplayNameAddress, INTERFACE_INFO_DISPLAYNAME);
 
-    auto updated = Make<UIntRegister>("Could not allocate Interface List Updated register.", ListUpdatedAddress,
-                                      Base::AccessRead);
+    auto updated = Tools::MakeShared<UIntRegister>("Could not allocate Interface List Updated register.",
+                                                   ListUpdatedAddress, Base::AccessRead);
     updated->GetPreReadSignal().Connect([raw](UIntRegister& reg) { reg.SetValue(raw->interfaceListUpdated ? 1 : 0); },
                                         self);
     AddRegister(updated);

@@ -5,6 +5,7 @@
 #include "transport/EndpointHandler.h"
 #include "transport/LibCSILibrary.h"
 #include "transport/Transfer.h"
+#include "support/Allocation.h"
 
 #include <boost/format.hpp>
 
@@ -68,12 +69,7 @@ std::shared_ptr<ControlChannel> ControlChannel::Create(const std::shared_ptr<Lib
                                                        std::uint32_t extraReceiveTimeout, std::uint32_t sendTimeout,
                                                        bool readOnly)
 {
-    std::shared_ptr<ControlChannel> channel;
-    try {
-        channel = std::make_shared<ControlChannel>(readOnly);
-    } catch (const std::bad_alloc&) {
-        Fail("Could not allocate control channel.");
-    }
+    auto channel = Tools::MakeShared<ControlChannel>("Could not allocate control channel.", readOnly);
     channel->Init(inHandler, outHandler, settings, extraReceiveTimeout, sendTimeout);
     return channel;
 }
@@ -248,11 +244,7 @@ std::size_t ControlChannel::GetMaxAcknowledgePayload()
 
 std::shared_ptr<Base::GenCP::Packet> ControlChannel::CreatePacket(std::size_t payloadSize)
 {
-    try {
-        return std::make_shared<Packet>(payloadSize);
-    } catch (const std::bad_alloc&) {
-        Fail("Could not allocate packet.");
-    }
+    return Tools::MakeShared<Packet>("Could not allocate packet.", payloadSize);
 }
 
 std::uint32_t ControlChannel::TransferTime(std::size_t bytes) const
@@ -316,12 +308,7 @@ std::shared_ptr<Base::GenCP::Packet> ControlChannel::ReceivePacket(std::uint32_t
     }
     if (total < 16 || total - 16 > 0xFFFF)
         Fail("Invalid amount of data received for packet.");
-    std::shared_ptr<Packet> packet;
-    try {
-        packet = std::make_shared<Packet>(buffer.data(), total);
-    } catch (const std::bad_alloc&) {
-        Fail("Could not allocate new packet.");
-    }
+    auto packet = Tools::MakeShared<Packet>("Could not allocate new packet.", buffer.data(), total);
     if (!packet->HasValidCrc())
         Fail("Received data didn't pass the CRC32 check.");
     return packet;

@@ -7,6 +7,7 @@
 #include "support/Sha1.h"
 #include "transport/LibCSIDevice.h"
 #include "transport/LibCSILibrary.h"
+#include "support/Allocation.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/format.hpp>
@@ -199,12 +200,7 @@ std::shared_ptr<TransportLayer::DeviceInfo> DriverHandler::DeviceList::GetInfo(c
 
 std::shared_ptr<DriverHandler> DriverHandler::Create(const Options& options)
 {
-    std::shared_ptr<DriverHandler> handler;
-    try {
-        handler = std::make_shared<DriverHandler>(options);
-    } catch (const std::bad_alloc&) {
-        throw Base::Exception("Could not allocate driver handler.", GC_ERR_ERROR);
-    }
+    auto handler = Tools::MakeShared<DriverHandler>("Could not allocate driver handler.", options);
     return handler;
 }
 
@@ -212,13 +208,11 @@ DriverHandler::DriverHandler(const Options& options) : options(options)
 {
     if (options.maxTransferCountEventChannel == 0)
         throw Base::Exception("Invalid maximum transfer count for event channel passed.", GC_ERR_INVALID_PARAMETER);
-    try {
+    Tools::Allocating("Could not allocate global mutex.", [&] {
         threadState = std::make_shared<ThreadState>();
         globalMutex = std::make_shared<System::Mutex>();
         deviceListMutex = std::make_shared<System::Mutex>();
-    } catch (const std::bad_alloc&) {
-        throw Base::Exception("Could not allocate global mutex.", GC_ERR_ERROR);
-    }
+    });
     library = LibCSI::Library::Create(options.mediaLogEnabled, options.mediaLogFileName);
     if (!library)
         throw Base::Exception("Could not allocate LibCSI library.", GC_ERR_ERROR);

@@ -4,6 +4,7 @@
 #include "support/MutexGuard.h"
 #include "transport/LibCSIDevice.h"
 #include "transport/LibCSILibrary.h"
+#include "support/Allocation.h"
 
 #include <boost/format.hpp>
 
@@ -18,12 +19,8 @@ std::shared_ptr<Endpoint> Endpoint::Open(const std::shared_ptr<Device>& device, 
 {
     if (!device)
         throw System::Exception("No device passed.");
-    std::shared_ptr<Endpoint> endpoint;
-    try {
-        endpoint.reset(new Endpoint(device, number));
-    } catch (const std::bad_alloc&) {
-        throw System::Exception("Could not allocate endpoint.");
-    }
+    std::shared_ptr<Endpoint> endpoint(
+        Tools::Allocating("Could not allocate endpoint.", [&] { return new Endpoint(device, number); }));
     endpoint->Start();
     return endpoint;
 }

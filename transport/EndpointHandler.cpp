@@ -6,6 +6,7 @@
 #include "transport/Endpoint.h"
 #include "transport/LibCSIDevice.h"
 #include "transport/LibCSIWrapper_Impl.h"
+#include "support/Allocation.h"
 
 #include <new>
 
@@ -18,11 +19,8 @@ std::shared_ptr<EndpointHandler> EndpointHandler::Create(const std::shared_ptr<E
                                                          std::uint32_t maxTransferCount,
                                                          std::uint32_t maxTransferSize, std::int32_t channel)
 {
-    try {
-        return std::make_shared<EndpointHandler>(endpoint, maxTransferCount, maxTransferSize, channel);
-    } catch (const std::bad_alloc&) {
-        throw System::Exception("Could not allocate endpoint handler.");
-    }
+    return Tools::MakeShared<EndpointHandler>("Could not allocate endpoint handler.", endpoint, maxTransferCount,
+                                              maxTransferSize, channel);
 }
 
 EndpointHandler::EndpointHandler(const std::shared_ptr<Endpoint>& endpoint, std::uint32_t maxTransferCount,

@@ -5,6 +5,7 @@
 #include "support/MutexGuard.h"
 #include "transport/CCIControlChannel.h"
 #include "transport/EndpointHandler.h"
+#include "support/Allocation.h"
 
 #include <boost/format.hpp>
 
@@ -48,11 +49,7 @@ EventChannel::Packet::Packet(const std::uint8_t* data, std::size_t size)
         throw Exception("Invalid packet size passed.", GC_ERR_INVALID_PARAMETER);
     if (!data)
         throw Exception("No packet data.", GC_ERR_INVALID_PARAMETER);
-    try {
-        bytes.assign(data, data + size);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate packet data.", GC_ERR_ERROR);
-    }
+    Tools::Allocating("Could not allocate packet data.", [&] { bytes.assign(data, data + size); });
     if (GetPayloadSize() != size - HeadSize)
         throw Exception("Invalid packet length found.", GC_ERR_ERROR);
 }
@@ -61,11 +58,7 @@ EventChannel::Packet::Packet(std::size_t payloadSize)
 {
     if (payloadSize > 0xFFFF)
         throw Exception("Invalid payload size passed.", GC_ERR_INVALID_PARAMETER);
-    try {
-        bytes.assign(HeadSize + payloadSize, 0);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate packet data.", GC_ERR_ERROR);
-    }
+    Tools::Allocating("Could not allocate packet data.", [&] { bytes.assign(HeadSize + payloadSize, 0); });
     std::memcpy(bytes.data(), Prefix, sizeof Prefix);
     Put16(8, static_cast<std::uint16_t>(payloadSize));
 }
@@ -76,11 +69,7 @@ std::shared_ptr<EventChannel> EventChannel::Create(const std::shared_ptr<Control
                                                    const std::shared_ptr<LibCSI::EndpointHandler>& handler,
                                                    std::uint32_t transferCount)
 {
-    try {
-        return std::make_shared<EventChannel>(controlChannel, handler, transferCount);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate event channel.", GC_ERR_ERROR);
-    }
+    return Tools::MakeShared<EventChannel>("Could not allocate event channel.", controlChannel, handler, transferCount);
 }
 
 EventChannel::EventChannel(const std::shared_ptr<ControlChannel>& controlChannel,

@@ -7,6 +7,7 @@
 #include "support/MutexGuard.h"
 #include "transport/CCIControlChannel.h"
 #include "transport/EndpointHandler.h"
+#include "support/Allocation.h"
 
 #include <boost/format.hpp>
 
@@ -71,11 +72,8 @@ std::shared_ptr<StreamChannel> StreamChannel::Create(const std::shared_ptr<Contr
                                                      std::int32_t recordFrameStartFrameID,
                                                      std::int32_t recordFrameStopFrameID)
 {
-    try {
-        return std::make_shared<StreamChannel>(control, handler, recordFrameStartFrameID, recordFrameStopFrameID);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate stream channel.", GC_ERR_ERROR);
-    }
+    return Tools::MakeShared<StreamChannel>("Could not allocate stream channel.", control, handler,
+                                            recordFrameStartFrameID, recordFrameStopFrameID);
 }
 
 StreamChannel::StreamChannel(const std::shared_ptr<ControlChannel>& controlChannel,

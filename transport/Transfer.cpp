@@ -3,6 +3,7 @@
 #include "base/BaseException.h"
 #include "support/MutexGuard.h"
 #include "transport/EndpointHandler.h"
+#include "support/Allocation.h"
 
 #include <new>
 
@@ -14,11 +15,7 @@ Transfer::Transfer(const std::shared_ptr<LibCSI::EndpointHandler>& handler, void
 {
     if (!handler)
         throw Base::Exception("No endpoint handler passed.", GC_ERR_INVALID_PARAMETER);
-    try {
-        state = std::make_shared<State>();
-    } catch (const std::bad_alloc&) {
-        throw Base::Exception("Could not allocate transfer.", GC_ERR_ERROR);
-    }
+    state = Tools::MakeShared<State>("Could not allocate transfer.");
     std::shared_ptr<State> shared = state;
     {
         SharedMutexGuard guard(shared->mutex);
