@@ -1,3 +1,4 @@
+#include "support/Allocation.h"
 #include "support/Allocator.h"
 #include "support/ByteOrder.h"
 #include "base/Exception.h"
@@ -47,6 +48,26 @@ TEST(Allocator, SizesAndFailures)
     EXPECT_EQ(100u, buffer->GetSize());
     EXPECT_NE(nullptr, buffer->GetData());
     EXPECT_EQ("Invalid size passed.", MessageOf([&] { allocator.Allocate(0); }));
+}
+
+TEST(Allocation, AFailedAllocationBecomesTheCallersTextAndNothingElseDoes)
+{
+    try {
+        Tools::Allocating("Could not allocate widget.", []() -> int { throw std::bad_alloc(); });
+        ADD_FAILURE() << "no exception";
+    } catch (const Base::Exception& e) {
+        EXPECT_EQ("Could not allocate widget.", e.GetText());
+        EXPECT_EQ(GC_ERR_ERROR, e.GetCode());
+    }
+    // Other failures pass unchanged; results come back.
+    EXPECT_THROW(Tools::Allocating("x", [] { throw std::runtime_error("other"); }), std::runtime_error);
+    EXPECT_EQ(7, Tools::Allocating("x", [] { return 7; }));
+    const auto text = Tools::MakeShared<std::string>("x", 3u, 'a');
+    EXPECT_EQ("aaa", *text);
+    struct Refused {
+        Refused() { throw std::bad_alloc(); } // as a member's allocation would
+    };
+    EXPECT_THROW(Tools::MakeShared<Refused>("Could not allocate block."), Base::Exception);
 }
 
 TEST(ByteOrder, SwapsInPlace)
