@@ -182,6 +182,7 @@ void Camera::Start(std::uint32_t bufferCount, BufferMemory where)
         return;
     if (closed)
         throw CameraError(CameraErrorKind::Lost, GC_ERR_NOT_AVAILABLE, "The camera " + id + " is closed.");
+    layout.reset();
     size_t payload = 0;
     INFO_DATATYPE type = 0;
     size_t size = sizeof payload;
@@ -279,14 +280,11 @@ WaitResult Camera::Wait(Frame& frame, std::uint64_t milliseconds)
         frame.memory = announced->second.block;
     }
     BufferInfo(producer, stream, frame.handle, BUFFER_INFO_SIZE_FILLED, frame.filled);
-    size_t width = 0, height = 0, padding = 0;
-    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_WIDTH, width);
-    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_HEIGHT, height);
-    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_XPADDING, padding);
-    frame.width = static_cast<std::uint32_t>(width);
-    frame.height = static_cast<std::uint32_t>(height);
-    frame.paddingX = static_cast<std::uint32_t>(padding);
-    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_PIXELFORMAT, frame.pixelFormat);
+    const Layout layout = LayoutOf(frame.handle);
+    frame.width = layout.width;
+    frame.height = layout.height;
+    frame.paddingX = layout.paddingX;
+    frame.pixelFormat = layout.pixelFormat;
     frame.hasFrameId = BufferInfo(producer, stream, frame.handle, BUFFER_INFO_FRAMEID, frame.frameId);
     bool8_t incomplete = 0;
     BufferInfo(producer, stream, frame.handle, BUFFER_INFO_IS_INCOMPLETE, incomplete);
@@ -296,6 +294,27 @@ WaitResult Camera::Wait(Frame& frame, std::uint64_t milliseconds)
     frame.generation = generation;
     out[frame.handle] = generation;
     return WaitResult::Frame;
+}
+
+Camera::Layout Camera::LayoutOf(BUFFER_HANDLE buffer)
+{
+    {
+        const std::lock_guard<std::mutex> lock(streamMutex);
+        if (layout)
+            return *layout;
+    }
+    size_t width = 0, height = 0, padding = 0;
+    Layout asked;
+    BufferInfo(producer, stream, buffer, BUFFER_INFO_WIDTH, width);
+    BufferInfo(producer, stream, buffer, BUFFER_INFO_HEIGHT, height);
+    BufferInfo(producer, stream, buffer, BUFFER_INFO_XPADDING, padding);
+    BufferInfo(producer, stream, buffer, BUFFER_INFO_PIXELFORMAT, asked.pixelFormat);
+    asked.width = static_cast<std::uint32_t>(width);
+    asked.height = static_cast<std::uint32_t>(height);
+    asked.paddingX = static_cast<std::uint32_t>(padding);
+    const std::lock_guard<std::mutex> lock(streamMutex);
+    layout = asked;
+    return asked;
 }
 
 std::uint64_t Camera::TimestampNs(BUFFER_HANDLE buffer)

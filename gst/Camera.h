@@ -18,6 +18,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -135,6 +136,13 @@ private:
     LorunClient::FeatureTree& Tree(Module module); // featureMutex held
     void Revoke(BUFFER_HANDLE buffer);
     std::uint64_t TimestampNs(BUFFER_HANDLE buffer);
+    // A frame's size and pixel format, fixed while acquiring (the camera locks
+    // them): asked of the first frame after each start, then known.
+    struct Layout {
+        std::uint32_t width = 0, height = 0, paddingX = 0;
+        std::uint64_t pixelFormat = 0;
+    };
+    Layout LayoutOf(BUFFER_HANDLE buffer);
 
     std::shared_ptr<LorunClient::Session> session;
     LorunClient::GenTLProducer& producer;
@@ -157,6 +165,7 @@ private:
     std::atomic<bool> closed{false};
     std::set<BUFFER_HANDLE> current;      // announced for this generation
     std::map<BUFFER_HANDLE, std::uint64_t> out; // handed out, with their generation
+    std::optional<Layout> layout;               // of this start's frames, once the first came
     struct Announced {
         std::shared_ptr<void> block; // ours; empty: the producer's
         std::uint8_t* base = nullptr;
