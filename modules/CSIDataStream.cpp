@@ -73,12 +73,8 @@ std::shared_ptr<DataStream> DataStream::Create(const std::shared_ptr<Settings>& 
                                                const std::string& deviceId, std::uint64_t streamIndex,
                                                const std::weak_ptr<Device>& parent)
 {
-    std::shared_ptr<DataStream> stream;
-    try {
-        stream = std::make_shared<DataStream>(settings, streamChannel, deviceId, streamIndex, parent);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate data stream.", GC_ERR_ERROR);
-    }
+    auto stream = Tools::MakeShared<DataStream>("Could not allocate data stream.", settings, streamChannel, deviceId,
+                                                streamIndex, parent);
     stream->Initialize();
     return stream;
 }
@@ -109,21 +105,12 @@ void DataStream::Initialize()
         SharedMutexGuard guard(streamChannel->GetMutex());
         infos = streamChannel->GetSupportedBufferInfos();
     }
-    try {
-        bufferQueue = std::make_shared<Base::BasicBufferQueue>("Custom", infos);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate basic buffer queue.", GC_ERR_ERROR);
-    }
-    try {
-        errorQueue = AddEvent<Base::ErrorData>(EVENT_ERROR, true);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not create error event queue.", GC_ERR_ERROR);
-    }
-    try {
-        AddEvent<Base::FeatureInvalidateData>(EVENT_FEATURE_INVALIDATE, true);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not create feature invalidate event queue.", GC_ERR_ERROR);
-    }
+    Tools::Allocating("Could not allocate basic buffer queue.",
+                      [&] { bufferQueue = std::make_shared<Base::BasicBufferQueue>("Custom", infos); });
+    Tools::Allocating("Could not create error event queue.",
+                      [&] { errorQueue = AddEvent<Base::ErrorData>(EVENT_ERROR, true); });
+    Tools::Allocating("Could not create feature invalidate event queue.",
+                      [&] { AddEvent<Base::FeatureInvalidateData>(EVENT_FEATURE_INVALIDATE, true); });
     AddEvent(EVENT_NEW_BUFFER, bufferQueue, false);
     InitializeModule();
     AddXMLDescription(Base::RegisterXMLDescription::ForModule(settings->GetDataStreamXML(), "Lorun_DataStream",
@@ -491,7 +478,7 @@ Base::InfoPtr DataStream::GetInfo(STREAM_INFO_CMD command)
     using Queue = Base::BasicBufferQueue;
     using Channel = TransportLayer::StreamChannel;
     Base::InfoPtr answer;
-    try {
+    Tools::Allocating("Could not allocate info.", [&] {
         switch (command) {
         case STREAM_INFO_ID:
             answer = std::make_shared<Base::StringInfo>(
@@ -521,9 +508,14 @@ Base::InfoPtr DataStream::GetInfo(STREAM_INFO_CMD command)
         case STREAM_INFO_IS_GRABBING:
             answer = std::make_shared<Base::Bool8Info>(channelValue([](Channel& c) { return c.IsStreaming(); }));
             break;
-        case STREAM_INFO_DEFINES_PAYLOADSIZE: answer = std::make_shared<Base::Bool8Info>(true); break;
-        case STREAM_INFO_TLTYPE: answer = std::make_shared<Base::StringInfo>("Custom"); break;
-        case STREAM_INFO_NUM_CHUNKS_MAX: throw Exception("Max number of chunks not available.", GC_ERR_NOT_AVAILABLE);
+        case STREAM_INFO_DEFINES_PAYLOADSIZE:
+            answer = std::make_shared<Base::Bool8Info>(true);
+            break;
+        case STREAM_INFO_TLTYPE:
+            answer = std::make_shared<Base::StringInfo>("Custom");
+            break;
+        case STREAM_INFO_NUM_CHUNKS_MAX:
+            throw Exception("Max number of chunks not available.", GC_ERR_NOT_AVAILABLE);
         case STREAM_INFO_BUF_ANNOUNCE_MIN:
             answer = std::make_shared<Base::SizeTInfo>(
                 channelValue([](Channel& c) { return c.GetBufferAnnounceMinimum(); }));
@@ -532,11 +524,10 @@ Base::InfoPtr DataStream::GetInfo(STREAM_INFO_CMD command)
             answer = std::make_shared<Base::SizeTInfo>(
                 channelValue([](Channel& c) { return c.GetPayloadSizeAlignment(); }));
             break;
-        default: throw Exception("Unsupported info requested.", GC_ERR_NOT_IMPLEMENTED);
+        default:
+            throw Exception("Unsupported info requested.", GC_ERR_NOT_IMPLEMENTED);
         }
-    } catch (const std::bad_alloc&) {
-        answer.reset();
-    }
+    });
     if (!answer)
         throw Exception("Could not allocate info.", GC_ERR_ERROR);
     return answer;

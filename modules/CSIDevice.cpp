@@ -53,12 +53,7 @@ std::shared_ptr<Device> Device::Create(const std::shared_ptr<Settings>& settings
                                        const std::shared_ptr<DriverHandler>& driverHandler, const std::string& deviceId,
                                        DEVICE_ACCESS_FLAGS flags)
 {
-    std::shared_ptr<Device> device;
-    try {
-        device = std::make_shared<Device>(settings, parent);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate device.", GC_ERR_ERROR);
-    }
+    auto device = Tools::MakeShared<Device>("Could not allocate device.", settings, parent);
     device->Initialize(driverHandler, deviceId, flags);
     return device;
 }
@@ -106,27 +101,14 @@ void Device::Initialize(const std::shared_ptr<DriverHandler>& driverHandler, con
         }
     }
     // Camera events are off in this transport: event 4 stands on a queue of its own.
-    try {
-        AddEvent<Base::DeviceEventData<256>>(EVENT_REMOTE_DEVICE, true);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not create device event queue.", GC_ERR_ERROR);
-    }
+    Tools::Allocating("Could not create device event queue.",
+                      [&] { AddEvent<Base::DeviceEventData<256>>(EVENT_REMOTE_DEVICE, true); });
     deviceId = id;
-    try {
-        AddEvent<Base::ErrorData>(EVENT_ERROR, true);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not create error event queue.", GC_ERR_ERROR);
-    }
-    try {
-        AddEvent<Base::FeatureInvalidateData>(EVENT_FEATURE_INVALIDATE, true);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not create feature invalidate event queue.", GC_ERR_ERROR);
-    }
-    try {
-        AddEvent<Base::FeatureChangeData>(EVENT_FEATURE_CHANGE, true);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not create feature change event queue.", GC_ERR_ERROR);
-    }
+    Tools::Allocating("Could not create error event queue.", [&] { AddEvent<Base::ErrorData>(EVENT_ERROR, true); });
+    Tools::Allocating("Could not create feature invalidate event queue.",
+                      [&] { AddEvent<Base::FeatureInvalidateData>(EVENT_FEATURE_INVALIDATE, true); });
+    Tools::Allocating("Could not create feature change event queue.",
+                      [&] { AddEvent<Base::FeatureChangeData>(EVENT_FEATURE_CHANGE, true); });
     InitializeModule();
     AddXMLDescription(Base::RegisterXMLDescription::ForModule(settings->GetDeviceXML(), "Lorun_Device", XmlAddress,
                                                               "No device XML file available."));
@@ -343,13 +325,23 @@ Base::InfoPtr Device::GetInfo(DEVICE_INFO_CMD command)
         return answer;
     };
     Base::InfoPtr answer;
-    try {
+    Tools::Allocating("Could not allocate info.", [&] {
         switch (command) {
-        case DEVICE_INFO_ID: answer = text(deviceId); break;
-        case DEVICE_INFO_VENDOR: answer = text(vendorAndModel(true, false)); break;
-        case DEVICE_INFO_MODEL: answer = text(vendorAndModel(false, true)); break;
-        case DEVICE_INFO_TLTYPE: answer = text("Custom"); break;
-        case DEVICE_INFO_DISPLAYNAME: answer = text(vendorAndModel(true, true)); break;
+        case DEVICE_INFO_ID:
+            answer = text(deviceId);
+            break;
+        case DEVICE_INFO_VENDOR:
+            answer = text(vendorAndModel(true, false));
+            break;
+        case DEVICE_INFO_MODEL:
+            answer = text(vendorAndModel(false, true));
+            break;
+        case DEVICE_INFO_TLTYPE:
+            answer = text("Custom");
+            break;
+        case DEVICE_INFO_DISPLAYNAME:
+            answer = text(vendorAndModel(true, true));
+            break;
         case DEVICE_INFO_ACCESS_STATUS: {
             auto control = Control();
             answer = std::make_shared<Base::Int32Info>(control->IsReadOnly() ? DEVICE_ACCESS_STATUS_OPEN_READONLY
@@ -367,13 +359,12 @@ Base::InfoPtr Device::GetInfo(DEVICE_INFO_CMD command)
                 throw Exception("Device has no serial number.", GC_ERR_NOT_AVAILABLE);
             answer = text(driverDevice->GetSerialNumber());
             break;
-        default: throw Exception("Unsupported info requested.", GC_ERR_NOT_IMPLEMENTED);
+        default:
+            throw Exception("Unsupported info requested.", GC_ERR_NOT_IMPLEMENTED);
         }
-    } catch (const std::bad_alloc&) {
-        answer.reset();
-    }
+    });
     if (!answer)
-        throw Exception("Could not allocate info.", GC_ERR_ERROR);
+        throw Base::Exception("Could not allocate info.", GC_ERR_ERROR);
     return answer;
 }
 

@@ -102,12 +102,7 @@ std::shared_ptr<Interface> Interface::Create(const std::shared_ptr<Settings>& se
                                              const std::shared_ptr<System>& parent,
                                              const std::shared_ptr<DriverHandler>& driverHandler)
 {
-    std::shared_ptr<Interface> created;
-    try {
-        created = std::make_shared<Interface>(settings, parent, driverHandler);
-    } catch (const std::bad_alloc&) {
-        throw Base::Exception("Could not allocate interface.", GC_ERR_ERROR);
-    }
+    auto created = Tools::MakeShared<Interface>("Could not allocate interface.", settings, parent, driverHandler);
     created->Initialize();
     return created;
 }
@@ -133,16 +128,9 @@ Interface::~Interface()
 void Interface::Initialize()
 {
     std::shared_ptr<ChangeQueue> changes;
-    try {
-        AddEvent<Base::ErrorData>(EVENT_ERROR, true);
-    } catch (const std::bad_alloc&) {
-        throw Base::Exception("Could not create error event queue.", GC_ERR_ERROR);
-    }
-    try {
-        changes = AddEvent<Base::InterfaceChangeEventData<256>>(EVENT_INTERFACE_CHANGE, true);
-    } catch (const std::bad_alloc&) {
-        throw Base::Exception("Could not create interface change event queue.", GC_ERR_ERROR);
-    }
+    Tools::Allocating("Could not create error event queue.", [&] { AddEvent<Base::ErrorData>(EVENT_ERROR, true); });
+    Tools::Allocating("Could not create interface change event queue.",
+                      [&] { changes = AddEvent<Base::InterfaceChangeEventData<256>>(EVENT_INTERFACE_CHANGE, true); });
     adapter = InterfaceChangeEventAdapter::Create(driverHandler, changes);
     if (!adapter)
         throw Base::Exception("Could not allocate interface change event adapter.", GC_ERR_ERROR);
@@ -329,13 +317,23 @@ Base::InfoPtr Interface::GetDeviceInfo(const std::string& id, DEVICE_INFO_CMD co
     if (!info)
         throw Base::Exception("No device available with the given ID.", GC_ERR_INVALID_ID);
     Base::InfoPtr answer;
-    try {
+    Tools::Allocating("Could not allocate info.", [&] {
         switch (command) {
-        case DEVICE_INFO_ID: answer = Text(deviceID); break;
-        case DEVICE_INFO_VENDOR: answer = Text(info->GetManufacturerName()); break;
-        case DEVICE_INFO_MODEL: answer = Text(info->GetModelName()); break;
-        case DEVICE_INFO_TLTYPE: answer = Text("Custom"); break;
-        case DEVICE_INFO_DISPLAYNAME: answer = Text(info->GetManufacturerName() + " " + info->GetModelName()); break;
+        case DEVICE_INFO_ID:
+            answer = Text(deviceID);
+            break;
+        case DEVICE_INFO_VENDOR:
+            answer = Text(info->GetManufacturerName());
+            break;
+        case DEVICE_INFO_MODEL:
+            answer = Text(info->GetModelName());
+            break;
+        case DEVICE_INFO_TLTYPE:
+            answer = Text("Custom");
+            break;
+        case DEVICE_INFO_DISPLAYNAME:
+            answer = Text(info->GetManufacturerName() + " " + info->GetModelName());
+            break;
         case DEVICE_INFO_ACCESS_STATUS:
             answer = std::make_shared<Base::Int32Info>(info->IsAvailable() ? DEVICE_ACCESS_STATUS_READWRITE
                                                                            : DEVICE_ACCESS_STATUS_NOACCESS);
@@ -351,11 +349,10 @@ Base::InfoPtr Interface::GetDeviceInfo(const std::string& id, DEVICE_INFO_CMD co
                 throw Base::Exception("No serial number available.", GC_ERR_NOT_AVAILABLE);
             answer = Text(info->GetSerialNumber());
             break;
-        default: throw Base::Exception("Unsupported info requested.", GC_ERR_NOT_IMPLEMENTED);
+        default:
+            throw Base::Exception("Unsupported info requested.", GC_ERR_NOT_IMPLEMENTED);
         }
-    } catch (const std::bad_alloc&) {
-        answer.reset();
-    }
+    });
     if (!answer)
         throw Base::Exception("Could not allocate info.", GC_ERR_ERROR);
     return answer;

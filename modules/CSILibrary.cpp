@@ -3,6 +3,7 @@
 #include "base/BaseException.h"
 #include "modules/CSISystem.h"
 #include "support/MutexGuard.h"
+#include "support/Allocation.h"
 
 #include <boost/filesystem/path.hpp>
 
@@ -74,7 +75,7 @@ Base::InfoPtr Library::GetSystemInfo(const std::shared_ptr<const Settings>& sett
     using namespace Base;
     if (!settings)
         throw Exception("No settings passed.", GC_ERR_ERROR);
-    try {
+    return Tools::Allocating("Could not allocate info.", [&]() -> InfoPtr {
         switch (command) {
         case TL_INFO_ID:
             if (!settings->GetSystemXML())
@@ -105,9 +106,7 @@ Base::InfoPtr Library::GetSystemInfo(const std::shared_ptr<const Settings>& sett
         default:
             throw Exception("Unsupported info requested.", GC_ERR_NOT_IMPLEMENTED);
         }
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate info.", GC_ERR_ERROR);
-    }
+    });
 }
 
 } }

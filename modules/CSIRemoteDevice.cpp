@@ -8,6 +8,7 @@
 #include "support/Logger.h"
 #include "support/MutexGuard.h"
 #include "support/Sha1.h"
+#include "support/Allocation.h"
 
 #include <boost/filesystem.hpp>
 #include <boost/format.hpp>
@@ -60,12 +61,8 @@ std::shared_ptr<RemoteDevice> RemoteDevice::Create(const std::shared_ptr<Setting
                                                    const std::shared_ptr<Base::GenCP::ControlChannel>& controlChannel,
                                                    const std::string& deviceId)
 {
-    std::shared_ptr<RemoteDevice> remote;
-    try {
-        remote = std::make_shared<RemoteDevice>(settings, controlChannel, deviceId);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate remote device.", GC_ERR_ERROR);
-    }
+    auto remote =
+        Tools::MakeShared<RemoteDevice>("Could not allocate remote device.", settings, controlChannel, deviceId);
     remote->Open();
     return remote;
 }
@@ -133,13 +130,9 @@ void RemoteDevice::AddFromManifest(std::vector<Range>& local)
             throw Exception("Invalid file type detected.", GC_ERR_ERROR);
         const std::string fileName = "RemoteDevice" + (count > 1 ? std::to_string(index) : std::string()) +
                                      (entry.fileType == 0 ? ".xml" : ".zip");
-        std::shared_ptr<Base::RegisterXMLDescription> description;
-        try {
-            description = std::make_shared<Base::RegisterXMLDescription>(
-                fileName, entry.address, entry.size, entry.sha1, entry.schemaVersion, entry.fileVersion);
-        } catch (const std::bad_alloc&) {
-            throw Exception("Could not allocate XML description.", GC_ERR_ERROR);
-        }
+        auto description = Tools::MakeShared<Base::RegisterXMLDescription>(
+            "Could not allocate XML description.", fileName, entry.address, entry.size, entry.sha1, entry.schemaVersion,
+            entry.fileVersion);
         descriptions.push_back(description);
 
         // A manifest entry without a hash has no cache name and nothing to check against:
@@ -186,11 +179,7 @@ bool RemoteDevice::ReadCache(const std::string& hash, std::uint64_t size, const 
             throw Exception("Invalid file size found", GC_ERR_ERROR);
         file.seekg(0, std::ios::beg);
         Bytes read;
-        try {
-            read.resize(size);
-        } catch (const std::bad_alloc&) {
-            throw Exception("Could not allocate buffer", GC_ERR_ERROR);
-        }
+        Tools::Allocating("Could not allocate buffer", [&] { read.resize(size); });
         if (!file.read(reinterpret_cast<char*>(read.data()), static_cast<std::streamsize>(size)))
             throw Exception("Could not read file", GC_ERR_ERROR);
         if (Tools::Sha1Digest(read.data(), read.size()) != sha1)
@@ -211,11 +200,7 @@ bool RemoteDevice::ReadFromDevice(std::uint64_t address, std::uint64_t size, con
 {
     try {
         Bytes read;
-        try {
-            read.resize(size);
-        } catch (const std::bad_alloc&) {
-            throw Exception("Could not allocate buffer", GC_ERR_ERROR);
-        }
+        Tools::Allocating("Could not allocate buffer", [&] { read.resize(size); });
         for (int attempt = 0; attempt < 3; ++attempt) {
             controlChannel->ReadMemory(address, read.data(), read.size());
             if (Tools::Sha1Digest(read.data(), read.size()) == sha1) {
@@ -283,12 +268,8 @@ void RemoteDevice::AddDirectAccess(std::vector<Range> local)
 
 void RemoteDevice::AddDirectRegister(std::uint64_t address, std::uint64_t size)
 {
-    std::shared_ptr<Base::CallbackRegister> reg;
-    try {
-        reg = std::make_shared<Base::CallbackRegister>(address, size, Base::AccessReadWrite, true);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate camera direct access register.", GC_ERR_ERROR);
-    }
+    auto reg = Tools::MakeShared<Base::CallbackRegister>("Could not allocate camera direct access register.", address,
+                                                         size, Base::AccessReadWrite, true);
     auto check = [](const void* buffer, const std::size_t* size) {
         if (!buffer)
             throw Exception("Direct Register buffer invalid.", GC_ERR_INVALID_PARAMETER);
@@ -329,28 +310,28 @@ Base::InfoPtr RemoteDevice::GetPortInfo(PORT_INFO_CMD command) const
         throw Exception("Interface not open.", GC_ERR_INVALID_HANDLE);
     auto channel = controlChannel;
     QEL::System::SharedMutexGuard guard(channel->GetMutex());
-    Base::InfoPtr answer;
-    try {
+    return Tools::Allocating("Could not allocate info.", [&]() -> Base::InfoPtr {
         switch (command) {
-        case PORT_INFO_ID: answer = std::make_shared<Base::StringInfo>(deviceId); break;
-        case PORT_INFO_VENDOR: answer = std::make_shared<Base::StringInfo>(channel->GetManufacturerName()); break;
+        case PORT_INFO_ID:
+            return std::make_shared<Base::StringInfo>(deviceId);
+        case PORT_INFO_VENDOR:
+            return std::make_shared<Base::StringInfo>(channel->GetManufacturerName());
         case PORT_INFO_MODEL:
-            answer = std::make_shared<Base::StringInfo>(channel->GetCapabilityFamilyName()
-                                                            ? channel->GetFamilyName() + " " + channel->GetModelName()
-                                                            : channel->GetModelName());
-            break;
-        case PORT_INFO_TLTYPE: answer = std::make_shared<Base::StringInfo>("Custom"); break;
-        case PORT_INFO_MODULE: answer = std::make_shared<Base::StringInfo>("Device"); break;
-        case PORT_INFO_VERSION: answer = std::make_shared<Base::StringInfo>(settings->GetVersion().ToString('.')); break;
-        case PORT_INFO_PORTNAME: answer = std::make_shared<Base::StringInfo>(GetPortName()); break;
-        default: return RemoteDeviceStack::GetPortInfo(command);
+            return std::make_shared<Base::StringInfo>(channel->GetCapabilityFamilyName()
+                                                          ? channel->GetFamilyName() + " " + channel->GetModelName()
+                                                          : channel->GetModelName());
+        case PORT_INFO_TLTYPE:
+            return std::make_shared<Base::StringInfo>("Custom");
+        case PORT_INFO_MODULE:
+            return std::make_shared<Base::StringInfo>("Device");
+        case PORT_INFO_VERSION:
+            return std::make_shared<Base::StringInfo>(settings->GetVersion().ToString('.'));
+        case PORT_INFO_PORTNAME:
+            return std::make_shared<Base::StringInfo>(GetPortName());
+        default:
+            return RemoteDeviceStack::GetPortInfo(command);
         }
-    } catch (const std::bad_alloc&) {
-        answer.reset();
-    }
-    if (!answer)
-        throw Exception("Could not allocate info.", GC_ERR_ERROR);
-    return answer;
+    });
 }
 
 } }

@@ -44,12 +44,7 @@ using StringInfoRegister = Base::VariableInfoRegister<Base::StringInfo>;
 
 std::shared_ptr<System> System::Create(const std::shared_ptr<Settings>& settings)
 {
-    std::shared_ptr<System> system;
-    try {
-        system = std::make_shared<System>(settings);
-    } catch (const std::bad_alloc&) {
-        throw Base::Exception("Could not allocate system.", GC_ERR_ERROR);
-    }
+    auto system = Tools::MakeShared<System>("Could not allocate system.", settings);
     system->Initialize();
     return system;
 }
@@ -72,16 +67,9 @@ void System::Initialize()
     driverHandler = DriverHandler::Create(DriverHandler::Options::FromSettings(settings, "DEV_"));
     if (!driverHandler)
         throw Base::Exception("Could not allocate driver handler.", GC_ERR_ERROR);
-    try {
-        AddEvent<Base::ErrorData>(EVENT_ERROR, true);
-    } catch (const std::bad_alloc&) {
-        throw Base::Exception("Could not create error event queue.", GC_ERR_ERROR);
-    }
-    try {
-        AddEvent<Base::SystemChangeEventData>(EVENT_SYSTEM_CHANGE, true);
-    } catch (const std::bad_alloc&) {
-        throw Base::Exception("Could not create system change event queue.", GC_ERR_ERROR);
-    }
+    Tools::Allocating("Could not create error event queue.", [&] { AddEvent<Base::ErrorData>(EVENT_ERROR, true); });
+    Tools::Allocating("Could not create system change event queue.",
+                      [&] { AddEvent<Base::SystemChangeEventData>(EVENT_SYSTEM_CHANGE, true); });
     InitializeModule();
 
     AddXMLDescription(Base::RegisterXMLDescription::ForModule(settings->GetSystemXML(), "Lorun_System", XmlAddress,

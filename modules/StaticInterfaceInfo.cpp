@@ -1,6 +1,7 @@
 #include "modules/StaticInterfaceInfo.h"
 
 #include "base/BaseException.h"
+#include "support/Allocation.h"
 
 #include <boost/format.hpp>
 
@@ -10,7 +11,7 @@ namespace QEL { namespace CSI {
 
 Base::InfoPtr GetStaticInterfaceInfo(INTERFACE_INFO_CMD command)
 {
-    try {
+    return Tools::Allocating("Could not allocate info.", [&]() -> Base::InfoPtr {
         switch (command) {
         case INTERFACE_INFO_ID:
             return std::make_shared<Base::StringInfo>((boost::format("%1%_0x%2$X") % "LorunCSIInterface" % 0).str());
@@ -21,9 +22,7 @@ Base::InfoPtr GetStaticInterfaceInfo(INTERFACE_INFO_CMD command)
         default:
             throw Base::Exception("Unsupported info requested.", GC_ERR_NOT_IMPLEMENTED);
         }
-    } catch (const std::bad_alloc&) {
-        throw Base::Exception("Could not allocate info.", GC_ERR_ERROR);
-    }
+    });
 }
 
 } }
