@@ -1,6 +1,7 @@
 #include "entry/BasicTransportLayer.h"
 
 #include "support/MutexGuard.h"
+#include "support/Allocation.h"
 
 #include <cstring>
 #include <new>
@@ -22,23 +23,9 @@ void CopyStringToBuffer(const std::string& text, char* buffer, std::size_t* size
     *size = needed;
 }
 
-namespace {
-
-template <class T, class... Args>
-std::shared_ptr<T> Allocate(const char* failure, Args&&... args)
-{
-    try {
-        return std::make_shared<T>(std::forward<Args>(args)...);
-    } catch (const std::bad_alloc&) {
-        throw QEL::System::Exception(failure);
-    }
-}
-
-}
-
 BasicTransportLayer::BasicTransportLayer()
-    : state(Allocate<State>("Could not allocate state.")),
-      errorHandler(Allocate<Tools::ErrorHandler<Exception>>("Could not allocate error handler."))
+    : state(Tools::MakeShared<State>("Could not allocate state.")),
+      errorHandler(Tools::MakeShared<Tools::ErrorHandler<Exception>>("Could not allocate error handler."))
 {
 }
 

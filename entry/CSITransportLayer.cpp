@@ -3,6 +3,7 @@
 #include "entry/TransportLayerHandler.h"
 #include "modules/CSILibrary.h"
 #include "support/Logger.h"
+#include "support/Allocation.h"
 
 #include <new>
 
@@ -37,18 +38,9 @@ TransportLayer::~TransportLayer()
 
 std::shared_ptr<Base::Library> TransportLayer::CreateLibrary(uint32_t flags)
 {
-    std::shared_ptr<Settings> copy;
-    try {
-        copy = std::make_shared<Settings>(*settings);
-    } catch (const std::bad_alloc&) {
-        throw Base::Exception("Could not allocate settings.", GC_ERR_ERROR);
-    }
+    auto copy = Tools::MakeShared<Settings>("Could not allocate settings.", *settings);
     copy->SetDynamicBufferHandling((flags & 1u) != 0);
-    try {
-        return std::make_shared<Library>(copy);
-    } catch (const std::bad_alloc&) {
-        throw Base::Exception("Could not allocate library.", GC_ERR_ERROR);
-    }
+    return Tools::Allocating("Could not allocate library.", [&] { return std::make_shared<Library>(copy); });
 }
 
 } }

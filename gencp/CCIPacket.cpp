@@ -2,6 +2,7 @@
 
 #include "base/BaseException.h"
 #include "gencp/Crc32.h"
+#include "support/Allocation.h"
 
 #include <new>
 
@@ -22,11 +23,7 @@ CCIPacket::CCIPacket(std::size_t payloadSize)
 {
     if (payloadSize >= 65536)
         throw Exception("Invalid payload size passed.", GC_ERR_INVALID_PARAMETER);
-    try {
-        bytes.assign(payloadSize + 16, 0);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate packet data.", GC_ERR_ERROR);
-    }
+    Tools::Allocating("Could not allocate packet data.", [&] { bytes.assign(payloadSize + 16, 0); });
     Put16(12, static_cast<std::uint16_t>(payloadSize));
 }
 

@@ -4,6 +4,7 @@
 #include "gencp/Commands.h"
 #include "support/Logger.h"
 #include "support/MutexGuard.h"
+#include "support/Allocation.h"
 
 #include <boost/format.hpp>
 #include <boost/locale/encoding.hpp>
@@ -130,11 +131,7 @@ std::shared_ptr<Ack> ControlChannel::Execute(const std::shared_ptr<Packet>& pack
             nextHeartbeat = next;
             if (answer->GetStatus() & ErrorStatusBit)
                 throw AckException("Device reported an error while executing a request", answer->GetStatus());
-            try {
-                return std::make_shared<Ack>(answer);
-            } catch (const std::bad_alloc&) {
-                Fail("Could not allocate result acknowledge.");
-            }
+            return Tools::MakeShared<Ack>("Could not allocate result acknowledge.", answer);
         }
     }
     Fail("Error while executing a request.");
@@ -171,12 +168,7 @@ void ControlChannel::ReadBlock(std::uint64_t address, std::uint8_t* data, std::s
         Fail("Could not allocate packet.");
     if (packet->GetPayloadSize() != 12)
         Fail("Invalid payload size found.");
-    std::shared_ptr<ReadMemoryCommand> command;
-    try {
-        command = std::make_shared<ReadMemoryCommand>(packet);
-    } catch (const std::bad_alloc&) {
-        Fail("Could not allocate read memory command.");
-    }
+    auto command = Tools::MakeShared<ReadMemoryCommand>("Could not allocate read memory command.", packet);
     command->SetAddress(address);
     command->SetSize(static_cast<std::uint16_t>(size));
     auto ack = Execute<ReadMemoryAcknowledge>(packet, timeoutMs, size);
@@ -224,12 +216,7 @@ void ControlChannel::WriteBlock(std::uint64_t address, const std::uint8_t* data,
         Fail("Could not allocate packet.");
     if (packet->GetPayloadSize() != size + 8)
         Fail("Invalid payload size found.");
-    std::shared_ptr<WriteMemoryCommand> command;
-    try {
-        command = std::make_shared<WriteMemoryCommand>(packet);
-    } catch (const std::bad_alloc&) {
-        Fail("Could not allocate write memory command.");
-    }
+    auto command = Tools::MakeShared<WriteMemoryCommand>("Could not allocate write memory command.", packet);
     if (command->GetDataSize() != size)
         Fail("Invalid payload size retrieved.");
     command->SetAddress(address);
@@ -286,11 +273,7 @@ std::string ControlChannel::ReadString(std::uint64_t address, std::size_t size)
 {
     const std::int32_t encoding = GetCapabilityStringEncoding();
     std::vector<std::uint8_t> bytes;
-    try {
-        bytes.resize(size);
-    } catch (const std::bad_alloc&) {
-        Fail("Could not allocate string array.");
-    }
+    Tools::Allocating("Could not allocate string array.", [&] { bytes.resize(size); });
     ReadMemory(address, bytes.data(), size);
     if (encoding == 2) {
         // Units in the device's order come out in the host's.
@@ -312,11 +295,7 @@ void ControlChannel::WriteString(std::uint64_t address, std::size_t size, const 
 {
     const std::int32_t encoding = GetCapabilityStringEncoding();
     std::vector<std::uint8_t> bytes;
-    try {
-        bytes.assign(size, 0);
-    } catch (const std::bad_alloc&) {
-        Fail("Could not allocate string array.");
-    }
+    Tools::Allocating("Could not allocate string array.", [&] { bytes.assign(size, 0); });
     if (encoding == 2) {
         const std::u16string units = boost::locale::conv::utf_to_utf<char16_t>(text);
         if (units.size() > size / 2)

@@ -3,6 +3,7 @@
 #include "base/BaseException.h"
 #include "support/Logger.h"
 #include "support/MutexGuard.h"
+#include "support/Allocation.h"
 
 #include <boost/endian/conversion.hpp>
 #include <boost/format.hpp>
@@ -103,20 +104,14 @@ void EventChannel::ProcessPacket(const std::shared_ptr<Packet>& packet)
 
 std::shared_ptr<EventChannel::EventQueue> EventChannel::EventQueue::Create(std::size_t maxPayload)
 {
-    try {
-        return std::make_shared<EventQueue>(maxPayload);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate event queue.", GC_ERR_ERROR);
-    }
+    return Tools::Allocating("Could not allocate event queue.",
+                             [&] { return std::make_shared<EventQueue>(maxPayload); });
 }
 
 EventChannel::EventQueue::EventQueue(std::size_t maxPayload)
 {
-    try {
-        parser = std::make_shared<EventDataParser>(maxPayload);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate event data parser.", GC_ERR_ERROR);
-    }
+    Tools::Allocating("Could not allocate event data parser.",
+                      [&] { parser = std::make_shared<EventDataParser>(maxPayload); });
 }
 
 std::shared_ptr<Base::EventDataParser> EventChannel::EventQueue::GetEventDataParser() const { return parser; }
@@ -128,11 +123,7 @@ void EventChannel::EventQueue::Push(const std::uint8_t* payload, std::size_t siz
     if (size == 0)
         throw Exception("Invalid size passed.", GC_ERR_INVALID_PARAMETER);
     std::vector<std::uint8_t> element;
-    try {
-        element.resize(PayloadOffset + size);
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate event data.", GC_ERR_ERROR);
-    }
+    Tools::Allocating("Could not allocate event data.", [&] { element.resize(PayloadOffset + size); });
     element[0] = byteOrder;
     const std::uint64_t stored = size;
     std::memcpy(&element[1], &stored, sizeof stored);
