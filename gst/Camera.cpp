@@ -4,6 +4,7 @@
 #include "client/Settings.h"
 
 #include <algorithm>
+#include <cstring>
 #include <cstdlib>
 #include <sstream>
 
@@ -15,6 +16,9 @@ using LorunClient::StreamInfo;
 using LorunClient::Session;
 
 namespace {
+
+// The model this producer reports: its buffer info 1001 is the record ReadRecord reads.
+constexpr const char* RecordProducerModel = "Lorun CSI-2 GenTL";
 
 std::string Describe(Session& session, const Session::Camera& camera)
 {
@@ -106,6 +110,7 @@ Camera::Camera(std::shared_ptr<LorunClient::Session> owner, const LorunClient::S
                                      &size) == GC_ERR_SUCCESS &&
             size == sizeof frequency)
             ticksPerSecond = frequency;
+        useRecord = producer.InfoText(TL_INFO_MODEL) == RecordProducerModel;
     } catch (...) {
         features.reset();
         if (newBuffer)
@@ -279,21 +284,78 @@ WaitResult Camera::Wait(Frame& frame, std::uint64_t milliseconds)
         frame.size = announced->second.size;
         frame.memory = announced->second.block;
     }
-    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_SIZE_FILLED, frame.filled);
-    const Layout layout = LayoutOf(frame.handle);
-    frame.width = layout.width;
-    frame.height = layout.height;
-    frame.paddingX = layout.paddingX;
-    frame.pixelFormat = layout.pixelFormat;
-    frame.hasFrameId = BufferInfo(producer, stream, frame.handle, BUFFER_INFO_FRAMEID, frame.frameId);
-    bool8_t incomplete = 0;
-    BufferInfo(producer, stream, frame.handle, BUFFER_INFO_IS_INCOMPLETE, incomplete);
-    frame.incomplete = incomplete != 0;
-    frame.timestampNs = TimestampNs(frame.handle);
+    if (!useRecord || !ReadRecord(frame)) {
+        BufferInfo(producer, stream, frame.handle, BUFFER_INFO_SIZE_FILLED, frame.filled);
+        const Layout layout = LayoutOf(frame.handle);
+        frame.width = layout.width;
+        frame.height = layout.height;
+        frame.paddingX = layout.paddingX;
+        frame.pixelFormat = layout.pixelFormat;
+        frame.hasFrameId = BufferInfo(producer, stream, frame.handle, BUFFER_INFO_FRAMEID, frame.frameId);
+        bool8_t incomplete = 0;
+        BufferInfo(producer, stream, frame.handle, BUFFER_INFO_IS_INCOMPLETE, incomplete);
+        frame.incomplete = incomplete != 0;
+        frame.timestampNs = TimestampNs(frame.handle);
+    }
     const std::lock_guard<std::mutex> lock(streamMutex);
     frame.generation = generation;
     out[frame.handle] = generation;
     return WaitResult::Frame;
+}
+
+namespace {
+
+// This producer's own buffer info: every value of a buffer in one record of
+// 176 bytes, in the host's byte order, with a word of which fields are valid.
+constexpr BUFFER_INFO_CMD BufferInfoRecord = 1001;
+constexpr std::size_t RecordSize = 176;
+struct RecordField {
+    std::size_t offset;
+    unsigned bit; // of the validity word at offset 0
+};
+constexpr RecordField RecordTimestamp{32, 3}, RecordFrameId{40, 4}, RecordFlags{48, 8}, RecordFilled{56, 11},
+    RecordWidth{64, 12}, RecordHeight{72, 13}, RecordPaddingX{96, 16}, RecordPixelFormat{136, 21};
+constexpr std::uint32_t RecordIncompleteFlag = 8;
+
+template <class T> T RecordValue(const std::uint8_t* record, RecordField field)
+{
+    T value;
+    std::memcpy(&value, record + field.offset, sizeof value);
+    return value;
+}
+
+} // namespace
+
+// One producer call instead of one per value. False (and never again asked)
+// when the producer refuses it or leaves a needed field out.
+bool Camera::ReadRecord(Frame& frame)
+{
+    std::uint8_t record[RecordSize];
+    INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
+    size_t size = sizeof record;
+    std::uint64_t valid = 0;
+    if (producer.DSGetBufferInfo(stream, frame.handle, BufferInfoRecord, &type, record, &size) == GC_ERR_SUCCESS &&
+        size == RecordSize)
+        valid = RecordValue<std::uint64_t>(record, RecordField{0, 0});
+    std::uint64_t needed = 0;
+    for (const RecordField& field :
+         {RecordFlags, RecordFilled, RecordWidth, RecordHeight, RecordPaddingX, RecordPixelFormat, RecordTimestamp})
+        needed |= std::uint64_t{1} << field.bit;
+    if ((valid & needed) != needed) {
+        useRecord = false;
+        return false;
+    }
+    frame.filled = RecordValue<std::uint64_t>(record, RecordFilled);
+    frame.width = static_cast<std::uint32_t>(RecordValue<std::uint64_t>(record, RecordWidth));
+    frame.height = static_cast<std::uint32_t>(RecordValue<std::uint64_t>(record, RecordHeight));
+    frame.paddingX = static_cast<std::uint32_t>(RecordValue<std::uint64_t>(record, RecordPaddingX));
+    frame.pixelFormat = RecordValue<std::uint64_t>(record, RecordPixelFormat);
+    frame.hasFrameId = (valid >> RecordFrameId.bit) & 1u;
+    if (frame.hasFrameId)
+        frame.frameId = RecordValue<std::uint64_t>(record, RecordFrameId);
+    frame.incomplete = (RecordValue<std::uint32_t>(record, RecordFlags) & RecordIncompleteFlag) != 0;
+    frame.timestampNs = Nanoseconds(RecordValue<std::uint64_t>(record, RecordTimestamp));
+    return true;
 }
 
 Camera::Layout Camera::LayoutOf(BUFFER_HANDLE buffer)
@@ -328,10 +390,15 @@ std::uint64_t Camera::TimestampNs(BUFFER_HANDLE buffer)
     }
     if (!BufferInfo(producer, stream, buffer, BUFFER_INFO_TIMESTAMP, value))
         return 0;
+    return Nanoseconds(value);
+}
+
+std::uint64_t Camera::Nanoseconds(std::uint64_t ticks) const
+{
     if (ticksPerSecond == 0 || ticksPerSecond == 1000000000u)
-        return value;
+        return ticks;
     // Whole seconds and the rest apart, so that no product overflows.
-    return value / ticksPerSecond * 1000000000u + value % ticksPerSecond * 1000000000u / ticksPerSecond;
+    return ticks / ticksPerSecond * 1000000000u + ticks % ticksPerSecond * 1000000000u / ticksPerSecond;
 }
 
 void Camera::Interrupt()

@@ -143,6 +143,8 @@ private:
         std::uint64_t pixelFormat = 0;
     };
     Layout LayoutOf(BUFFER_HANDLE buffer);
+    bool ReadRecord(Frame& frame);
+    std::uint64_t Nanoseconds(std::uint64_t ticks) const; // of the device clock
 
     std::shared_ptr<LorunClient::Session> session;
     LorunClient::GenTLProducer& producer;
@@ -153,6 +155,8 @@ private:
     EVENT_HANDLE newBuffer = nullptr;
     std::uint64_t ticksPerSecond = 0; // of the device clock; 0: nanoseconds
     std::atomic<bool> hasTimestampNs{true}; // until the producer says otherwise
+    // This producer's one-call record of a buffer's values (ReadRecord), until refused.
+    std::atomic<bool> useRecord{false};
 
     std::mutex featureMutex;
     std::unique_ptr<LorunClient::FeatureTree> features;

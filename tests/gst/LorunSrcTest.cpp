@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -54,13 +55,71 @@ std::uint64_t WrongPixels(GstSample* sample, const QEL::Sim::PixelFormat& pixel)
     return wrong;
 }
 
+// What this producer never does, made through the table of the producer's
+// functions that the element shares: every third frame reported incomplete
+// (alone and in the one-call record of buffer info 1001), or that record
+// refused, as another producer would refuse it.
+class ProducerQuirks {
+public:
+    enum Quirk : unsigned { EveryThirdIncomplete = 1, NoRecord = 2 };
+    explicit ProducerQuirks(unsigned quirks) : session(LorunClient::SharedSession(LORUN_CTI_PATH))
+    {
+        active = quirks;
+        real = session->Producer().DSGetBufferInfo;
+        session->Producer().DSGetBufferInfo = &BufferInfo;
+    }
+    ~ProducerQuirks() { session->Producer().DSGetBufferInfo = real; }
+    ProducerQuirks(const ProducerQuirks&) = delete;
+    ProducerQuirks& operator=(const ProducerQuirks&) = delete;
+
+    static bool Broken(std::uint64_t frameId) { return frameId % 3 == 0; }
+
+private:
+    static constexpr BUFFER_INFO_CMD Record = 1001;
+    static constexpr std::size_t RecordFlagsOffset = 48; // bit 3: incomplete
+
+    static GC_ERROR BufferInfo(DS_HANDLE stream, BUFFER_HANDLE buffer, BUFFER_INFO_CMD command, INFO_DATATYPE* type,
+                               void* value, size_t* size)
+    {
+        if (command == Record && (active & NoRecord))
+            return GC_ERR_NOT_IMPLEMENTED;
+        const GC_ERROR rc = real(stream, buffer, command, type, value, size);
+        if (rc != GC_ERR_SUCCESS || !(active & EveryThirdIncomplete) || !value || !size)
+            return rc;
+        std::uint64_t frameId = 0;
+        size_t idSize = sizeof frameId;
+        INFO_DATATYPE idType = INFO_DATATYPE_UNKNOWN;
+        if (real(stream, buffer, BUFFER_INFO_FRAMEID, &idType, &frameId, &idSize) != GC_ERR_SUCCESS || !Broken(frameId))
+            return rc;
+        if (command == BUFFER_INFO_IS_INCOMPLETE && *size >= sizeof(bool8_t))
+            *static_cast<bool8_t*>(value) = 1;
+        if (command == Record && *size >= RecordFlagsOffset + 4) {
+            std::uint32_t flags = 0;
+            std::memcpy(&flags, static_cast<std::uint8_t*>(value) + RecordFlagsOffset, sizeof flags);
+            flags |= 8u;
+            std::memcpy(static_cast<std::uint8_t*>(value) + RecordFlagsOffset, &flags, sizeof flags);
+        }
+        return rc;
+    }
+
+    static unsigned active;
+    static decltype(&::DSGetBufferInfo) real;
+    std::shared_ptr<LorunClient::Session> session;
+};
+unsigned ProducerQuirks::active = 0;
+decltype(&::DSGetBufferInfo) ProducerQuirks::real = nullptr;
+
 struct FormatCase {
     const char* pixelFormat;
-    const char* caps; // what downstream asks for
-    bool copied;      // the one conversion that copies
+    const char* caps;   // what downstream asks for
+    bool copied;        // the one conversion that copies
+    bool record = true; // the producer's one-call record of a buffer's values; else each asked alone
 };
 
-void PrintTo(const FormatCase& format, std::ostream* out) { *out << format.pixelFormat; }
+void PrintTo(const FormatCase& format, std::ostream* out)
+{
+    *out << format.pixelFormat << (format.record ? "" : " asked alone");
+}
 
 class Formats : public LorunSrcFixture, public ::testing::WithParamInterface<FormatCase> {};
 
@@ -69,6 +128,9 @@ TEST_P(Formats, EveryPixelOfSeveralFramesIsTheCamerasPattern)
     const FormatCase& format = GetParam();
     Describe(std::string("[camera0]\nwidth = 64\nheight = 12\nframe_rate = 0\nbus_timing = 0\npixel_format = ") +
              format.pixelFormat + "\n");
+    std::optional<ProducerQuirks> quirks;
+    if (!format.record)
+        quirks.emplace(ProducerQuirks::NoRecord);
     Pipeline pipeline(Launch("lorunsrc name=src " + Producer() + " ! " + format.caps + " ! appsink name=sink"));
     ASSERT_TRUE(pipeline.Play());
     const QEL::Sim::PixelFormat& pixel = QEL::Sim::PixelFormatByName(format.pixelFormat);
@@ -86,14 +148,17 @@ TEST_P(Formats, EveryPixelOfSeveralFramesIsTheCamerasPattern)
     EXPECT_EQ(0u, stats.at("dropped"));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    VirtualCamera, Formats,
-    ::testing::Values(FormatCase{"Mono8", "video/x-raw,format=GRAY8", false},
-                      FormatCase{"Mono12", "video/x-raw,format=GRAY16_LE", false},
-                      FormatCase{"Mono10p", "video/x-raw,format=GRAY16_LE", true},
-                      FormatCase{"BayerRG8", "video/x-bayer,format=rggb", false},
-                      FormatCase{"RGB8", "video/x-raw,format=RGB", false}),
-    [](const ::testing::TestParamInfo<FormatCase>& info) { return std::string(info.param.pixelFormat); });
+INSTANTIATE_TEST_SUITE_P(VirtualCamera, Formats,
+                         ::testing::Values(FormatCase{"Mono8", "video/x-raw,format=GRAY8", false},
+                                           FormatCase{"Mono12", "video/x-raw,format=GRAY16_LE", false},
+                                           FormatCase{"Mono10p", "video/x-raw,format=GRAY16_LE", true},
+                                           FormatCase{"BayerRG8", "video/x-bayer,format=rggb", false},
+                                           FormatCase{"RGB8", "video/x-raw,format=RGB", false},
+                                           FormatCase{"Mono12", "video/x-raw,format=GRAY16_LE", false, false},
+                                           FormatCase{"Mono10p", "video/x-raw,format=GRAY16_LE", true, false}),
+                         [](const ::testing::TestParamInfo<FormatCase>& info) {
+                             return std::string(info.param.pixelFormat) + (info.param.record ? "" : "_AskedAlone");
+                         });
 
 TEST_F(LorunSrcFixture, CapsComeFromTheCameraAndChoosingAFormatSetsIt)
 {
@@ -427,49 +492,13 @@ TEST_F(LorunSrcFixture, LostFramesAreCountedAndTold)
     EXPECT_TRUE(pipeline.Error().empty()) << pipeline.Error();
 }
 
-// This producer never hands out a broken frame, so a broken one is made here:
-// the session the element shares reports every third frame incomplete.
-class EveryThirdFrameIncomplete {
-public:
-    EveryThirdFrameIncomplete() : session(LorunClient::SharedSession(LORUN_CTI_PATH))
-    {
-        real = session->Producer().DSGetBufferInfo;
-        session->Producer().DSGetBufferInfo = &BufferInfo;
-    }
-    ~EveryThirdFrameIncomplete() { session->Producer().DSGetBufferInfo = real; }
-    EveryThirdFrameIncomplete(const EveryThirdFrameIncomplete&) = delete;
-    EveryThirdFrameIncomplete& operator=(const EveryThirdFrameIncomplete&) = delete;
+class CaptureError : public LorunSrcFixture, public ::testing::WithParamInterface<bool> {};
 
-    static bool Broken(std::uint64_t frameId) { return frameId % 3 == 0; }
-
-private:
-    static GC_ERROR BufferInfo(DS_HANDLE stream, BUFFER_HANDLE buffer, BUFFER_INFO_CMD command,
-                               INFO_DATATYPE* type, void* value, size_t* size)
-    {
-        if (command != BUFFER_INFO_IS_INCOMPLETE || !value || !size || *size < sizeof(bool8_t))
-            return real(stream, buffer, command, type, value, size);
-        std::uint64_t frameId = 0;
-        size_t idSize = sizeof frameId;
-        INFO_DATATYPE idType = INFO_DATATYPE_UNKNOWN;
-        const GC_ERROR rc = real(stream, buffer, BUFFER_INFO_FRAMEID, &idType, &frameId, &idSize);
-        if (rc != GC_ERR_SUCCESS)
-            return rc;
-        *static_cast<bool8_t*>(value) = Broken(frameId) ? 1 : 0;
-        *size = sizeof(bool8_t);
-        if (type)
-            *type = INFO_DATATYPE_BOOL8;
-        return GC_ERR_SUCCESS;
-    }
-
-    static decltype(&::DSGetBufferInfo) real;
-    std::shared_ptr<LorunClient::Session> session;
-};
-decltype(&::DSGetBufferInfo) EveryThirdFrameIncomplete::real = nullptr;
-
-TEST_F(LorunSrcFixture, CaptureErrorDecidesWhatAnIncompleteFrameDoes)
+TEST_P(CaptureError, DecidesWhatAnIncompleteFrameDoes)
 {
     Describe("[camera0]\nwidth = 64\nheight = 8\nframe_rate = 0\nbus_timing = 0\n");
-    const EveryThirdFrameIncomplete broken;
+    const bool record = GetParam();
+    const ProducerQuirks broken(ProducerQuirks::EveryThirdIncomplete | (record ? 0u : ProducerQuirks::NoRecord));
     for (const char* choice : {"keep", "skip"}) {
         SCOPED_TRACE(choice);
         Pipeline pipeline(Launch(std::string("lorunsrc name=src capture-error=") + choice + " " + Producer() +
@@ -481,7 +510,7 @@ TEST_F(LorunSrcFixture, CaptureErrorDecidesWhatAnIncompleteFrameDoes)
             ASSERT_TRUE(sample) << pipeline.Error();
             GstBuffer* buffer = gst_sample_get_buffer(sample.get());
             const bool flagged = GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_CORRUPTED);
-            EXPECT_EQ(EveryThirdFrameIncomplete::Broken(GST_BUFFER_OFFSET(buffer)), flagged)
+            EXPECT_EQ(ProducerQuirks::Broken(GST_BUFFER_OFFSET(buffer)), flagged)
                 << "frame " << GST_BUFFER_OFFSET(buffer);
             (flagged ? brokenSeen : wholeSeen) += 1;
         }
@@ -504,6 +533,10 @@ TEST_F(LorunSrcFixture, CaptureErrorDecidesWhatAnIncompleteFrameDoes)
     EXPECT_NE(std::string::npos, error.find("DEV_")) << error;
     EXPECT_NE(std::string::npos, error.find("incomplete frame")) << error;
 }
+
+INSTANTIATE_TEST_SUITE_P(Record, CaptureError, ::testing::Bool(), [](const ::testing::TestParamInfo<bool>& info) {
+    return std::string(info.param ? "OneCallRecord" : "AskedAlone");
+});
 
 TEST_F(LorunSrcFixture, ACameraPulledOutIsAnErrorNamingIt)
 {
