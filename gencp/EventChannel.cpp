@@ -63,11 +63,7 @@ void EventChannel::Acknowledge(const Packet& packet)
 {
     if (!HasAcknowledgeSupport())
         throw Exception("No support for acknowledge available.", GC_ERR_ERROR);
-    std::shared_ptr<Packet> ack;
-    try {
-        ack = CreatePacket(0);
-    } catch (const std::bad_alloc&) {
-    }
+    const auto ack = Tools::Allocating("Could not allocate acknowledge packet.", [&] { return CreatePacket(0); });
     if (!ack)
         throw Exception("Could not allocate acknowledge packet.", GC_ERR_ERROR);
     ack->SetFlags(0);
@@ -186,7 +182,7 @@ InfoPtr EventChannel::EventQueue::EventDataParser::GetDataInfo(const void* buffe
     std::memcpy(&eventId, payload + 2, sizeof eventId);
     if (element[0] != HostByteOrder)
         eventId = boost::endian::endian_reverse(eventId);
-    try {
+    return Tools::Allocating("Could not allocate info.", [&]() -> InfoPtr {
         switch (cmd) {
         case EVENT_DATA_ID:
             return std::make_shared<StringInfo>((boost::format("%1$04X") % eventId).str());
@@ -195,12 +191,9 @@ InfoPtr EventChannel::EventQueue::EventDataParser::GetDataInfo(const void* buffe
         case EVENT_DATA_NUMID:
             return std::make_shared<UInt64Info>(eventId);
         default:
-            break;
+            throw Exception("Unsupported info requested.", GC_ERR_NOT_IMPLEMENTED);
         }
-    } catch (const std::bad_alloc&) {
-        throw Exception("Could not allocate info.", GC_ERR_ERROR);
-    }
-    throw Exception("Unsupported info requested.", GC_ERR_NOT_IMPLEMENTED);
+    });
 }
 
 } } }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/BaseException.h"
+#include "support/Allocation.h"
 
 #include <memory>
 #include <new>
@@ -18,13 +19,7 @@ public:
     {
         if (!infos)
             throw Base::Exception("No infos map passed.", GC_ERR_INVALID_PARAMETER);
-        std::shared_ptr<const I> info;
-        try {
-            info = std::make_shared<const I>(value);
-        } catch (const std::bad_alloc&) {
-            throw Base::Exception("Could not allocate info.", GC_ERR_ERROR);
-        }
-        (*infos)[command] = info;
+        (*infos)[command] = Tools::MakeShared<const I>("Could not allocate info.", value);
     }
 };
 
