@@ -184,7 +184,7 @@ std::vector<std::uint8_t> BasicBufferQueue::InternalBuffer::MakeBundle() const
 InfoPtr BasicBufferQueue::InternalBuffer::GetInfo(BUFFER_INFO_CMD cmd)
 {
     CheckAvailable();
-    const InfoPtr own = Tools::Allocating("Could not allocate info.", [&]() -> InfoPtr {
+    InfoPtr own = Tools::Allocating("Could not allocate info.", [&]() -> InfoPtr {
         switch (cmd) {
         case BUFFER_INFO_BASE:
             return std::make_shared<PtrInfo>(base);

@@ -17,7 +17,7 @@ inline InfoPtr RegisterInfoOf(const InfoPtr& info)
 {
     if (!info)
         throw Exception("Info not available.", GC_ERR_NOT_AVAILABLE);
-    const InfoPtr widened = Tools::Allocating("Could not allocate info.", [&]() -> InfoPtr {
+    InfoPtr widened = Tools::Allocating("Could not allocate info.", [&]() -> InfoPtr {
         if (info->GetType() == INFO_DATATYPE_SIZET) {
             auto value = std::dynamic_pointer_cast<const SizeTInfo>(info);
             if (!value)
