@@ -1,6 +1,7 @@
 #include "framework/BasicBufferQueue.h"
 
 #include "base/BaseException.h"
+#include "base/BufferRecord.h"
 #include "support/MutexGuard.h"
 #include "support/Allocation.h"
 
@@ -139,45 +140,49 @@ void BasicBufferQueue::InternalBuffer::SetInfos(const std::shared_ptr<const Buff
 
 std::vector<std::uint8_t> BasicBufferQueue::InternalBuffer::MakeBundle() const
 {
-    std::vector<std::uint8_t> bundle(BundleSize, 0);
-    std::uint64_t available = 0x7 | (0x1Full << 5);
-    auto put = [&](std::size_t offset, const void* value, std::size_t width) {
-        std::memcpy(bundle.data() + offset, value, width);
-    };
-    auto put64 = [&](std::size_t offset, std::uint64_t value) { put(offset, &value, 8); };
-    put64(8, reinterpret_cast<std::uintptr_t>(base));
-    put64(16, size);
-    put64(24, reinterpret_cast<std::uintptr_t>(userPointer));
-    const std::uint32_t flags = (newData ? 1u : 0u) | ((state == Queued || state == Output) ? 2u : 0u) |
-                                (state == Acquiring ? 4u : 0u) | (incomplete ? 8u : 0u) | (imagePresent ? 16u : 0u);
-    put(48, &flags, 4);
+    namespace R = BufferRecord;
+    std::vector<std::uint8_t> bundle(R::Size, 0);
+    std::uint8_t* record = bundle.data();
+    // The buffer's own fields and the five flags are always there.
+    std::uint64_t available = (1ull << R::BasePointer.bit) | (1ull << R::BufferSize.bit) |
+                              (1ull << R::UserPointer.bit) | (0x1Full << R::Flags.bit);
+    R::Write(record, R::BasePointer, reinterpret_cast<std::uintptr_t>(base));
+    R::Write(record, R::BufferSize, size);
+    R::Write(record, R::UserPointer, reinterpret_cast<std::uintptr_t>(userPointer));
+    const std::uint32_t flags = (newData ? R::FlagNewData : 0u) |
+                                ((state == Queued || state == Output) ? R::FlagQueued : 0u) |
+                                (state == Acquiring ? R::FlagAcquiring : 0u) | (incomplete ? R::FlagIncomplete : 0u) |
+                                (imagePresent ? R::FlagImagePresent : 0u);
+    R::Write(record, R::Flags, flags);
 
-    // Fields that the stream channel supplies: offset, width, bit of `available`, info.
-    struct Field {
-        std::size_t offset;
-        std::size_t width;
-        unsigned bit;
-        BUFFER_INFO_CMD cmd;
-    };
-    static const Field fields[] = {
-        {32, 8, 3, BUFFER_INFO_TIMESTAMP},       {40, 8, 4, BUFFER_INFO_FRAMEID},
-        {52, 4, 10, 1002},                        {56, 8, 11, BUFFER_INFO_SIZE_FILLED},
-        {64, 8, 12, BUFFER_INFO_WIDTH},           {72, 8, 13, BUFFER_INFO_HEIGHT},
-        {80, 8, 14, BUFFER_INFO_XOFFSET},         {88, 8, 15, BUFFER_INFO_YOFFSET},
-        {96, 8, 16, BUFFER_INFO_XPADDING},        {104, 8, 17, BUFFER_INFO_YPADDING},
-        {112, 8, 18, BUFFER_INFO_IMAGEOFFSET},    {120, 8, 19, 1000},
-        {128, 8, 20, BUFFER_INFO_PAYLOADTYPE},    {136, 8, 21, BUFFER_INFO_PIXELFORMAT},
-        {144, 8, 22, BUFFER_INFO_PIXELFORMAT_NAMESPACE}, {152, 8, 23, BUFFER_INFO_DELIVERED_IMAGEHEIGHT},
-        {160, 8, 24, BUFFER_INFO_DELIVERED_CHUNKPAYLOADSIZE}, {168, 8, 25, BUFFER_INFO_CHUNKLAYOUTID}};
-    for (const Field& field : fields) {
-        auto it = infos->find(field.cmd);
+    // Fields that the stream channel supplies.
+    static const std::pair<R::Field, BUFFER_INFO_CMD> fields[] = {
+        {R::Timestamp, BUFFER_INFO_TIMESTAMP},
+        {R::FrameId, BUFFER_INFO_FRAMEID},
+        {R::Status, 1002},
+        {R::Filled, BUFFER_INFO_SIZE_FILLED},
+        {R::Width, BUFFER_INFO_WIDTH},
+        {R::Height, BUFFER_INFO_HEIGHT},
+        {R::XOffset, BUFFER_INFO_XOFFSET},
+        {R::YOffset, BUFFER_INFO_YOFFSET},
+        {R::XPadding, BUFFER_INFO_XPADDING},
+        {R::YPadding, BUFFER_INFO_YPADDING},
+        {R::ImageOffset, BUFFER_INFO_IMAGEOFFSET},
+        {R::Info1000, 1000},
+        {R::PayloadType, BUFFER_INFO_PAYLOADTYPE},
+        {R::PixelFormat, BUFFER_INFO_PIXELFORMAT},
+        {R::PixelFormatNamespace, BUFFER_INFO_PIXELFORMAT_NAMESPACE},
+        {R::DeliveredImageHeight, BUFFER_INFO_DELIVERED_IMAGEHEIGHT},
+        {R::DeliveredChunkPayloadSize, BUFFER_INFO_DELIVERED_CHUNKPAYLOADSIZE},
+        {R::ChunkLayoutId, BUFFER_INFO_CHUNKLAYOUTID}};
+    for (const auto& [field, cmd] : fields) {
+        auto it = infos->find(cmd);
         if (it == infos->end() || !it->second)
             continue;
-        const std::uint64_t value = NumericValue(*it->second);
-        put(field.offset, &value, field.width);
+        R::Write(record, field, NumericValue(*it->second));
         available |= 1ull << field.bit;
     }
-    put64(0, available);
+    R::Write(record, R::Valid, available);
     return bundle;
 }
 

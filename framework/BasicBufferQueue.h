@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/BufferRecord.h"
 #include "framework/BasicModule.h"
 #include "framework/BaseRoles.h"
 #include "framework/EventSource.h"
@@ -41,8 +42,8 @@ public:
     enum State : std::uint32_t { Delivered = 0, Queued = 1, Acquiring = 2, Output = 3 };
 
     // The bundle of BUFFER_INFO 1001: every value of a buffer in one record.
-    static constexpr BUFFER_INFO_CMD BundleInfo = 1001;
-    static constexpr std::size_t BundleSize = 176;
+    static constexpr BUFFER_INFO_CMD BundleInfo = BufferRecord::Command; // base/BufferRecord.h
+    static constexpr std::size_t BundleSize = BufferRecord::Size;
 
     class InternalBuffer : public BasicModule<Tools::BasicLockable<BasicBuffer>> {
     public:

@@ -1,5 +1,6 @@
 #include "gst/Camera.h"
 
+#include "base/BufferRecord.h"
 #include "client/InfoOf.h"
 #include "client/Settings.h"
 
@@ -19,6 +20,10 @@ namespace {
 
 // The model this producer reports: its buffer info 1001 is the record ReadRecord reads.
 constexpr const char* RecordProducerModel = "Lorun CSI-2 GenTL";
+// What a frame needs of the record (the flags are always there).
+constexpr QEL::Base::BufferRecord::Field NeededFields[] = {
+    QEL::Base::BufferRecord::Filled,   QEL::Base::BufferRecord::Width,       QEL::Base::BufferRecord::Height,
+    QEL::Base::BufferRecord::XPadding, QEL::Base::BufferRecord::PixelFormat, QEL::Base::BufferRecord::Timestamp};
 
 std::string Describe(Session& session, const Session::Camera& camera)
 {
@@ -303,58 +308,33 @@ WaitResult Camera::Wait(Frame& frame, std::uint64_t milliseconds)
     return WaitResult::Frame;
 }
 
-namespace {
-
-// This producer's own buffer info: every value of a buffer in one record of
-// 176 bytes, in the host's byte order, with a word of which fields are valid.
-constexpr BUFFER_INFO_CMD BufferInfoRecord = 1001;
-constexpr std::size_t RecordSize = 176;
-struct RecordField {
-    std::size_t offset;
-    unsigned bit; // of the validity word at offset 0
-};
-constexpr RecordField RecordTimestamp{32, 3}, RecordFrameId{40, 4}, RecordFlags{48, 8}, RecordFilled{56, 11},
-    RecordWidth{64, 12}, RecordHeight{72, 13}, RecordPaddingX{96, 16}, RecordPixelFormat{136, 21};
-constexpr std::uint32_t RecordIncompleteFlag = 8;
-
-template <class T> T RecordValue(const std::uint8_t* record, RecordField field)
-{
-    T value;
-    std::memcpy(&value, record + field.offset, sizeof value);
-    return value;
-}
-
-} // namespace
-
 // One producer call instead of one per value. False (and never again asked)
 // when the producer refuses it or leaves a needed field out.
 bool Camera::ReadRecord(Frame& frame)
 {
-    std::uint8_t record[RecordSize];
+    namespace R = QEL::Base::BufferRecord;
+    std::uint8_t record[R::Size];
     INFO_DATATYPE type = INFO_DATATYPE_UNKNOWN;
     size_t size = sizeof record;
-    std::uint64_t valid = 0;
-    if (producer.DSGetBufferInfo(stream, frame.handle, BufferInfoRecord, &type, record, &size) == GC_ERR_SUCCESS &&
-        size == RecordSize)
-        valid = RecordValue<std::uint64_t>(record, RecordField{0, 0});
-    std::uint64_t needed = 0;
-    for (const RecordField& field :
-         {RecordFlags, RecordFilled, RecordWidth, RecordHeight, RecordPaddingX, RecordPixelFormat, RecordTimestamp})
-        needed |= std::uint64_t{1} << field.bit;
-    if ((valid & needed) != needed) {
+    const bool read =
+        producer.DSGetBufferInfo(stream, frame.handle, R::Command, &type, record, &size) == GC_ERR_SUCCESS &&
+        size == R::Size;
+    const bool complete = read && std::all_of(std::begin(NeededFields), std::end(NeededFields),
+                                              [&](const R::Field& field) { return R::Has(record, field); });
+    if (!complete) {
         useRecord = false;
         return false;
     }
-    frame.filled = RecordValue<std::uint64_t>(record, RecordFilled);
-    frame.width = static_cast<std::uint32_t>(RecordValue<std::uint64_t>(record, RecordWidth));
-    frame.height = static_cast<std::uint32_t>(RecordValue<std::uint64_t>(record, RecordHeight));
-    frame.paddingX = static_cast<std::uint32_t>(RecordValue<std::uint64_t>(record, RecordPaddingX));
-    frame.pixelFormat = RecordValue<std::uint64_t>(record, RecordPixelFormat);
-    frame.hasFrameId = (valid >> RecordFrameId.bit) & 1u;
+    frame.filled = R::Read(record, R::Filled);
+    frame.width = static_cast<std::uint32_t>(R::Read(record, R::Width));
+    frame.height = static_cast<std::uint32_t>(R::Read(record, R::Height));
+    frame.paddingX = static_cast<std::uint32_t>(R::Read(record, R::XPadding));
+    frame.pixelFormat = R::Read(record, R::PixelFormat);
+    frame.hasFrameId = R::Has(record, R::FrameId);
     if (frame.hasFrameId)
-        frame.frameId = RecordValue<std::uint64_t>(record, RecordFrameId);
-    frame.incomplete = (RecordValue<std::uint32_t>(record, RecordFlags) & RecordIncompleteFlag) != 0;
-    frame.timestampNs = Nanoseconds(RecordValue<std::uint64_t>(record, RecordTimestamp));
+        frame.frameId = R::Read(record, R::FrameId);
+    frame.incomplete = (R::Read(record, R::Flags) & R::FlagIncomplete) != 0;
+    frame.timestampNs = Nanoseconds(R::Read(record, R::Timestamp));
     return true;
 }
 

@@ -570,45 +570,36 @@ void DataStream::GetBufferChunkData(const std::shared_ptr<Base::Buffer>& buffer,
     }
     if (!bundle)
         throw Exception("Buffer info bundle not available.", GC_ERR_NOT_AVAILABLE);
-    if (bundle->GetSize() < Base::BasicBufferQueue::BundleSize)
+    if (bundle->GetSize() < Base::BufferRecord::Size)
         throw Exception("Buffer info bundle too small.", GC_ERR_ERROR);
-    std::uint8_t record[Base::BasicBufferQueue::BundleSize] = {};
+    namespace R = Base::BufferRecord;
+    std::uint8_t record[R::Size] = {};
     std::size_t size = sizeof record;
     bundle->Read(record, &size);
-    auto field = [&](std::size_t offset) {
-        std::uint64_t value = 0;
-        std::memcpy(&value, record + offset, sizeof value);
-        return value;
-    };
-    std::uint32_t flags = 0;
-    std::memcpy(&flags, record + 48, sizeof flags);
-    std::uint32_t status = 0;
-    std::memcpy(&status, record + 52, sizeof status);
-    const std::uint64_t available = field(0);
-    auto has = [&](unsigned bit) { return (available >> bit) & 1u; };
-    if (!has(20))
+    if (!R::Has(record, R::PayloadType))
         throw Exception("Buffer payload type not available.", GC_ERR_NOT_AVAILABLE);
-    if (field(128) != PAYLOAD_TYPE_CHUNK_DATA)
+    if (R::Read(record, R::PayloadType) != PAYLOAD_TYPE_CHUNK_DATA)
         throw Exception("Buffer contains no chunk data.", GC_ERR_NOT_AVAILABLE);
-    if (!has(8))
+    if (!((R::Read(record, R::Valid) >> R::FlagValidBit(R::FlagIncomplete)) & 1u))
         throw Exception("Buffer completeness not available.", GC_ERR_NOT_AVAILABLE);
-    if (flags & 8u)
+    if (R::Read(record, R::Flags) & R::FlagIncomplete)
         throw Exception("Buffer is incomplete.", GC_ERR_NOT_AVAILABLE);
-    if (!has(0))
+    if (!R::Has(record, R::BasePointer))
         throw Exception("Buffer pointer not available.", GC_ERR_NOT_AVAILABLE);
-    const auto* base = reinterpret_cast<const std::uint8_t*>(static_cast<std::uintptr_t>(field(8)));
+    const auto* base =
+        reinterpret_cast<const std::uint8_t*>(static_cast<std::uintptr_t>(R::Read(record, R::BasePointer)));
     if (!base)
         throw Exception("Invalid buffer pointer found.", GC_ERR_ERROR);
-    if (!has(1))
+    if (!R::Has(record, R::BufferSize))
         throw Exception("Buffer size not available.", GC_ERR_NOT_AVAILABLE);
-    if (!has(11))
+    if (!R::Has(record, R::Filled))
         throw Exception("Buffer filled size not available.", GC_ERR_NOT_AVAILABLE);
-    const std::uint64_t filled = field(56);
-    if (filled > field(16))
+    const std::uint64_t filled = R::Read(record, R::Filled);
+    if (filled > R::Read(record, R::BufferSize))
         throw Exception("Invalid buffer filled size found.", GC_ERR_NOT_AVAILABLE);
-    if (!has(10))
+    if (!R::Has(record, R::Status))
         throw Exception("Buffer status not available.", GC_ERR_NOT_AVAILABLE);
-    if (status != 0)
+    if (R::Read(record, R::Status) != 0)
         throw Exception("Buffer is not valid.", GC_ERR_NOT_AVAILABLE);
 
     const std::vector<SINGLE_CHUNK_DATA> chunks = Base::ParseChunks(base, filled);

@@ -2,6 +2,7 @@
 // reaches downstream (pixels, stamps, caps), what downstream may keep, how
 // the element stops and what it says when things go wrong. Each test runs in
 // a process of its own (CTest), so each gets its own virtual cameras.
+#include "base/BufferRecord.h"
 #include "client/Session.h"
 #include "sim/PixelFormats.h"
 #include "tests/TestSupport.h"
@@ -75,8 +76,7 @@ public:
     static bool Broken(std::uint64_t frameId) { return frameId % 3 == 0; }
 
 private:
-    static constexpr BUFFER_INFO_CMD Record = 1001;
-    static constexpr std::size_t RecordFlagsOffset = 48; // bit 3: incomplete
+    static constexpr BUFFER_INFO_CMD Record = QEL::Base::BufferRecord::Command;
 
     static GC_ERROR BufferInfo(DS_HANDLE stream, BUFFER_HANDLE buffer, BUFFER_INFO_CMD command, INFO_DATATYPE* type,
                                void* value, size_t* size)
@@ -93,11 +93,10 @@ private:
             return rc;
         if (command == BUFFER_INFO_IS_INCOMPLETE && *size >= sizeof(bool8_t))
             *static_cast<bool8_t*>(value) = 1;
-        if (command == Record && *size >= RecordFlagsOffset + 4) {
-            std::uint32_t flags = 0;
-            std::memcpy(&flags, static_cast<std::uint8_t*>(value) + RecordFlagsOffset, sizeof flags);
-            flags |= 8u;
-            std::memcpy(static_cast<std::uint8_t*>(value) + RecordFlagsOffset, &flags, sizeof flags);
+        namespace R = QEL::Base::BufferRecord;
+        if (command == Record && *size >= R::Size) {
+            auto* record = static_cast<std::uint8_t*>(value);
+            R::Write(record, R::Flags, R::Read(record, R::Flags) | R::FlagIncomplete);
         }
         return rc;
     }
