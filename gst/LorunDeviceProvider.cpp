@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 #include <vector>
+#include <pthread.h>
 
 GST_DEBUG_CATEGORY_STATIC(lorun_device_provider_debug);
 #define GST_CAT_DEFAULT lorun_device_provider_debug
@@ -168,6 +169,7 @@ void Refresh(GstDeviceProvider* provider, Monitor& monitor)
 
 void WatchInterfaces(GstDeviceProvider* provider, Monitor* monitor)
 {
+    ::pthread_setname_np(::pthread_self(), "lorun-monitor");
     LorunClient::GenTLProducer& producer = monitor->session->Producer();
     std::vector<unsigned char> data(4096);
     while (!monitor->stopping) {

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <pthread.h>
 
 namespace QEL { namespace LibCSIImpl {
 
@@ -40,8 +41,10 @@ const bool sinkInstalled = (SetReportSink(&ReportFromLog), true);
 // callback without the lock, and end when the state asks for it.
 template <class Message, class Deliver>
 void MessageLoop(const std::shared_ptr<Library>& library, std::mutex& mutex, std::condition_variable& condition,
-                 std::deque<std::shared_ptr<Message>>& queue, ThreadState& state, const char* name, Deliver deliver)
+                 std::deque<std::shared_ptr<Message>>& queue, ThreadState& state, const char* name,
+                 const char* threadName, Deliver deliver)
 {
+    ::pthread_setname_np(::pthread_self(), threadName);
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
         if (state != ThreadState::Running) {
@@ -214,7 +217,8 @@ int32_t libcsi_init(void)
         library->discoveryMessageThread = std::thread([library] {
             MessageLoop(library, library->discoveryMessageMutex, library->discoveryMessageCondition,
                         library->discoveryMessages, library->discoveryMessageThreadState,
-                        "discovery_message_callback_thread_proc", [&](const DiscoveryMessage& message) {
+                        "discovery_message_callback_thread_proc", "csi-discovered",
+                        [&](const DiscoveryMessage& message) {
                             libcsi_discovery_callback_t callback;
                             void* context;
                             {
@@ -235,7 +239,7 @@ int32_t libcsi_init(void)
         library->reportThreadState = ThreadState::Running;
         library->reportThread = std::thread([library] {
             MessageLoop(library, library->reportMutex, library->reportCondition, library->reportMessages,
-                        library->reportThreadState, "report_message_callback_thread_proc",
+                        library->reportThreadState, "report_message_callback_thread_proc", "csi-reports",
                         [&](const std::string& text) {
                             libcsi_report_callback_t callback;
                             void* context;

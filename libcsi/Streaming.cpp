@@ -246,6 +246,7 @@ void StopCallbackThread(Device& device)
 
 void FrameCallbackThread(Device& device)
 {
+    ::pthread_setname_np(::pthread_self(), "csi-callback");
     std::unique_lock<std::mutex> lock(device.outputMutex);
     // Frames still in the output queue are delivered before a stop takes effect.
     for (;;) {
@@ -528,6 +529,7 @@ void ProcessFrame(Device& device, const v4l2_buffer& buffer, DequeueProgress& pr
 // stop event it drains what the driver still holds and ends.
 void FrameDequeueThread(Device& device)
 {
+    ::pthread_setname_np(::pthread_self(), "csi-dequeue");
     LIBCSI_LOG(TierTrace, " FDTP: %ld processors, 1 dequeue thread\n", ::sysconf(_SC_NPROCESSORS_ONLN));
     std::unique_lock<std::mutex> lock(device.dequeueMutex);
     DequeueProgress progress;

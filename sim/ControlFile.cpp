@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <string>
+#include <pthread.h>
 
 namespace QEL { namespace Sim {
 
@@ -28,6 +29,7 @@ ControlFile::~ControlFile()
 
 void ControlFile::Run()
 {
+    ::pthread_setname_np(::pthread_self(), "vcam-control");
     std::unique_lock<std::mutex> lock(mutex);
     while (!wake.wait_for(lock, interval, [this] { return stopping; })) {
         lock.unlock();

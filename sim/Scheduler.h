@@ -6,6 +6,7 @@
 #include <map>
 #include <mutex>
 #include <thread>
+#include <pthread.h>
 
 namespace QEL { namespace Sim {
 
@@ -38,6 +39,7 @@ public:
 private:
     void Run()
     {
+        ::pthread_setname_np(::pthread_self(), "vcam-scheduler");
         std::unique_lock<std::mutex> lock(mutex);
         while (!stopping) {
             if (actions.empty()) {

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <pthread.h>
 
 namespace QEL { namespace Sim {
 
@@ -340,7 +341,8 @@ int VirtualSystem::BufferIoctl(Camera& camera, unsigned long request, void* argu
             return Fail(EINVAL);
         it->second.queued = true;
         camera.incoming.push_back(buf.index);
-        camera.framesChanged.notify_all();
+        if (camera.awaitingBuffer)
+            camera.framesChanged.notify_all();
         return 0;
     }
     case VIDIOC_DQBUF: {
@@ -404,6 +406,7 @@ void VirtualSystem::StopStreaming(Camera& camera, std::unique_lock<std::mutex>& 
 
 void VirtualSystem::FrameLoop(Camera& camera)
 {
+    ::pthread_setname_np(::pthread_self(), "vcam-frames");
     auto next = std::chrono::steady_clock::now();
     std::unique_lock<std::mutex> lock(mutex);
     while (!camera.stopFrames) {
@@ -420,7 +423,9 @@ void VirtualSystem::FrameLoop(Camera& camera)
                 break;
             next += std::chrono::microseconds(static_cast<std::int64_t>(1e6 / rate));
         } else if (camera.incoming.empty()) {
+            camera.awaitingBuffer = true;
             camera.framesChanged.wait_for(lock, std::chrono::milliseconds(2));
+            camera.awaitingBuffer = false;
             continue;
         }
         std::uint64_t gap = 0;

@@ -60,6 +60,9 @@ struct VirtualSystem::Camera {
     std::deque<Done> done;                   // filled, waiting for VIDIOC_DQBUF
     bool streaming = false;
     bool stopFrames = false;
+    // A free-running camera waits for a queued buffer: only then does VIDIOC_QBUF
+    // wake the frame thread, which a paced camera would otherwise wake on every buffer.
+    bool awaitingBuffer = false;
     std::condition_variable framesChanged;
     std::thread frameThread;
     std::uint64_t blockID = 0;

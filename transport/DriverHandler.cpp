@@ -14,6 +14,7 @@
 
 #include <chrono>
 #include <locale>
+#include <pthread.h>
 
 namespace QEL { namespace CSI {
 
@@ -248,6 +249,7 @@ DriverHandler::~DriverHandler()
 
 void DriverHandler::EnumerationThread()
 {
+    ::pthread_setname_np(::pthread_self(), "tl-enumeration");
     ThreadState& sync = *threadState;
     auto next = Clock::now();
     System::MutexGuard guard(&sync.mutex);

@@ -10,6 +10,7 @@
 
 #include <cstring>
 #include <new>
+#include <pthread.h>
 
 namespace QEL { namespace LibCSI {
 
@@ -102,6 +103,7 @@ std::uint32_t Endpoint::GetMaxPacketSize() const { return wrapper->GetMaximumPac
 
 void Endpoint::Run()
 {
+    ::pthread_setname_np(::pthread_self(), "tl-endpoint");
     MutexGuard guard(&mutex);
     while (state == State::Running) {
         if (transfers.empty()) {

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <pthread.h>
 
 namespace QEL { namespace TransportLayer {
 
@@ -236,6 +237,7 @@ void EventChannel::Restart()
 
 void EventChannel::Run()
 {
+    ::pthread_setname_np(::pthread_self(), "tl-csi-events");
     System::SharedMutexGuard guard(GetMutex());
     for (;;) {
         if (state == Stopped || state == Stopping) {

@@ -19,6 +19,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -231,6 +233,37 @@ TEST_F(Stream, AnnouncedFramesAreCopiedAndEveryPixelIsRight)
     EXPECT_EQ(LIBCSI_FRAME_QUEUED, libcsi_queue_frame(device, buffers[0].handle, &Stream::OnFrame, this))
         << "nor can a frame in the driver";
     VerifyStream(300);
+}
+
+// The names `top -H` and a debugger show; a stopped stream leaves no frame thread behind.
+TEST_F(Stream, FrameThreadsAreNamedAndEndWithTheStream)
+{
+    auto threadsNamed = [](const std::string& name) {
+        int count = 0;
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            std::ifstream comm(task.path() / "comm");
+            std::string line;
+            if (std::getline(comm, line) && line == name)
+                ++count;
+        }
+        return count;
+    };
+    Open();
+    EXPECT_EQ(1, threadsNamed("csi-discovery"));
+    EXPECT_EQ(1, threadsNamed("csi-callback")) << "one per open device";
+    ASSERT_EQ(LIBCSI_OK, Announce(4));
+    QueueAll();
+    ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
+    StartCamera();
+    ASSERT_TRUE(AwaitFrames(10, 30));
+    EXPECT_EQ(1, threadsNamed("csi-dequeue"));
+    EXPECT_EQ(1, threadsNamed("vcam-frames"));
+    requeue = false;
+    ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
+    EXPECT_EQ(0, threadsNamed("csi-dequeue"));
+    EXPECT_EQ(0, threadsNamed("vcam-frames"));
+    EXPECT_EQ(LIBCSI_OK, libcsi_flush_frames(device));
+    RevokeAll();
 }
 
 TEST_F(Stream, AllocatedMappedFramesNeedNoCopy)
