@@ -169,7 +169,6 @@ void Refresh(GstDeviceProvider* provider, Monitor& monitor)
 
 void WatchInterfaces(GstDeviceProvider* provider, Monitor* monitor)
 {
-    ::pthread_setname_np(::pthread_self(), "lorun-monitor");
     LorunClient::GenTLProducer& producer = monitor->session->Producer();
     std::vector<unsigned char> data(4096);
     while (!monitor->stopping) {
@@ -182,7 +181,6 @@ void WatchInterfaces(GstDeviceProvider* provider, Monitor* monitor)
             Refresh(provider, *monitor);
     }
 }
-
 }
 
 static gboolean lorun_device_provider_start(GstDeviceProvider* provider)
@@ -210,6 +208,7 @@ static gboolean lorun_device_provider_start(GstDeviceProvider* provider)
     }
     Refresh(provider, *monitor);
     monitor->thread = std::thread(WatchInterfaces, provider, monitor.get());
+    ::pthread_setname_np(monitor->thread.native_handle(), "lorun-monitor");
     self->monitor = monitor.release();
     return TRUE;
 }

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <pthread.h>
 #include <cerrno>
 #include <cstring>
 
@@ -320,6 +321,7 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
             device.callbackThreadState = ThreadState::Running;
         }
         device.callbackThread = std::thread([&device] { FrameCallbackThread(device); });
+        ::pthread_setname_np(device.callbackThread.native_handle(), "csi-callback");
         SetState(device, DeviceState::Open);
         for (const auto& listed : library->devices)
             if (listed.get() == &device)

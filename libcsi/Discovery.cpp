@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <pthread.h>
 
 namespace QEL { namespace LibCSIImpl {
 
@@ -142,7 +141,6 @@ bool ReadSysfs(std::uint8_t bus, std::uint8_t address, const char* name, std::st
 
 void DiscoveryThread(std::shared_ptr<Library> library)
 {
-    ::pthread_setname_np(::pthread_self(), "csi-discovery");
     Os::Backend& os = Os::Current();
     std::map<int, std::string> availability;
     std::map<int, char> lastSeen;

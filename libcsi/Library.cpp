@@ -41,10 +41,8 @@ const bool sinkInstalled = (SetReportSink(&ReportFromLog), true);
 // callback without the lock, and end when the state asks for it.
 template <class Message, class Deliver>
 void MessageLoop(const std::shared_ptr<Library>& library, std::mutex& mutex, std::condition_variable& condition,
-                 std::deque<std::shared_ptr<Message>>& queue, ThreadState& state, const char* name,
-                 const char* threadName, Deliver deliver)
+                 std::deque<std::shared_ptr<Message>>& queue, ThreadState& state, const char* name, Deliver deliver)
 {
-    ::pthread_setname_np(::pthread_self(), threadName);
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
         if (state != ThreadState::Running) {
@@ -217,8 +215,7 @@ int32_t libcsi_init(void)
         library->discoveryMessageThread = std::thread([library] {
             MessageLoop(library, library->discoveryMessageMutex, library->discoveryMessageCondition,
                         library->discoveryMessages, library->discoveryMessageThreadState,
-                        "discovery_message_callback_thread_proc", "csi-discovered",
-                        [&](const DiscoveryMessage& message) {
+                        "discovery_message_callback_thread_proc", [&](const DiscoveryMessage& message) {
                             libcsi_discovery_callback_t callback;
                             void* context;
                             {
@@ -236,10 +233,11 @@ int32_t libcsi_init(void)
                             }
                         });
         });
+        ::pthread_setname_np(library->discoveryMessageThread.native_handle(), "csi-discovered");
         library->reportThreadState = ThreadState::Running;
         library->reportThread = std::thread([library] {
             MessageLoop(library, library->reportMutex, library->reportCondition, library->reportMessages,
-                        library->reportThreadState, "report_message_callback_thread_proc", "csi-reports",
+                        library->reportThreadState, "report_message_callback_thread_proc",
                         [&](const std::string& text) {
                             libcsi_report_callback_t callback;
                             void* context;
@@ -256,8 +254,10 @@ int32_t libcsi_init(void)
                             }
                         });
         });
+        ::pthread_setname_np(library->reportThread.native_handle(), "csi-reports");
         library->discoveryThreadState = ThreadState::Running;
         library->discoveryThread = std::thread([library] { DiscoveryThread(library); });
+        ::pthread_setname_np(library->discoveryThread.native_handle(), "csi-discovery");
         const Config& config = TheConfig();
         if (config.dumpFrameTiming)
             if ((library->timingFile = OpenFileForWriting(config.PathOf("libcsi_timing.csv"), false))) {

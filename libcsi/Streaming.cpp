@@ -246,7 +246,6 @@ void StopCallbackThread(Device& device)
 
 void FrameCallbackThread(Device& device)
 {
-    ::pthread_setname_np(::pthread_self(), "csi-callback");
     std::unique_lock<std::mutex> lock(device.outputMutex);
     // Frames still in the output queue are delivered before a stop takes effect.
     for (;;) {
@@ -529,7 +528,6 @@ void ProcessFrame(Device& device, const v4l2_buffer& buffer, DequeueProgress& pr
 // stop event it drains what the driver still holds and ends.
 void FrameDequeueThread(Device& device)
 {
-    ::pthread_setname_np(::pthread_self(), "csi-dequeue");
     LIBCSI_LOG(TierTrace, " FDTP: %ld processors, 1 dequeue thread\n", ::sysconf(_SC_NPROCESSORS_ONLN));
     std::unique_lock<std::mutex> lock(device.dequeueMutex);
     DequeueProgress progress;
@@ -646,6 +644,7 @@ int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentif
             device.dequeueThreadState = ThreadState::Running;
         }
         device.dequeueThread = std::thread([&device] { FrameDequeueThread(device); });
+        ::pthread_setname_np(device.dequeueThread.native_handle(), "csi-dequeue");
         const Config& config = TheConfig();
         if (config.enableFdtpPrioIncrease && config.numFrameCopyThreads == 1)
             SetThreadPriority(device.dequeueThread);

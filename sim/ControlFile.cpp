@@ -15,6 +15,7 @@ ControlFile::ControlFile(std::string file, Apply action, std::chrono::millisecon
 {
     Poll(); // notes where the file ends now
     worker = std::thread([this] { Run(); });
+    ::pthread_setname_np(worker.native_handle(), "vcam-control");
 }
 
 ControlFile::~ControlFile()
@@ -29,7 +30,6 @@ ControlFile::~ControlFile()
 
 void ControlFile::Run()
 {
-    ::pthread_setname_np(::pthread_self(), "vcam-control");
     std::unique_lock<std::mutex> lock(mutex);
     while (!wake.wait_for(lock, interval, [this] { return stopping; })) {
         lock.unlock();

@@ -16,7 +16,7 @@ class Scheduler {
 public:
     using Clock = std::chrono::steady_clock;
 
-    Scheduler() : worker([this] { Run(); }) {}
+    Scheduler() : worker([this] { Run(); }) { ::pthread_setname_np(worker.native_handle(), "vcam-scheduler"); }
     ~Scheduler()
     {
         {
@@ -39,7 +39,6 @@ public:
 private:
     void Run()
     {
-        ::pthread_setname_np(::pthread_self(), "vcam-scheduler");
         std::unique_lock<std::mutex> lock(mutex);
         while (!stopping) {
             if (actions.empty()) {

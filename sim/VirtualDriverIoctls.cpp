@@ -382,6 +382,7 @@ void VirtualSystem::StartStreaming(Camera& camera)
     camera.sequence = 0;
     SetAttribute(camera.streamoff, "0\n");
     camera.frameThread = std::thread([this, &camera] { FrameLoop(camera); });
+    ::pthread_setname_np(camera.frameThread.native_handle(), "vcam-frames");
 }
 
 void VirtualSystem::StopStreaming(Camera& camera, std::unique_lock<std::mutex>& lock)
@@ -406,7 +407,6 @@ void VirtualSystem::StopStreaming(Camera& camera, std::unique_lock<std::mutex>& 
 
 void VirtualSystem::FrameLoop(Camera& camera)
 {
-    ::pthread_setname_np(::pthread_self(), "vcam-frames");
     auto next = std::chrono::steady_clock::now();
     std::unique_lock<std::mutex> lock(mutex);
     while (!camera.stopFrames) {

@@ -227,6 +227,7 @@ DriverHandler::DriverHandler(const Options& options) : options(options)
         threadState->state = 1;
     }
     enumerationThread = std::thread([this] { EnumerationThread(); });
+    ::pthread_setname_np(enumerationThread.native_handle(), "tl-enumeration");
 }
 
 DriverHandler::~DriverHandler()
@@ -249,7 +250,6 @@ DriverHandler::~DriverHandler()
 
 void DriverHandler::EnumerationThread()
 {
-    ::pthread_setname_np(::pthread_self(), "tl-enumeration");
     ThreadState& sync = *threadState;
     auto next = Clock::now();
     System::MutexGuard guard(&sync.mutex);

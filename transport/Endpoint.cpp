@@ -62,6 +62,7 @@ void Endpoint::Start()
         state = State::Running;
     }
     thread = std::thread([this] { Run(); });
+    ::pthread_setname_np(thread.native_handle(), "tl-endpoint");
 }
 
 Endpoint::~Endpoint()
@@ -103,7 +104,6 @@ std::uint32_t Endpoint::GetMaxPacketSize() const { return wrapper->GetMaximumPac
 
 void Endpoint::Run()
 {
-    ::pthread_setname_np(::pthread_self(), "tl-endpoint");
     MutexGuard guard(&mutex);
     while (state == State::Running) {
         if (transfers.empty()) {

@@ -105,6 +105,7 @@ EventChannel::EventChannel(const std::shared_ptr<ControlChannel>& controlChannel
     System::SharedMutexGuard guard(GetMutex());
     Enter(Running);
     thread = std::thread([this] { Run(); });
+    ::pthread_setname_np(thread.native_handle(), "tl-csi-events");
     threadRunning = true;
     Restart();
 }
@@ -237,7 +238,6 @@ void EventChannel::Restart()
 
 void EventChannel::Run()
 {
-    ::pthread_setname_np(::pthread_self(), "tl-csi-events");
     System::SharedMutexGuard guard(GetMutex());
     for (;;) {
         if (state == Stopped || state == Stopping) {
