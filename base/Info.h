@@ -23,6 +23,11 @@ protected:
     virtual void CopyTo(void* buffer) const = 0;
 };
 
+// A fixed-size info of 1, 2, 4 or 8 bytes as an unsigned number (signed values
+// zero-extended, a double as its bits), right on any byte order; anything else
+// throws GC_ERR_ERROR "Unexpected info type retrieved.".
+std::uint64_t NumericValue(const Info& info);
+
 class FixedInfo : public virtual Info {};
 class VariableInfo : public virtual Info {};
 

@@ -41,17 +41,6 @@ void CheckSupportedInfos(const SupportedBufferInfos& supported)
         throw Exception("Infos that are only for internal use have been passed.", GC_ERR_INVALID_PARAMETER);
 }
 
-// A fixed-size value of a stream channel's info as a number, whatever its width.
-std::uint64_t NumericValue(const Info& info)
-{
-    std::uint64_t value = 0;
-    std::size_t size = info.GetSize();
-    if (size > sizeof(value))
-        throw Exception("Could not retrieve info.", GC_ERR_ERROR);
-    info.Read(&value, &size);
-    return value;
-}
-
 [[noreturn]] void NotInDeliveredPool()
 {
     throw Exception("Buffer is not in the delivered pool.", GC_ERR_BUSY);

@@ -53,12 +53,9 @@ using StringInfoRegister = Base::VariableInfoRegister<const Base::StringInfo>;
 // place, since a register read should not build a second info.
 std::uint64_t AsUInt64(const Base::InfoPtr& info)
 {
-    std::uint64_t value = 0;
-    std::size_t size = info ? info->GetSize() : 0;
-    if (!info || size > sizeof value)
+    if (!info)
         throw Exception("Unexpected info type retrieved.", GC_ERR_ERROR);
-    info->Read(&value, &size);
-    return value;
+    return Base::NumericValue(*info);
 }
 
 }

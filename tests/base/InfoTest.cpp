@@ -84,6 +84,23 @@ TEST(Info, FixedValuesAreCopiedExactly)
     EXPECT_EQ(2.25, d);
 }
 
+// A stream's values come as infos of their own width; the one-call record and
+// the 8-byte registers take them as numbers.
+TEST(Info, NumericValueTakesEveryFixedWidthAndNothingElse)
+{
+    EXPECT_EQ(0xABCDu, NumericValue(UInt16Info(0xABCD)));
+    EXPECT_EQ(0xFFFFFFFBu, NumericValue(Int32Info(-5))) << "zero-extended, not sign-extended";
+    EXPECT_EQ(1u, NumericValue(Bool8Info(1)));
+    EXPECT_EQ(0x0123456789ABCDEFull, NumericValue(UInt64Info(0x0123456789ABCDEFull)));
+    double bits = 0;
+    const std::uint64_t value = NumericValue(Float64Info(2.25));
+    std::memcpy(&bits, &value, sizeof bits);
+    EXPECT_EQ(2.25, bits);
+    const Result notANumber = Err(GC_ERR_ERROR, "Unexpected info type retrieved.");
+    EXPECT_EQ(notANumber, Failure([] { NumericValue(StringInfo("abc")); })) << "four bytes, but text";
+    EXPECT_EQ(notANumber, Failure([] { NumericValue(StringInfo("abcdefghij")); }));
+}
+
 TEST(Info, Strings)
 {
     EXPECT_EQ(1u, StringInfo("").GetSize());
