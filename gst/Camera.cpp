@@ -3,6 +3,7 @@
 #include "base/BufferRecord.h"
 #include "client/InfoOf.h"
 #include "client/Settings.h"
+#include "base/ProducerIdentity.h"
 
 #include <algorithm>
 #include <cstring>
@@ -18,8 +19,6 @@ using LorunClient::Session;
 
 namespace {
 
-// The model this producer reports: its buffer info 1001 is the record ReadRecord reads.
-constexpr const char* RecordProducerModel = "Lorun CSI-2 GenTL";
 // What a frame needs of the record (the flags are always there).
 constexpr QEL::Base::BufferRecord::Field NeededFields[] = {
     QEL::Base::BufferRecord::Filled,   QEL::Base::BufferRecord::Width,       QEL::Base::BufferRecord::Height,
@@ -115,7 +114,7 @@ Camera::Camera(std::shared_ptr<LorunClient::Session> owner, const LorunClient::S
                                      &size) == GC_ERR_SUCCESS &&
             size == sizeof frequency)
             ticksPerSecond = frequency;
-        useRecord = producer.InfoText(TL_INFO_MODEL) == RecordProducerModel;
+        useRecord = producer.InfoText(TL_INFO_MODEL) == QEL::Base::ProducerModel; // its buffer info 1001 is the record
     } catch (...) {
         features.reset();
         if (newBuffer)

@@ -9,6 +9,7 @@
 #include "support/Allocation.h"
 #include "support/MutexGuard.h"
 #include "transport/StreamChannel.h"
+#include "base/ProducerIdentity.h"
 
 #include <boost/format.hpp>
 
@@ -625,7 +626,8 @@ Base::InfoPtr DataStream::GetPortInfo(PORT_INFO_CMD command) const
     switch (command) {
     case PORT_INFO_ID: return self->GetInfo(STREAM_INFO_ID);
     case PORT_INFO_VENDOR: return std::make_shared<Base::StringInfo>("Tesmar Lumetric Industries");
-    case PORT_INFO_MODEL: return std::make_shared<Base::StringInfo>("Lorun CSI-2 GenTL");
+    case PORT_INFO_MODEL:
+        return std::make_shared<Base::StringInfo>(Base::ProducerModel);
     case PORT_INFO_TLTYPE: return self->GetInfo(STREAM_INFO_TLTYPE);
     case PORT_INFO_MODULE: return std::make_shared<Base::StringInfo>(GetTypeName());
     case PORT_INFO_VERSION: return std::make_shared<Base::StringInfo>(settings->GetVersion().ToString('.'));

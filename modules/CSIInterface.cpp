@@ -9,6 +9,7 @@
 #include "support/Allocation.h"
 #include "modules/StaticInterfaceInfo.h"
 #include "support/MutexGuard.h"
+#include "base/ProducerIdentity.h"
 
 #include <boost/filesystem/path.hpp>
 #include <boost/format.hpp>
@@ -428,7 +429,8 @@ Base::InfoPtr Interface::GetPortInfo(PORT_INFO_CMD command) const
     switch (command) {
     case PORT_INFO_ID: return GetStaticInterfaceInfo(INTERFACE_INFO_ID);
     case PORT_INFO_VENDOR: return Text("Tesmar Lumetric Industries");
-    case PORT_INFO_MODEL: return Text("Lorun CSI-2 GenTL");
+    case PORT_INFO_MODEL:
+        return Text(Base::ProducerModel);
     case PORT_INFO_TLTYPE: return GetStaticInterfaceInfo(INTERFACE_INFO_TLTYPE);
     case PORT_INFO_MODULE: return Text(GetTypeName());
     case PORT_INFO_VERSION: return Text(settings->GetVersion().ToString('.'));

@@ -4,6 +4,7 @@
 #include "modules/CSISystem.h"
 #include "support/MutexGuard.h"
 #include "support/Allocation.h"
+#include "base/ProducerIdentity.h"
 
 #include <boost/filesystem/path.hpp>
 
@@ -84,7 +85,7 @@ Base::InfoPtr Library::GetSystemInfo(const std::shared_ptr<const Settings>& sett
         case TL_INFO_VENDOR:
             return std::make_shared<StringInfo>("Tesmar Lumetric Industries");
         case TL_INFO_MODEL:
-            return std::make_shared<StringInfo>("Lorun CSI-2 GenTL");
+            return std::make_shared<StringInfo>(Base::ProducerModel);
         case TL_INFO_VERSION:
             return std::make_shared<StringInfo>(settings->GetVersion().ToString('.'));
         case TL_INFO_TLTYPE:
@@ -94,7 +95,7 @@ Base::InfoPtr Library::GetSystemInfo(const std::shared_ptr<const Settings>& sett
         case TL_INFO_PATHNAME:
             return std::make_shared<StringInfo>(settings->GetPath());
         case TL_INFO_DISPLAYNAME:
-            return std::make_shared<StringInfo>("Lorun CSI-2 GenTL Producer");
+            return std::make_shared<StringInfo>(Base::ProducerDisplayName);
         case TL_INFO_CHAR_ENCODING:
             return std::make_shared<Int32Info>(TL_CHAR_ENCODING_UTF8);
         case TL_INFO_GENTL_VER_MAJOR:
