@@ -278,16 +278,7 @@ WaitResult Camera::Wait(Frame& frame, std::uint64_t milliseconds)
                           "EventGetData " + id + ": error " + std::to_string(rc) + ", " + producer.LastError());
     frame = Frame{};
     frame.handle = data.BufferHandle;
-    {
-        const std::lock_guard<std::mutex> lock(streamMutex);
-        const auto announced = memory.find(frame.handle);
-        if (announced == memory.end() || !announced->second.base)
-            throw CameraError(CameraErrorKind::Failed, GC_ERR_ERROR,
-                              "The stream of " + id + " delivered a buffer that was not announced.");
-        frame.base = announced->second.base;
-        frame.size = announced->second.size;
-        frame.memory = announced->second.block;
-    }
+    // The producer's answers first, unlocked; then the element's own books under one lock.
     if (!useRecord || !ReadRecord(frame)) {
         BufferInfo(producer, stream, frame.handle, BUFFER_INFO_SIZE_FILLED, frame.filled);
         const Layout layout = LayoutOf(frame.handle);
@@ -302,6 +293,13 @@ WaitResult Camera::Wait(Frame& frame, std::uint64_t milliseconds)
         frame.timestampNs = TimestampNs(frame.handle);
     }
     const std::lock_guard<std::mutex> lock(streamMutex);
+    const auto announced = memory.find(frame.handle);
+    if (announced == memory.end() || !announced->second.base)
+        throw CameraError(CameraErrorKind::Failed, GC_ERR_ERROR,
+                          "The stream of " + id + " delivered a buffer that was not announced.");
+    frame.base = announced->second.base;
+    frame.size = announced->second.size;
+    frame.memory = announced->second.block;
     frame.generation = generation;
     out[frame.handle] = generation;
     return WaitResult::Frame;
