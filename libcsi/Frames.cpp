@@ -18,6 +18,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 namespace QEL { namespace LibCSIImpl {
 
@@ -123,6 +124,16 @@ int32_t CheckTransfer(const char* function, const lib_frame_transfer& t, bool al
 {
     if (t.m_nPayloadSize == 0 || (!allocate && t.m_pPayload == 0)) {
         LIBCSI_LOG(TierError, " %s ERROR: Invalid parameter for payload.\n", function);
+        return LIBCSI_INVALID_PARAMETER;
+    }
+    // The driver's image size is 32 bits, and so is size_t on the 32-bit boards:
+    // a larger frame would be allocated, mapped and described cut short.
+    constexpr std::uint64_t largest = std::numeric_limits<std::uint32_t>::max();
+    if (t.m_nLeaderSize > largest || t.m_nPayloadSize > largest || t.m_nTrailerSize > largest ||
+        t.m_nLeaderSize + t.m_nPayloadSize + t.m_nTrailerSize > largest) {
+        LIBCSI_LOG(TierError, " %s ERROR: Frame of %" PRIu64 "+%" PRIu64 "+%" PRIu64 " bytes is larger than 4 GiB.\n",
+                   function, static_cast<std::uint64_t>(t.m_nLeaderSize), static_cast<std::uint64_t>(t.m_nPayloadSize),
+                   static_cast<std::uint64_t>(t.m_nTrailerSize));
         return LIBCSI_INVALID_PARAMETER;
     }
     if (allocate)

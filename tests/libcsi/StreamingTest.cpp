@@ -26,6 +26,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 
 using namespace QEL;
 
@@ -315,6 +316,42 @@ TEST_F(Stream, ARefusedAnnounceGivesItsBufferIndexBack)
     ASSERT_EQ(LIBCSI_OK, Announce(1));
     QueueAll();
     StreamAndVerify(300);
+}
+
+// Beyond the driver's 32-bit image size a frame would be allocated, mapped and
+// described cut short (and on a 32-bit board its size_t would wrap).
+TEST_F(Stream, FramesLargerThanTheDriversImageSizeAreRefused)
+{
+    LibCSIImpl::TheConfig().enableUserptr = true;
+    Open();
+    constexpr std::uint64_t Gib = 1ull << 30;
+    std::vector<std::uint8_t> memory(256);
+    for (const bool allocate : {false, true}) {
+        for (const auto& [leader, payload, trailer] :
+             {std::tuple<std::uint64_t, std::uint64_t, std::uint64_t>{0, 4 * Gib, 0},
+              {3 * Gib, Gib, 0},
+              {0, Gib, ~0ull},
+              {~0ull, ~0ull, 2}}) {
+            SCOPED_TRACE(std::to_string(leader) + "+" + std::to_string(payload) + "+" + std::to_string(trailer));
+            lib_frame_transfer t{};
+            t.m_nLeaderSize = leader;
+            t.m_nPayloadSize = payload;
+            t.m_nTrailerSize = trailer;
+            if (!allocate) {
+                t.m_pLeader = leader ? reinterpret_cast<std::uintptr_t>(memory.data()) : 0;
+                t.m_pPayload = reinterpret_cast<std::uintptr_t>(memory.data());
+                t.m_pTrailer = trailer ? reinterpret_cast<std::uintptr_t>(memory.data()) : 0;
+            }
+            frame_handle_t* handle = nullptr;
+            EXPECT_EQ(LIBCSI_INVALID_PARAMETER,
+                      allocate ? libcsi_alloc_and_announce_frame(device, geometry.ipuX, geometry.ipuY, &t, &handle)
+                               : libcsi_announce_frame(device, geometry.ipuX, geometry.ipuY, &t, &handle));
+            EXPECT_EQ(nullptr, handle);
+        }
+    }
+    ASSERT_EQ(LIBCSI_OK, Announce(3)) << "no index was taken";
+    QueueAll();
+    StreamAndVerify(100);
 }
 
 TEST_F(Stream, InternalUserPointerFrames)
