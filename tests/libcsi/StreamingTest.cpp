@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
@@ -352,6 +354,43 @@ TEST_F(Stream, FramesLargerThanTheDriversImageSizeAreRefused)
     ASSERT_EQ(LIBCSI_OK, Announce(3)) << "no index was taken";
     QueueAll();
     StreamAndVerify(100);
+}
+
+// The memory of an allocated user-pointer frame cannot be had: the driver's
+// buffer taken for it just before is given back, or the next frame, which
+// gets the same index, would be refused by the driver.
+TEST_F(Stream, AnAllocationThatFailsGivesTheDriversBufferBack)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(LORUN_EMULATED)
+    GTEST_SKIP() << "the sanitizers end the process on a failed allocation, and the emulator keeps no address limit";
+#else
+    LibCSIImpl::TheConfig().enableUserptr = true;
+    Open();
+    lib_frame_transfer t = Sizes();
+    t.m_nPayloadSize = 3ull << 30; // within the driver's image size, beyond the address space left below
+    frame_handle_t* handle = nullptr;
+    rlimit saved{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_AS, &saved));
+    std::uint64_t usedKb = 0;
+    {
+        std::ifstream status("/proc/self/status");
+        for (std::string line; std::getline(status, line);)
+            if (line.rfind("VmSize:", 0) == 0)
+                usedKb = std::stoull(line.substr(7));
+    }
+    ASSERT_GT(usedKb, 0u);
+    rlimit tight = saved;
+    tight.rlim_cur = static_cast<rlim_t>(usedKb * 1024 + (512ull << 20));
+    ASSERT_EQ(0, setrlimit(RLIMIT_AS, &tight));
+    const std::int32_t result = libcsi_alloc_and_announce_frame(device, geometry.ipuX, geometry.ipuY, &t, &handle);
+    ASSERT_EQ(0, setrlimit(RLIMIT_AS, &saved));
+    EXPECT_EQ(LIBCSI_ERROR, result);
+    EXPECT_EQ(nullptr, handle);
+    // The failed frame's sizes were not those of the camera, so this device will
+    // not stream any more; that the driver takes index 0 again is the point.
+    EXPECT_EQ(LIBCSI_OK, Announce(3, true)) << "buffer index 0 is free in the driver again";
+    RevokeAll();
+#endif
 }
 
 TEST_F(Stream, InternalUserPointerFrames)
