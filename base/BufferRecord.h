@@ -28,41 +28,35 @@ constexpr Field BasePointer{8, 8, 0}, BufferSize{16, 8, 1}, UserPointer{24, 8, 2
     Info1000{120, 8, 19}, PayloadType{128, 8, 20}, PixelFormat{136, 8, 21}, PixelFormatNamespace{144, 8, 22},
     DeliveredImageHeight{152, 8, 23}, DeliveredChunkPayloadSize{160, 8, 24}, ChunkLayoutId{168, 8, 25};
 
-// Bits of Flags; flag bit n is valid when validity bit 5 + n is set.
+// Bits of Flags; flag bit n is valid when validity bit Flags.bit + n is set.
 constexpr std::uint32_t FlagNewData = 1, FlagQueued = 2, FlagAcquiring = 4, FlagIncomplete = 8, FlagImagePresent = 16;
-constexpr unsigned FlagValidBit(std::uint32_t flag)
-{
-    unsigned n = 0;
-    while ((flag >> n) > 1)
-        ++n;
-    return Flags.bit + n;
-}
 
 inline std::uint64_t Read(const std::uint8_t* record, Field field)
 {
-    if (field.width == 4) {
-        std::uint32_t value = 0;
-        std::memcpy(&value, record + field.offset, sizeof value);
-        return value;
-    }
-    std::uint64_t value = 0;
-    std::memcpy(&value, record + field.offset, sizeof value);
-    return value;
+    std::uint32_t narrow = 0;
+    std::uint64_t wide = 0;
+    std::memcpy(field.width == 4 ? static_cast<void*>(&narrow) : &wide, record + field.offset, field.width);
+    return field.width == 4 ? narrow : wide;
 }
 
 inline void Write(std::uint8_t* record, Field field, std::uint64_t value)
 {
-    if (field.width == 4) {
-        const auto narrow = static_cast<std::uint32_t>(value);
-        std::memcpy(record + field.offset, &narrow, sizeof narrow);
-        return;
-    }
-    std::memcpy(record + field.offset, &value, sizeof value);
+    const auto narrow = static_cast<std::uint32_t>(value);
+    std::memcpy(record + field.offset, field.width == 4 ? static_cast<const void*>(&narrow) : &value, field.width);
 }
 
 inline bool Has(const std::uint8_t* record, Field field)
 {
     return (Read(record, Valid) >> field.bit) & 1u;
+}
+
+// Whether one of the five flags is given (a single bit of Flags).
+inline bool HasFlag(const std::uint8_t* record, std::uint32_t flag)
+{
+    unsigned n = 0;
+    while ((flag >> n) > 1)
+        ++n;
+    return (Read(record, Valid) >> (Flags.bit + n)) & 1u;
 }
 
 }}} // namespace QEL::Base::BufferRecord

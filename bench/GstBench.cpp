@@ -152,8 +152,6 @@ Row Pipeline(int frames, std::size_t camera)
     return row;
 }
 
-}
-
 // Rounds of the loop and the pipeline in turn on one camera: the two rows of the CPU table.
 std::vector<std::vector<std::string>> Compare(std::size_t camera, const std::string& label, int frames, int rounds)
 {
@@ -183,6 +181,8 @@ std::vector<std::vector<std::string>> Compare(std::size_t camera, const std::str
                                      Bench::Format("%.2f", Bench::Median(copies))});
     return table;
 }
+
+} // namespace
 
 int main(int argc, char** argv)
 {

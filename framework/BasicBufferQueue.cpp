@@ -2,8 +2,8 @@
 
 #include "base/BaseException.h"
 #include "base/BufferRecord.h"
-#include "support/MutexGuard.h"
 #include "support/Allocation.h"
+#include "support/MutexGuard.h"
 
 #include <algorithm>
 #include <cstring>
@@ -28,7 +28,7 @@ bool IsInternalInfo(BUFFER_INFO_CMD cmd)
     case BUFFER_INFO_IS_INCOMPLETE:
     case BUFFER_INFO_TLTYPE:
     case BUFFER_INFO_IMAGEPRESENT:
-    case BasicBufferQueue::BundleInfo:
+    case BufferRecord::Command:
         return true;
     default:
         return false;
@@ -198,7 +198,7 @@ InfoPtr BasicBufferQueue::InternalBuffer::GetInfo(BUFFER_INFO_CMD cmd)
             return std::make_shared<StringInfo>(tlType);
         case BUFFER_INFO_IMAGEPRESENT:
             return std::make_shared<Bool8Info>(imagePresent);
-        case BundleInfo: {
+        case BufferRecord::Command: {
             const auto bundle = MakeBundle();
             return std::make_shared<BufferInfo>(bundle.data(), bundle.size());
         }

@@ -1,8 +1,7 @@
 #pragma once
 
-#include "base/BufferRecord.h"
-#include "framework/BasicModule.h"
 #include "framework/BaseRoles.h"
+#include "framework/BasicModule.h"
 #include "framework/EventSource.h"
 #include "support/Allocator.h"
 #include "support/BasicLockable.h"
@@ -40,10 +39,6 @@ public:
 class BasicBufferQueue : public Tools::BasicLockable<EventSource> {
 public:
     enum State : std::uint32_t { Delivered = 0, Queued = 1, Acquiring = 2, Output = 3 };
-
-    // The bundle of BUFFER_INFO 1001: every value of a buffer in one record.
-    static constexpr BUFFER_INFO_CMD BundleInfo = BufferRecord::Command; // base/BufferRecord.h
-    static constexpr std::size_t BundleSize = BufferRecord::Size;
 
     class InternalBuffer : public BasicModule<Tools::BasicLockable<BasicBuffer>> {
     public:

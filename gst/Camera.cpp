@@ -1,12 +1,11 @@
 #include "gst/Camera.h"
 
 #include "base/BufferRecord.h"
+#include "base/ProducerIdentity.h"
 #include "client/InfoOf.h"
 #include "client/Settings.h"
-#include "base/ProducerIdentity.h"
 
 #include <algorithm>
-#include <cstring>
 #include <cstdlib>
 #include <sstream>
 

@@ -1,5 +1,6 @@
 #include "gst/LorunDeviceProvider.h"
 
+#include "base/NamedThread.h"
 #include "client/Session.h"
 #include "gst/Caps.h"
 #include "gst/DefaultProducer.h"
@@ -11,7 +12,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-#include <pthread.h>
 
 GST_DEBUG_CATEGORY_STATIC(lorun_device_provider_debug);
 #define GST_CAT_DEFAULT lorun_device_provider_debug
@@ -207,8 +207,7 @@ static gboolean lorun_device_provider_start(GstDeviceProvider* provider)
         return FALSE;
     }
     Refresh(provider, *monitor);
-    monitor->thread = std::thread(WatchInterfaces, provider, monitor.get());
-    ::pthread_setname_np(monitor->thread.native_handle(), "lorun-monitor");
+    monitor->thread = QEL::Base::StartNamedThread("lorun-monitor", WatchInterfaces, provider, monitor.get());
     self->monitor = monitor.release();
     return TRUE;
 }

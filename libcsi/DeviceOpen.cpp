@@ -4,6 +4,7 @@
 #include "libcsi/Device.h"
 #include "libcsi/Library.h"
 #include "libcsi/Log.h"
+#include "libcsi/NamedThread.h"
 #include "libcsi/OsSeam.h"
 
 #include <linux/videodev2.h>
@@ -13,7 +14,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <pthread.h>
 #include <cerrno>
 #include <cstring>
 
@@ -320,8 +320,7 @@ int32_t libcsi_open_device(uint32_t nDeviceIndex, device_handle_t** ppDeviceHand
             std::lock_guard<std::mutex> output(device.outputMutex);
             device.callbackThreadState = ThreadState::Running;
         }
-        device.callbackThread = std::thread([&device] { FrameCallbackThread(device); });
-        ::pthread_setname_np(device.callbackThread.native_handle(), "csi-callback");
+        device.callbackThread = StartNamedThread("csi-callback", [&device] { FrameCallbackThread(device); });
         SetState(device, DeviceState::Open);
         for (const auto& listed : library->devices)
             if (listed.get() == &device)

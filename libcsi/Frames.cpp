@@ -1,6 +1,6 @@
 // Frames: announcing, allocating, queueing and revoking the buffers frames land in.
-#include "libcsi/Config.h"
 #include "libcsi/Boundary.h"
+#include "libcsi/Config.h"
 #include "libcsi/Device.h"
 #include "libcsi/Library.h"
 #include "libcsi/Log.h"

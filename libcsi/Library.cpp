@@ -5,6 +5,7 @@
 #include "libcsi/Config.h"
 #include "libcsi/Device.h"
 #include "libcsi/Log.h"
+#include "libcsi/NamedThread.h"
 
 #include "Versions.h"
 
@@ -14,7 +15,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <pthread.h>
 
 namespace QEL { namespace LibCSIImpl {
 
@@ -212,7 +212,7 @@ int32_t libcsi_init(void)
         }
         Publish(library);
         library->discoveryMessageThreadState = ThreadState::Running;
-        library->discoveryMessageThread = std::thread([library] {
+        library->discoveryMessageThread = StartNamedThread("csi-discovered", [library] {
             MessageLoop(library, library->discoveryMessageMutex, library->discoveryMessageCondition,
                         library->discoveryMessages, library->discoveryMessageThreadState,
                         "discovery_message_callback_thread_proc", [&](const DiscoveryMessage& message) {
@@ -233,9 +233,8 @@ int32_t libcsi_init(void)
                             }
                         });
         });
-        ::pthread_setname_np(library->discoveryMessageThread.native_handle(), "csi-discovered");
         library->reportThreadState = ThreadState::Running;
-        library->reportThread = std::thread([library] {
+        library->reportThread = StartNamedThread("csi-reports", [library] {
             MessageLoop(library, library->reportMutex, library->reportCondition, library->reportMessages,
                         library->reportThreadState, "report_message_callback_thread_proc",
                         [&](const std::string& text) {
@@ -254,10 +253,8 @@ int32_t libcsi_init(void)
                             }
                         });
         });
-        ::pthread_setname_np(library->reportThread.native_handle(), "csi-reports");
         library->discoveryThreadState = ThreadState::Running;
-        library->discoveryThread = std::thread([library] { DiscoveryThread(library); });
-        ::pthread_setname_np(library->discoveryThread.native_handle(), "csi-discovery");
+        library->discoveryThread = StartNamedThread("csi-discovery", [library] { DiscoveryThread(library); });
         const Config& config = TheConfig();
         if (config.dumpFrameTiming)
             if ((library->timingFile = OpenFileForWriting(config.PathOf("libcsi_timing.csv"), false))) {

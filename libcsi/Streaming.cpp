@@ -2,17 +2,17 @@
 // callback thread (FCTP), flushing, and the stream statistics.
 #include "libcsi/Boundary.h"
 #include "libcsi/Config.h"
-#include "libcsi/SafeFile.h"
 #include "libcsi/Device.h"
 #include "libcsi/Diagnostics.h"
 #include "libcsi/Library.h"
 #include "libcsi/Log.h"
+#include "libcsi/NamedThread.h"
 #include "libcsi/OsSeam.h"
+#include "libcsi/SafeFile.h"
 
 #include <linux/videodev2.h>
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sched.h>
 #include <unistd.h>
 
@@ -643,8 +643,7 @@ int32_t libcsi_start_stream(device_handle_t* pDeviceHandle, uint8_t nDataIdentif
             std::lock_guard<std::mutex> dequeue(device.dequeueMutex);
             device.dequeueThreadState = ThreadState::Running;
         }
-        device.dequeueThread = std::thread([&device] { FrameDequeueThread(device); });
-        ::pthread_setname_np(device.dequeueThread.native_handle(), "csi-dequeue");
+        device.dequeueThread = StartNamedThread("csi-dequeue", [&device] { FrameDequeueThread(device); });
         const Config& config = TheConfig();
         if (config.enableFdtpPrioIncrease && config.numFrameCopyThreads == 1)
             SetThreadPriority(device.dequeueThread);

@@ -1,5 +1,7 @@
 #include "modules/CSIDataStream.h"
 
+#include "base/BufferRecord.h"
+#include "base/ProducerIdentity.h"
 #include "framework/ChunkData.h"
 #include "framework/GenericRegister.h"
 #include "framework/InfoFeed.h"
@@ -9,7 +11,6 @@
 #include "support/Allocation.h"
 #include "support/MutexGuard.h"
 #include "transport/StreamChannel.h"
-#include "base/ProducerIdentity.h"
 
 #include <boost/format.hpp>
 
@@ -560,7 +561,7 @@ void DataStream::GetBufferChunkData(const std::shared_ptr<Base::Buffer>& buffer,
     SharedMutexGuard guard(bufferQueue->GetMutex());
     Base::InfoPtr bundle;
     try {
-        bundle = bufferQueue->GetBufferInfo(buffer, Base::BasicBufferQueue::BundleInfo);
+        bundle = bufferQueue->GetBufferInfo(buffer, Base::BufferRecord::Command);
     } catch (const Exception& e) {
         // A buffer of another stream, or a released one, fails with its own code.
         if (e.GetCode() != GC_ERR_NOT_AVAILABLE)
@@ -578,7 +579,7 @@ void DataStream::GetBufferChunkData(const std::shared_ptr<Base::Buffer>& buffer,
         throw Exception("Buffer payload type not available.", GC_ERR_NOT_AVAILABLE);
     if (R::Read(record, R::PayloadType) != PAYLOAD_TYPE_CHUNK_DATA)
         throw Exception("Buffer contains no chunk data.", GC_ERR_NOT_AVAILABLE);
-    if (!((R::Read(record, R::Valid) >> R::FlagValidBit(R::FlagIncomplete)) & 1u))
+    if (!R::HasFlag(record, R::FlagIncomplete))
         throw Exception("Buffer completeness not available.", GC_ERR_NOT_AVAILABLE);
     if (R::Read(record, R::Flags) & R::FlagIncomplete)
         throw Exception("Buffer is incomplete.", GC_ERR_NOT_AVAILABLE);

@@ -1,15 +1,15 @@
 #include "modules/CSIInterface.h"
 
+#include "base/ProducerIdentity.h"
 #include "framework/GenericRegister.h"
 #include "framework/InfoFeed.h"
 #include "framework/InfoRegisters.h"
 #include "framework/XMLDescription.h"
 #include "modules/CSIDevice.h"
 #include "modules/CSISystem.h"
-#include "support/Allocation.h"
 #include "modules/StaticInterfaceInfo.h"
+#include "support/Allocation.h"
 #include "support/MutexGuard.h"
-#include "base/ProducerIdentity.h"
 
 #include <boost/filesystem/path.hpp>
 #include <boost/format.hpp>

@@ -1,10 +1,10 @@
 #include "modules/CSILibrary.h"
 
 #include "base/BaseException.h"
-#include "modules/CSISystem.h"
-#include "support/MutexGuard.h"
-#include "support/Allocation.h"
 #include "base/ProducerIdentity.h"
+#include "modules/CSISystem.h"
+#include "support/Allocation.h"
+#include "support/MutexGuard.h"
 
 #include <boost/filesystem/path.hpp>
 

@@ -1,4 +1,5 @@
 #include "sim/ControlFile.h"
+#include "base/NamedThread.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -6,7 +7,6 @@
 
 #include <cstdio>
 #include <string>
-#include <pthread.h>
 
 namespace QEL { namespace Sim {
 
@@ -14,8 +14,7 @@ ControlFile::ControlFile(std::string file, Apply action, std::chrono::millisecon
     : path(std::move(file)), apply(std::move(action)), interval(period)
 {
     Poll(); // notes where the file ends now
-    worker = std::thread([this] { Run(); });
-    ::pthread_setname_np(worker.native_handle(), "vcam-control");
+    worker = Base::StartNamedThread("vcam-control", [this] { Run(); });
 }
 
 ControlFile::~ControlFile()

@@ -1,12 +1,13 @@
 #pragma once
 
+#include "base/NamedThread.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <thread>
-#include <pthread.h>
 
 namespace QEL { namespace Sim {
 
@@ -16,7 +17,7 @@ class Scheduler {
 public:
     using Clock = std::chrono::steady_clock;
 
-    Scheduler() : worker([this] { Run(); }) { ::pthread_setname_np(worker.native_handle(), "vcam-scheduler"); }
+    Scheduler() : worker(Base::StartNamedThread("vcam-scheduler", [this] { Run(); })) {}
     ~Scheduler()
     {
         {

@@ -1,4 +1,5 @@
 // The ioctls of the virtual CSI-2 driver's V4L2 nodes, and its frame threads.
+#include "base/NamedThread.h"
 #include "sim/CameraMap.h"
 #include "sim/Scheduler.h"
 #include "sim/VirtualSystemState.h"
@@ -13,7 +14,6 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <pthread.h>
 
 namespace QEL { namespace Sim {
 
@@ -381,8 +381,7 @@ void VirtualSystem::StartStreaming(Camera& camera)
     camera.stopFrames = false;
     camera.sequence = 0;
     SetAttribute(camera.streamoff, "0\n");
-    camera.frameThread = std::thread([this, &camera] { FrameLoop(camera); });
-    ::pthread_setname_np(camera.frameThread.native_handle(), "vcam-frames");
+    camera.frameThread = Base::StartNamedThread("vcam-frames", [this, &camera] { FrameLoop(camera); });
 }
 
 void VirtualSystem::StopStreaming(Camera& camera, std::unique_lock<std::mutex>& lock)

@@ -1,20 +1,20 @@
 #include "transport/DriverHandler.h"
 
 #include "base/BaseException.h"
+#include "base/NamedThread.h"
+#include "support/Allocation.h"
 #include "support/Logger.h"
 #include "support/MutexGuard.h"
 #include "support/Settings.h"
 #include "support/Sha1.h"
 #include "transport/LibCSIDevice.h"
 #include "transport/LibCSILibrary.h"
-#include "support/Allocation.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/format.hpp>
 
 #include <chrono>
 #include <locale>
-#include <pthread.h>
 
 namespace QEL { namespace CSI {
 
@@ -226,8 +226,7 @@ DriverHandler::DriverHandler(const Options& options) : options(options)
         System::MutexGuard guard(&threadState->mutex);
         threadState->state = 1;
     }
-    enumerationThread = std::thread([this] { EnumerationThread(); });
-    ::pthread_setname_np(enumerationThread.native_handle(), "tl-enumeration");
+    enumerationThread = Base::StartNamedThread("tl-enumeration", [this] { EnumerationThread(); });
 }
 
 DriverHandler::~DriverHandler()

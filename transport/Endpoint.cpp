@@ -1,16 +1,16 @@
 #include "transport/Endpoint.h"
 
 #include "base/Exception.h"
+#include "base/NamedThread.h"
+#include "support/Allocation.h"
 #include "support/MutexGuard.h"
 #include "transport/LibCSIDevice.h"
 #include "transport/LibCSILibrary.h"
-#include "support/Allocation.h"
 
 #include <boost/format.hpp>
 
 #include <cstring>
 #include <new>
-#include <pthread.h>
 
 namespace QEL { namespace LibCSI {
 
@@ -61,8 +61,7 @@ void Endpoint::Start()
         MutexGuard guard(&mutex);
         state = State::Running;
     }
-    thread = std::thread([this] { Run(); });
-    ::pthread_setname_np(thread.native_handle(), "tl-endpoint");
+    thread = Base::StartNamedThread("tl-endpoint", [this] { Run(); });
 }
 
 Endpoint::~Endpoint()

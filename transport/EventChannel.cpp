@@ -1,18 +1,18 @@
 #include "transport/EventChannel.h"
 
 #include "base/BaseException.h"
+#include "base/NamedThread.h"
+#include "support/Allocation.h"
 #include "support/Logger.h"
 #include "support/MutexGuard.h"
 #include "transport/CCIControlChannel.h"
 #include "transport/EndpointHandler.h"
-#include "support/Allocation.h"
 
 #include <boost/format.hpp>
 
 #include <algorithm>
 #include <cstring>
 #include <new>
-#include <pthread.h>
 
 namespace QEL { namespace TransportLayer {
 
@@ -104,8 +104,7 @@ EventChannel::EventChannel(const std::shared_ptr<ControlChannel>& controlChannel
 
     System::SharedMutexGuard guard(GetMutex());
     Enter(Running);
-    thread = std::thread([this] { Run(); });
-    ::pthread_setname_np(thread.native_handle(), "tl-csi-events");
+    thread = Base::StartNamedThread("tl-csi-events", [this] { Run(); });
     threadRunning = true;
     Restart();
 }

@@ -1,3 +1,4 @@
+#include "base/BufferRecord.h"
 #include "framework/BasicBufferQueue.h"
 #include "framework/GenericEventSlot.h"
 #include "tests/TestSupport.h"
@@ -228,7 +229,7 @@ TEST_F(BufferQueue, TheBundleCarriesEveryValueWithItsAvailabilityBits)
     auto buffer = Announce(64, 256, &user);
     queue->QueueBuffer(buffer);
     Deliver(42);
-    auto bundle = std::dynamic_pointer_cast<const BufferInfo>(buffer->GetInfo(BasicBufferQueue::BundleInfo));
+    auto bundle = std::dynamic_pointer_cast<const BufferInfo>(buffer->GetInfo(BufferRecord::Command));
     ASSERT_TRUE(bundle);
     const auto& bytes = bundle->GetValue();
     ASSERT_EQ(176u, bytes.size());
