@@ -91,6 +91,7 @@ private:
 class BufferInfo : public virtual VariableInfo {
 public:
     BufferInfo(const void* data, std::size_t size);
+    explicit BufferInfo(std::vector<std::uint8_t> bytes) : value(std::move(bytes)) {}
     INFO_DATATYPE GetType() const override { return INFO_DATATYPE_BUFFER; }
     std::size_t GetSize() const override { return value.size(); }
     void Read(void* buffer, std::size_t* size) const override;

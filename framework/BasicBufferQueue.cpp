@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <new>
+#include <utility>
 
 namespace QEL { namespace Base {
 
@@ -144,31 +146,44 @@ std::vector<std::uint8_t> BasicBufferQueue::InternalBuffer::MakeBundle() const
                                 (imagePresent ? R::FlagImagePresent : 0u);
     R::Write(record, R::Flags, flags);
 
-    // Fields that the stream channel supplies.
-    static const std::pair<R::Field, BUFFER_INFO_CMD> fields[] = {
-        {R::Timestamp, BUFFER_INFO_TIMESTAMP},
-        {R::FrameId, BUFFER_INFO_FRAMEID},
-        {R::Status, 1002},
-        {R::Filled, BUFFER_INFO_SIZE_FILLED},
-        {R::Width, BUFFER_INFO_WIDTH},
-        {R::Height, BUFFER_INFO_HEIGHT},
-        {R::XOffset, BUFFER_INFO_XOFFSET},
-        {R::YOffset, BUFFER_INFO_YOFFSET},
-        {R::XPadding, BUFFER_INFO_XPADDING},
-        {R::YPadding, BUFFER_INFO_YPADDING},
-        {R::ImageOffset, BUFFER_INFO_IMAGEOFFSET},
-        {R::Info1000, 1000},
-        {R::PayloadType, BUFFER_INFO_PAYLOADTYPE},
-        {R::PixelFormat, BUFFER_INFO_PIXELFORMAT},
-        {R::PixelFormatNamespace, BUFFER_INFO_PIXELFORMAT_NAMESPACE},
-        {R::DeliveredImageHeight, BUFFER_INFO_DELIVERED_IMAGEHEIGHT},
-        {R::DeliveredChunkPayloadSize, BUFFER_INFO_DELIVERED_CHUNKPAYLOADSIZE},
-        {R::ChunkLayoutId, BUFFER_INFO_CHUNKLAYOUTID}};
-    for (const auto& [field, cmd] : fields) {
-        auto it = infos->find(cmd);
-        if (it == infos->end() || !it->second)
+    // Fields that the stream channel supplies, in the order of their commands:
+    // one walk through the buffer's infos, which are ordered the same way.
+    static constexpr std::pair<BUFFER_INFO_CMD, R::Field> fields[] = {
+        {BUFFER_INFO_TIMESTAMP, R::Timestamp},
+        {BUFFER_INFO_SIZE_FILLED, R::Filled},
+        {BUFFER_INFO_WIDTH, R::Width},
+        {BUFFER_INFO_HEIGHT, R::Height},
+        {BUFFER_INFO_XOFFSET, R::XOffset},
+        {BUFFER_INFO_YOFFSET, R::YOffset},
+        {BUFFER_INFO_XPADDING, R::XPadding},
+        {BUFFER_INFO_YPADDING, R::YPadding},
+        {BUFFER_INFO_FRAMEID, R::FrameId},
+        {BUFFER_INFO_IMAGEOFFSET, R::ImageOffset},
+        {BUFFER_INFO_PAYLOADTYPE, R::PayloadType},
+        {BUFFER_INFO_PIXELFORMAT, R::PixelFormat},
+        {BUFFER_INFO_PIXELFORMAT_NAMESPACE, R::PixelFormatNamespace},
+        {BUFFER_INFO_DELIVERED_IMAGEHEIGHT, R::DeliveredImageHeight},
+        {BUFFER_INFO_DELIVERED_CHUNKPAYLOADSIZE, R::DeliveredChunkPayloadSize},
+        {BUFFER_INFO_CHUNKLAYOUTID, R::ChunkLayoutId},
+        {1000, R::Info1000},
+        {1002, R::Status}};
+    static_assert(
+        [] {
+            for (std::size_t i = 1; i < std::size(fields); ++i)
+                if (fields[i - 1].first >= fields[i].first)
+                    return false;
+            return true;
+        }(),
+        "the walk below needs the commands in ascending order");
+    auto info = infos->begin();
+    for (const auto& [cmd, field] : fields) {
+        while (info != infos->end() && info->first < cmd)
+            ++info;
+        if (info == infos->end())
+            break;
+        if (info->first != cmd || !info->second)
             continue;
-        R::Write(record, field, NumericValue(*it->second));
+        R::Write(record, field, NumericValue(*info->second));
         available |= 1ull << field.bit;
     }
     R::Write(record, R::Valid, available);
@@ -199,8 +214,7 @@ InfoPtr BasicBufferQueue::InternalBuffer::GetInfo(BUFFER_INFO_CMD cmd)
         case BUFFER_INFO_IMAGEPRESENT:
             return std::make_shared<Bool8Info>(imagePresent);
         case BufferRecord::Command: {
-            const auto bundle = MakeBundle();
-            return std::make_shared<BufferInfo>(bundle.data(), bundle.size());
+            return std::make_shared<BufferInfo>(MakeBundle());
         }
         default:
             return nullptr; // one of the queue's own infos

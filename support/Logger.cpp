@@ -5,12 +5,16 @@
 #include "support/StaticData.h"
 
 #include <sys/time.h>
+#include <atomic>
 #include <ctime>
 
 namespace QEL { namespace Tools {
 
 namespace {
 System::StaticData::Anchor anchor;
+// Whether a logger is installed, written under the data's mutex: the entry
+// functions ask on every call, and the answer needs no lookup of the data.
+std::atomic<bool> installed{false};
 }
 
 void Logger::Set(std::shared_ptr<Logger> logger)
@@ -20,6 +24,7 @@ void Logger::Set(std::shared_ptr<Logger> logger)
     auto data = System::StaticData::Get<Data>();
     std::lock_guard<std::mutex> lock(data->mutex);
     data->logger = std::move(logger);
+    installed.store(true, std::memory_order_release);
 }
 
 void Logger::Clear()
@@ -28,13 +33,12 @@ void Logger::Clear()
     std::shared_ptr<Logger> old;
     std::lock_guard<std::mutex> lock(data->mutex);
     old.swap(data->logger);
+    installed.store(false, std::memory_order_release);
 }
 
 bool Logger::IsActive()
 {
-    auto data = System::StaticData::Get<Data>();
-    std::lock_guard<std::mutex> lock(data->mutex);
-    return static_cast<bool>(data->logger);
+    return installed.load(std::memory_order_acquire);
 }
 
 void Logger::Log(const std::string& message)

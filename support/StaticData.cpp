@@ -21,8 +21,8 @@ struct Slot {
 struct Registry {
     std::mutex lock;
     std::condition_variable changed;
-    std::map<std::type_index, Slot> slots;
-    std::vector<std::type_index> stack;
+    std::map<const void*, Slot> slots;
+    std::vector<const void*> stack;
     std::size_t anchors = 0;
 };
 
@@ -66,7 +66,7 @@ StaticData::Anchor::~Anchor()
     }
 }
 
-std::shared_ptr<void> StaticData::GetSlot(std::type_index type, const std::function<std::shared_ptr<void>()>& create)
+std::shared_ptr<void> StaticData::GetSlot(Key type, Create create)
 {
     Registry& r = TheRegistry();
     std::unique_lock<std::mutex> lock(r.lock);

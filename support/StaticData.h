@@ -1,8 +1,6 @@
 #pragma once
 
-#include <functional>
 #include <memory>
-#include <typeindex>
 
 namespace QEL { namespace System {
 
@@ -13,7 +11,7 @@ public:
     template <class T>
     static std::shared_ptr<T> Get()
     {
-        auto holder = GetSlot(typeid(T), [] { return std::static_pointer_cast<void>(std::make_shared<T>()); });
+        auto holder = GetSlot(&Tag<T>::id, [] { return std::static_pointer_cast<void>(std::make_shared<T>()); });
         return std::static_pointer_cast<T>(holder);
     }
 
@@ -28,7 +26,16 @@ public:
     };
 
 private:
-    static std::shared_ptr<void> GetSlot(std::type_index type, const std::function<std::shared_ptr<void>()>& create);
+    // A slot's key: one address per type, so that a lookup compares pointers
+    // where type_index would compare mangled names on every call. Writable, so
+    // that no linker folds two of them into one.
+    template <class T> struct Tag {
+        static inline char id = 0;
+    };
+    using Key = const void*;
+    using Create = std::shared_ptr<void> (*)();
+
+    static std::shared_ptr<void> GetSlot(Key key, Create create);
 };
 
 } }

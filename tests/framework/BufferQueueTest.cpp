@@ -248,6 +248,69 @@ TEST_F(BufferQueue, TheBundleCarriesEveryValueWithItsAvailabilityBits)
     EXPECT_EQ(0u, u64(64));
 }
 
+TEST_F(BufferQueue, EverySuppliedValueLandsInItsOwnFieldOfTheBundle)
+{
+    namespace R = BufferRecord;
+    const std::pair<BUFFER_INFO_CMD, R::Field> fields[] = {
+        {BUFFER_INFO_TIMESTAMP, R::Timestamp},
+        {BUFFER_INFO_SIZE_FILLED, R::Filled},
+        {BUFFER_INFO_WIDTH, R::Width},
+        {BUFFER_INFO_HEIGHT, R::Height},
+        {BUFFER_INFO_XOFFSET, R::XOffset},
+        {BUFFER_INFO_YOFFSET, R::YOffset},
+        {BUFFER_INFO_XPADDING, R::XPadding},
+        {BUFFER_INFO_YPADDING, R::YPadding},
+        {BUFFER_INFO_FRAMEID, R::FrameId},
+        {BUFFER_INFO_IMAGEOFFSET, R::ImageOffset},
+        {BUFFER_INFO_PAYLOADTYPE, R::PayloadType},
+        {BUFFER_INFO_PIXELFORMAT, R::PixelFormat},
+        {BUFFER_INFO_PIXELFORMAT_NAMESPACE, R::PixelFormatNamespace},
+        {BUFFER_INFO_DELIVERED_IMAGEHEIGHT, R::DeliveredImageHeight},
+        {BUFFER_INFO_DELIVERED_CHUNKPAYLOADSIZE, R::DeliveredChunkPayloadSize},
+        {BUFFER_INFO_CHUNKLAYOUTID, R::ChunkLayoutId},
+        {1000, R::Info1000},
+        {1002, R::Status}};
+    SupportedBufferInfos supported{BUFFER_INFO_CONTAINS_CHUNKDATA, 5000};
+    for (const auto& entry : fields)
+        supported.insert(entry.first);
+    queue = std::make_shared<BasicBufferQueue>("Custom", supported);
+    auto deliver = [&](std::size_t at, std::shared_ptr<BufferInfos> infos) {
+        auto buffer = Announce(at, 256);
+        queue->QueueBuffer(buffer);
+        buffer = queue->TakeFromInputQueue();
+        queue->BeginAcquisition(buffer);
+        buffer->SetInfos(infos, false, true);
+        queue->FinishAcquisition(buffer);
+        auto bundle = std::dynamic_pointer_cast<const BufferInfo>(buffer->GetInfo(R::Command));
+        EXPECT_TRUE(bundle);
+        return bundle ? bundle->GetValue() : std::vector<std::uint8_t>(R::Size);
+    };
+    auto infos = std::make_shared<BufferInfos>();
+    for (const auto& [cmd, field] : fields)
+        (*infos)[cmd] = field.width == 4 ? InfoPtr(std::make_shared<UInt32Info>(static_cast<std::uint32_t>(cmd) + 7))
+                                         : InfoPtr(std::make_shared<UInt64Info>(0x100000000ull * cmd + 7));
+    // Infos the record has no field for, between and after those it has, are passed over.
+    (*infos)[BUFFER_INFO_CONTAINS_CHUNKDATA] = std::make_shared<UInt64Info>(1);
+    (*infos)[5000] = std::make_shared<UInt64Info>(1);
+    const std::vector<std::uint8_t> full = deliver(0, infos);
+    for (const auto& [cmd, field] : fields) {
+        EXPECT_TRUE(R::Has(full.data(), field)) << "info " << cmd;
+        EXPECT_EQ(field.width == 4 ? cmd + 7u : 0x100000000ull * cmd + 7, R::Read(full.data(), field))
+            << "info " << cmd;
+    }
+
+    // With every other info left out, the missing ones' fields are neither set nor marked.
+    auto some = std::make_shared<BufferInfos>();
+    for (std::size_t i = 1; i < std::size(fields); i += 2)
+        (*some)[fields[i].first] = infos->at(fields[i].first);
+    const std::vector<std::uint8_t> part = deliver(256, some);
+    for (std::size_t i = 0; i < std::size(fields); ++i) {
+        const auto& [cmd, field] = fields[i];
+        EXPECT_EQ(i % 2 == 1, R::Has(part.data(), field)) << "info " << cmd;
+        EXPECT_EQ(i % 2 == 1 ? R::Read(full.data(), field) : 0u, R::Read(part.data(), field)) << "info " << cmd;
+    }
+}
+
 TEST_F(BufferQueue, FlushOperations)
 {
     auto a = Announce(0, 10), b = Announce(10, 10), c = Announce(20, 10);
