@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -107,6 +108,19 @@ inline void MarkThisThread(ThreadId& id) { id = static_cast<long>(::gettid()); }
 // True once the thread has marked itself and sleeps in a blocking call: what
 // a test waits for before it does what should wake that call.
 inline bool Asleep(const ThreadId& id) { return id != 0 && ThreadState(id) == 'S'; }
+
+// How many threads of this process carry a name that starts with `prefix`.
+inline int ThreadsNamed(const std::string& prefix)
+{
+    int count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm");
+        std::string name;
+        if (std::getline(comm, name) && name.rfind(prefix, 0) == 0)
+            ++count;
+    }
+    return count;
+}
 
 inline std::string ReadFile(const std::string& path)
 {

@@ -72,6 +72,22 @@ TEST_F(Acquisition, StartAndStopRules)
     EXPECT_EQ(GC_ERR_INVALID_HANDLE, LORUN_FN(DSStopAcquisition)(stream, ACQ_STOP_FLAGS_DEFAULT));
 }
 
+// Every thread the library starts has a name `top -H` shows, and the library
+// takes them all with it when it closes.
+TEST_F(Acquisition, TheLibrarysThreadsAreNamedAndEndWithIt)
+{
+    AnnounceAndQueue(3, 0);
+    ASSERT_EQ(GC_ERR_SUCCESS, LORUN_FN(DSStartAcquisition)(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE));
+    Grab(3);
+    EXPECT_EQ(1, ThreadsNamed("tl-enumeration"));
+    EXPECT_LE(1, ThreadsNamed("tl-endpoint")) << "one per open channel of the camera";
+    EXPECT_EQ(1, ThreadsNamed("csi-dequeue"));
+    EXPECT_EQ(1, ThreadsNamed("vcam-frames"));
+    ASSERT_EQ(GC_ERR_SUCCESS, producer.GCCloseLib()) << "with the stream still running";
+    for (const char* prefix : {"tl-", "csi-", "vcam-frames"})
+        EXPECT_EQ(0, ThreadsNamed(prefix)) << prefix;
+}
+
 TEST_F(Acquisition, AWaitingConsumerIsWokenByTheStopOfAKill)
 {
     AnnounceAndQueue(3, 0);

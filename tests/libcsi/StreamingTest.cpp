@@ -241,30 +241,20 @@ TEST_F(Stream, AnnouncedFramesAreCopiedAndEveryPixelIsRight)
 // The names `top -H` and a debugger show; a stopped stream leaves no frame thread behind.
 TEST_F(Stream, FrameThreadsAreNamedAndEndWithTheStream)
 {
-    auto threadsNamed = [](const std::string& name) {
-        int count = 0;
-        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-            std::ifstream comm(task.path() / "comm");
-            std::string line;
-            if (std::getline(comm, line) && line == name)
-                ++count;
-        }
-        return count;
-    };
     Open();
-    EXPECT_EQ(1, threadsNamed("csi-discovery"));
-    EXPECT_EQ(1, threadsNamed("csi-callback")) << "one per open device";
+    EXPECT_EQ(1, ThreadsNamed("csi-discovery"));
+    EXPECT_EQ(1, ThreadsNamed("csi-callback")) << "one per open device";
     ASSERT_EQ(LIBCSI_OK, Announce(4));
     QueueAll();
     ASSERT_EQ(LIBCSI_OK, libcsi_start_stream(device, 42));
     StartCamera();
     ASSERT_TRUE(AwaitFrames(10, 30));
-    EXPECT_EQ(1, threadsNamed("csi-dequeue"));
-    EXPECT_EQ(1, threadsNamed("vcam-frames"));
+    EXPECT_EQ(1, ThreadsNamed("csi-dequeue"));
+    EXPECT_EQ(1, ThreadsNamed("vcam-frames"));
     requeue = false;
     ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
-    EXPECT_EQ(0, threadsNamed("csi-dequeue"));
-    EXPECT_EQ(0, threadsNamed("vcam-frames"));
+    EXPECT_EQ(0, ThreadsNamed("csi-dequeue"));
+    EXPECT_EQ(0, ThreadsNamed("vcam-frames"));
     EXPECT_EQ(LIBCSI_OK, libcsi_flush_frames(device));
     RevokeAll();
 }
