@@ -55,6 +55,8 @@ bool IsNumeric(INFO_DATATYPE type)
 
 std::uint64_t NumericValue(const Info& info)
 {
+    if (std::uint64_t number = 0; info.ReadNumber(number))
+        return number;
     switch (IsNumeric(info.GetType()) ? info.GetSize() : 0) {
     case 1:
         return ReadAs<std::uint8_t>(info);

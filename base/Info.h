@@ -5,8 +5,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace QEL { namespace Base {
@@ -18,6 +20,13 @@ public:
     virtual std::size_t GetSize() const = 0;
     // Size question with a null buffer, "Buffer too small." when *size is short.
     virtual void Read(void* buffer, std::size_t* size) const;
+    // The value as NumericValue gives it, in one call: false where the info
+    // cannot answer so directly.
+    virtual bool ReadNumber(std::uint64_t& number) const
+    {
+        (void)number;
+        return false;
+    }
 
 protected:
     virtual void CopyTo(void* buffer) const = 0;
@@ -38,6 +47,18 @@ public:
     INFO_DATATYPE GetType() const override { return Type; }
     std::size_t GetSize() const override { return sizeof(T); }
     T GetValue() const { return value; }
+    bool ReadNumber(std::uint64_t& number) const override
+    {
+        static_assert(sizeof(T) == 1 || sizeof(T) == 2 || sizeof(T) == 4 || sizeof(T) == 8);
+        using Bits =
+            std::conditional_t<sizeof(T) == 1, std::uint8_t,
+                               std::conditional_t<sizeof(T) == 2, std::uint16_t,
+                                                  std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>>>;
+        Bits bits;
+        std::memcpy(&bits, &value, sizeof bits);
+        number = bits;
+        return true;
+    }
 
 protected:
     void CopyTo(void* buffer) const override { *static_cast<T*>(buffer) = value; }

@@ -124,8 +124,7 @@ struct LorunSrcState {
     std::shared_ptr<ChildAccess> access;
     LorunGst::CameraModes modes;
     LorunGst::CapsChoice negotiated;
-    GstVideoInfo video{};
-    bool isVideo = false; // video/x-raw, with a GstVideoMeta
+    GstVideoFormat videoFormat = GST_VIDEO_FORMAT_UNKNOWN; // of video/x-raw caps, whose buffers carry a GstVideoMeta
     GstClockTime period = GST_CLOCK_TIME_NONE;
     std::atomic<bool> flushing{false};
     std::condition_variable wake; // with `lock`: the wait for a camera to come back ends at an unlock
@@ -466,8 +465,7 @@ gboolean SetCaps(GstBaseSrc* source, GstCaps* caps)
     {
         const std::lock_guard<std::mutex> lock(state.lock);
         state.negotiated = choice;
-        state.video = video;
-        state.isVideo = isVideo;
+        state.videoFormat = isVideo ? GST_VIDEO_INFO_FORMAT(&video) : GST_VIDEO_FORMAT_UNKNOWN;
         state.period = period;
         state.timestamps.Reset();
         state.discont = true;
@@ -589,7 +587,7 @@ GstFlowReturn WaitForFrame(GstElement* element, LorunSrcState& state, Camera& ca
 
 // The frame as a GstBuffer: its memory when the format goes as it is, else unpacked into a new one.
 GstBuffer* BufferOf(LorunSrcState& state, const std::shared_ptr<Camera>& camera, const LorunGst::Frame& frame,
-                    const LorunGst::PixelFormat& format, bool isVideo, const GstVideoInfo& video)
+                    const LorunGst::PixelFormat& format, GstVideoFormat videoFormat)
 {
     const std::size_t lineBytes = LorunGst::PackedLineBytes(format, frame.width);
     const std::size_t stride = lineBytes + frame.paddingX;
@@ -621,11 +619,11 @@ GstBuffer* BufferOf(LorunSrcState& state, const std::shared_ptr<Camera>& camera,
         const std::lock_guard<std::mutex> lock(state.lock);
         ++state.counts.copied;
     }
-    if (isVideo) {
+    if (videoFormat != GST_VIDEO_FORMAT_UNKNOWN) {
         gsize offsets[GST_VIDEO_MAX_PLANES] = {0};
         gint strides[GST_VIDEO_MAX_PLANES] = {static_cast<gint>(outStride)};
-        gst_buffer_add_video_meta_full(buffer, GST_VIDEO_FRAME_FLAG_NONE, GST_VIDEO_INFO_FORMAT(&video), frame.width,
-                                       frame.height, 1, offsets, strides);
+        gst_buffer_add_video_meta_full(buffer, GST_VIDEO_FRAME_FLAG_NONE, videoFormat, frame.width, frame.height, 1,
+                                       offsets, strides);
     }
     return buffer;
 }
@@ -698,8 +696,7 @@ GstFlowReturn Create(GstPushSrc* pushSource, GstBuffer** out)
     LorunCaptureError captureError;
     bool reconnect;
     LorunGst::CapsChoice negotiated;
-    GstVideoInfo video;
-    bool isVideo;
+    GstVideoFormat videoFormat;
     GstClockTime period;
     {
         const std::lock_guard<std::mutex> lock(state.lock);
@@ -708,8 +705,7 @@ GstFlowReturn Create(GstPushSrc* pushSource, GstBuffer** out)
         captureError = state.settings.captureError;
         reconnect = state.settings.reconnect;
         negotiated = state.negotiated;
-        video = state.video;
-        isVideo = state.isVideo;
+        videoFormat = state.videoFormat;
         period = state.period;
     }
     if (!camera || !negotiated.format)
@@ -771,7 +767,7 @@ GstFlowReturn Create(GstPushSrc* pushSource, GstBuffer** out)
                                   (nullptr));
                 return GST_FLOW_NOT_NEGOTIATED;
             }
-            GstBuffer* buffer = BufferOf(state, camera, frame, *format, isVideo, video);
+            GstBuffer* buffer = BufferOf(state, camera, frame, *format, videoFormat);
             if (!buffer) {
                 camera->Release(frame.handle, frame.generation);
                 GST_ELEMENT_ERROR(element, STREAM, FORMAT,

@@ -96,6 +96,17 @@ TEST(Info, NumericValueTakesEveryFixedWidthAndNothingElse)
     const std::uint64_t value = NumericValue(Float64Info(2.25));
     std::memcpy(&bits, &value, sizeof bits);
     EXPECT_EQ(2.25, bits);
+    // A number of another class than the fixed infos is read through its bytes.
+    struct Counter : FixedInfo {
+        INFO_DATATYPE GetType() const override { return INFO_DATATYPE_INT16; }
+        std::size_t GetSize() const override { return 2; }
+        void CopyTo(void* buffer) const override
+        {
+            const std::int16_t value = -2;
+            std::memcpy(buffer, &value, sizeof value);
+        }
+    };
+    EXPECT_EQ(0xFFFEu, NumericValue(Counter()));
     const Result notANumber = Err(GC_ERR_ERROR, "Unexpected info type retrieved.");
     EXPECT_EQ(notANumber, Failure([] { NumericValue(StringInfo("abc")); })) << "four bytes, but text";
     EXPECT_EQ(notANumber, Failure([] { NumericValue(StringInfo("abcdefghij")); }));

@@ -1,5 +1,7 @@
 // The element's tests: GStreamer once per process, lorunsrc and its device
 // provider registered from the code under test, and any GLib warning or critical fails the run.
+// Each test needs a process of its own, as ctest runs them: the producer, and
+// with it the virtual cameras a test describes, is loaded once per process.
 #include "gst/LorunDeviceProvider.h"
 #include "gst/LorunSrc.h"
 
