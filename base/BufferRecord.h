@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
+#include <utility>
 
 namespace QEL { namespace Base { namespace BufferRecord {
 
@@ -27,6 +29,35 @@ constexpr Field BasePointer{8, 8, 0}, BufferSize{16, 8, 1}, UserPointer{24, 8, 2
     XOffset{80, 8, 14}, YOffset{88, 8, 15}, XPadding{96, 8, 16}, YPadding{104, 8, 17}, ImageOffset{112, 8, 18},
     Info1000{120, 8, 19}, PayloadType{128, 8, 20}, PixelFormat{136, 8, 21}, PixelFormatNamespace{144, 8, 22},
     DeliveredImageHeight{152, 8, 23}, DeliveredChunkPayloadSize{160, 8, 24}, ChunkLayoutId{168, 8, 25};
+
+// The fields the stream channel's buffer infos fill, in ascending order of the info.
+constexpr std::pair<BUFFER_INFO_CMD, Field> FromInfos[] = {
+    {BUFFER_INFO_TIMESTAMP, Timestamp},
+    {BUFFER_INFO_SIZE_FILLED, Filled},
+    {BUFFER_INFO_WIDTH, Width},
+    {BUFFER_INFO_HEIGHT, Height},
+    {BUFFER_INFO_XOFFSET, XOffset},
+    {BUFFER_INFO_YOFFSET, YOffset},
+    {BUFFER_INFO_XPADDING, XPadding},
+    {BUFFER_INFO_YPADDING, YPadding},
+    {BUFFER_INFO_FRAMEID, FrameId},
+    {BUFFER_INFO_IMAGEOFFSET, ImageOffset},
+    {BUFFER_INFO_PAYLOADTYPE, PayloadType},
+    {BUFFER_INFO_PIXELFORMAT, PixelFormat},
+    {BUFFER_INFO_PIXELFORMAT_NAMESPACE, PixelFormatNamespace},
+    {BUFFER_INFO_DELIVERED_IMAGEHEIGHT, DeliveredImageHeight},
+    {BUFFER_INFO_DELIVERED_CHUNKPAYLOADSIZE, DeliveredChunkPayloadSize},
+    {BUFFER_INFO_CHUNKLAYOUTID, ChunkLayoutId},
+    {1000, Info1000},
+    {1002, Status}};
+static_assert(
+    [] {
+        for (std::size_t i = 1; i < std::size(FromInfos); ++i)
+            if (FromInfos[i - 1].first >= FromInfos[i].first)
+                return false;
+        return true;
+    }(),
+    "FromInfos must be in ascending order of the info");
 
 // Bits of Flags; flag bit n is valid when validity bit Flags.bit + n is set.
 constexpr std::uint32_t FlagNewData = 1, FlagQueued = 2, FlagAcquiring = 4, FlagIncomplete = 8, FlagImagePresent = 16;

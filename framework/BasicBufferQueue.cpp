@@ -7,9 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <new>
-#include <utility>
 
 namespace QEL { namespace Base {
 
@@ -146,37 +144,9 @@ std::vector<std::uint8_t> BasicBufferQueue::InternalBuffer::MakeBundle() const
                                 (imagePresent ? R::FlagImagePresent : 0u);
     R::Write(record, R::Flags, flags);
 
-    // Fields that the stream channel supplies, in the order of their commands:
-    // one walk through the buffer's infos, which are ordered the same way.
-    static constexpr std::pair<BUFFER_INFO_CMD, R::Field> fields[] = {
-        {BUFFER_INFO_TIMESTAMP, R::Timestamp},
-        {BUFFER_INFO_SIZE_FILLED, R::Filled},
-        {BUFFER_INFO_WIDTH, R::Width},
-        {BUFFER_INFO_HEIGHT, R::Height},
-        {BUFFER_INFO_XOFFSET, R::XOffset},
-        {BUFFER_INFO_YOFFSET, R::YOffset},
-        {BUFFER_INFO_XPADDING, R::XPadding},
-        {BUFFER_INFO_YPADDING, R::YPadding},
-        {BUFFER_INFO_FRAMEID, R::FrameId},
-        {BUFFER_INFO_IMAGEOFFSET, R::ImageOffset},
-        {BUFFER_INFO_PAYLOADTYPE, R::PayloadType},
-        {BUFFER_INFO_PIXELFORMAT, R::PixelFormat},
-        {BUFFER_INFO_PIXELFORMAT_NAMESPACE, R::PixelFormatNamespace},
-        {BUFFER_INFO_DELIVERED_IMAGEHEIGHT, R::DeliveredImageHeight},
-        {BUFFER_INFO_DELIVERED_CHUNKPAYLOADSIZE, R::DeliveredChunkPayloadSize},
-        {BUFFER_INFO_CHUNKLAYOUTID, R::ChunkLayoutId},
-        {1000, R::Info1000},
-        {1002, R::Status}};
-    static_assert(
-        [] {
-            for (std::size_t i = 1; i < std::size(fields); ++i)
-                if (fields[i - 1].first >= fields[i].first)
-                    return false;
-            return true;
-        }(),
-        "the walk below needs the commands in ascending order");
+    // One walk through the buffer's infos, which are ordered as the record's table.
     auto info = infos->begin();
-    for (const auto& [cmd, field] : fields) {
+    for (const auto& [cmd, field] : R::FromInfos) {
         while (info != infos->end() && info->first < cmd)
             ++info;
         if (info == infos->end())

@@ -251,25 +251,7 @@ TEST_F(BufferQueue, TheBundleCarriesEveryValueWithItsAvailabilityBits)
 TEST_F(BufferQueue, EverySuppliedValueLandsInItsOwnFieldOfTheBundle)
 {
     namespace R = BufferRecord;
-    const std::pair<BUFFER_INFO_CMD, R::Field> fields[] = {
-        {BUFFER_INFO_TIMESTAMP, R::Timestamp},
-        {BUFFER_INFO_SIZE_FILLED, R::Filled},
-        {BUFFER_INFO_WIDTH, R::Width},
-        {BUFFER_INFO_HEIGHT, R::Height},
-        {BUFFER_INFO_XOFFSET, R::XOffset},
-        {BUFFER_INFO_YOFFSET, R::YOffset},
-        {BUFFER_INFO_XPADDING, R::XPadding},
-        {BUFFER_INFO_YPADDING, R::YPadding},
-        {BUFFER_INFO_FRAMEID, R::FrameId},
-        {BUFFER_INFO_IMAGEOFFSET, R::ImageOffset},
-        {BUFFER_INFO_PAYLOADTYPE, R::PayloadType},
-        {BUFFER_INFO_PIXELFORMAT, R::PixelFormat},
-        {BUFFER_INFO_PIXELFORMAT_NAMESPACE, R::PixelFormatNamespace},
-        {BUFFER_INFO_DELIVERED_IMAGEHEIGHT, R::DeliveredImageHeight},
-        {BUFFER_INFO_DELIVERED_CHUNKPAYLOADSIZE, R::DeliveredChunkPayloadSize},
-        {BUFFER_INFO_CHUNKLAYOUTID, R::ChunkLayoutId},
-        {1000, R::Info1000},
-        {1002, R::Status}};
+    const auto& fields = R::FromInfos;
     SupportedBufferInfos supported{BUFFER_INFO_CONTAINS_CHUNKDATA, 5000};
     for (const auto& entry : fields)
         supported.insert(entry.first);
