@@ -109,7 +109,9 @@ inline void MarkThisThread(ThreadId& id) { id = static_cast<long>(::gettid()); }
 // a test waits for before it does what should wake that call.
 inline bool Asleep(const ThreadId& id) { return id != 0 && ThreadState(id) == 'S'; }
 
-// How many threads of this process carry a name that starts with `prefix`.
+// How many threads of this process carry a name that starts with `prefix`. A
+// thread that was joined may stay listed until the kernel has reaped it: to
+// see one gone, wait for the count to fall.
 inline int ThreadsNamed(const std::string& prefix)
 {
     int count = 0;

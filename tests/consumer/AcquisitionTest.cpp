@@ -85,7 +85,8 @@ TEST_F(Acquisition, TheLibrarysThreadsAreNamedAndEndWithIt)
     EXPECT_EQ(1, ThreadsNamed("vcam-frames"));
     ASSERT_EQ(GC_ERR_SUCCESS, producer.GCCloseLib()) << "with the stream still running";
     for (const char* prefix : {"tl-", "csi-", "vcam-frames"})
-        EXPECT_EQ(0, ThreadsNamed(prefix)) << prefix;
+        EXPECT_TRUE(Eventually([&] { return ThreadsNamed(prefix) == 0; }))
+            << prefix << " left: " << ThreadsNamed(prefix);
 }
 
 TEST_F(Acquisition, AWaitingConsumerIsWokenByTheStopOfAKill)

@@ -253,8 +253,7 @@ TEST_F(Stream, FrameThreadsAreNamedAndEndWithTheStream)
     EXPECT_EQ(1, ThreadsNamed("vcam-frames"));
     requeue = false;
     ASSERT_EQ(LIBCSI_OK, libcsi_stop_stream(device, 100));
-    EXPECT_EQ(0, ThreadsNamed("csi-dequeue"));
-    EXPECT_EQ(0, ThreadsNamed("vcam-frames"));
+    EXPECT_TRUE(Eventually([] { return ThreadsNamed("csi-dequeue") == 0 && ThreadsNamed("vcam-frames") == 0; }));
     EXPECT_EQ(LIBCSI_OK, libcsi_flush_frames(device));
     RevokeAll();
 }
