@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -200,35 +201,37 @@ struct Png {
     std::vector<std::uint16_t> samples;
 };
 
+// libpng reports errors by longjmp: what has a destructor is made before
+// setjmp and not changed after it (the image and the row live on the heap),
+// so that the jump skips no destructor and leaves no object undefined.
 Png ReadPng(const std::string& path)
 {
-    Png png;
-    std::FILE* file = std::fopen(path.c_str(), "rb");
+    const auto png = std::make_unique<Png>();
+    const auto row = std::make_unique<std::vector<png_byte>>();
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), &std::fclose);
     if (!file)
-        return png;
+        return Png{};
     png_structp reader = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
     png_infop info = png_create_info_struct(reader);
     if (setjmp(png_jmpbuf(reader))) {
         png_destroy_read_struct(&reader, &info, nullptr);
-        std::fclose(file);
         return Png{};
     }
-    png_init_io(reader, file);
+    png_init_io(reader, file.get());
     png_read_info(reader, info);
-    png.width = png_get_image_width(reader, info);
-    png.height = png_get_image_height(reader, info);
-    png.depth = png_get_bit_depth(reader, info);
-    png.channels = png_get_channels(reader, info);
-    std::vector<png_byte> row(png_get_rowbytes(reader, info));
-    for (png_uint_32 y = 0; y < png.height; ++y) {
-        png_read_row(reader, row.data(), nullptr);
-        for (std::size_t i = 0; i < png.width * static_cast<std::size_t>(png.channels); ++i)
-            png.samples.push_back(png.depth == 16 ? static_cast<std::uint16_t>(row[2 * i] << 8 | row[2 * i + 1])
-                                                  : row[i]);
+    png->width = png_get_image_width(reader, info);
+    png->height = png_get_image_height(reader, info);
+    png->depth = png_get_bit_depth(reader, info);
+    png->channels = png_get_channels(reader, info);
+    row->resize(png_get_rowbytes(reader, info));
+    for (png_uint_32 y = 0; y < png->height; ++y) {
+        png_read_row(reader, row->data(), nullptr);
+        for (std::size_t i = 0; i < png->width * static_cast<std::size_t>(png->channels); ++i)
+            png->samples.push_back(png->depth == 16 ? static_cast<std::uint16_t>((*row)[2 * i] << 8 | (*row)[2 * i + 1])
+                                                    : (*row)[i]);
     }
     png_destroy_read_struct(&reader, &info, nullptr);
-    std::fclose(file);
-    return png;
+    return std::move(*png);
 }
 
 TEST_F(Tool, GrabSavesImagesThatDecodeToTheCamerasPattern)
