@@ -22,11 +22,7 @@ public:
     virtual void Read(void* buffer, std::size_t* size) const;
     // The value as NumericValue gives it, in one call: false where the info
     // cannot answer so directly.
-    virtual bool ReadNumber(std::uint64_t& number) const
-    {
-        (void)number;
-        return false;
-    }
+    virtual bool ReadNumber(std::uint64_t& /*number*/) const { return false; }
 
 protected:
     virtual void CopyTo(void* buffer) const = 0;
