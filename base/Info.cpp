@@ -21,54 +21,12 @@ void Info::Read(void* buffer, std::size_t* size) const
     *size = GetSize();
 }
 
-namespace {
-
-template <class T> std::uint64_t ReadAs(const Info& info)
-{
-    T value{};
-    std::size_t size = sizeof value;
-    info.Read(&value, &size);
-    return static_cast<std::uint64_t>(value);
-}
-
-bool IsNumeric(INFO_DATATYPE type)
-{
-    switch (type) {
-    case INFO_DATATYPE_INT16:
-    case INFO_DATATYPE_UINT16:
-    case INFO_DATATYPE_INT32:
-    case INFO_DATATYPE_UINT32:
-    case INFO_DATATYPE_INT64:
-    case INFO_DATATYPE_UINT64:
-    case INFO_DATATYPE_FLOAT64:
-    case INFO_DATATYPE_PTR:
-    case INFO_DATATYPE_BOOL8:
-    case INFO_DATATYPE_SIZET:
-    case INFO_DATATYPE_PTRDIFF:
-        return true;
-    default:
-        return false;
-    }
-}
-
-} // namespace
-
 std::uint64_t NumericValue(const Info& info)
 {
-    if (std::uint64_t number = 0; info.ReadNumber(number))
-        return number;
-    switch (IsNumeric(info.GetType()) ? info.GetSize() : 0) {
-    case 1:
-        return ReadAs<std::uint8_t>(info);
-    case 2:
-        return ReadAs<std::uint16_t>(info);
-    case 4:
-        return ReadAs<std::uint32_t>(info);
-    case 8:
-        return ReadAs<std::uint64_t>(info);
-    default:
+    std::uint64_t number = 0;
+    if (!info.ReadNumber(number))
         throw Exception("Unexpected info type retrieved.", GC_ERR_ERROR);
-    }
+    return number;
 }
 
 StringInfo::StringInfo(const std::string& text) : value(text.c_str()) {}

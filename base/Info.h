@@ -20,17 +20,16 @@ public:
     virtual std::size_t GetSize() const = 0;
     // Size question with a null buffer, "Buffer too small." when *size is short.
     virtual void Read(void* buffer, std::size_t* size) const;
-    // The value as NumericValue gives it, in one call: false where the info
-    // cannot answer so directly.
+    // The value as an unsigned number of its own width (signed values
+    // zero-extended, a double as its bits); false for infos that are no number.
     virtual bool ReadNumber(std::uint64_t& /*number*/) const { return false; }
 
 protected:
     virtual void CopyTo(void* buffer) const = 0;
 };
 
-// A fixed-size info of 1, 2, 4 or 8 bytes as an unsigned number (signed values
-// zero-extended, a double as its bits), right on any byte order; anything else
-// throws GC_ERR_ERROR "Unexpected info type retrieved.".
+// A fixed info (every numeric type) through ReadNumber, right on any byte
+// order; anything else throws GC_ERR_ERROR "Unexpected info type retrieved.".
 std::uint64_t NumericValue(const Info& info);
 
 class FixedInfo : public virtual Info {};

@@ -91,25 +91,18 @@ TEST(Info, NumericValueTakesEveryFixedWidthAndNothingElse)
     EXPECT_EQ(0xABCDu, NumericValue(UInt16Info(0xABCD)));
     EXPECT_EQ(0xFFFFFFFBu, NumericValue(Int32Info(-5))) << "zero-extended, not sign-extended";
     EXPECT_EQ(1u, NumericValue(Bool8Info(1)));
+    int target = 0;
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(&target), NumericValue(PtrInfo(&target))) << "4 bytes on a 32-bit board";
     EXPECT_EQ(0x0123456789ABCDEFull, NumericValue(UInt64Info(0x0123456789ABCDEFull)));
     double bits = 0;
     const std::uint64_t value = NumericValue(Float64Info(2.25));
     std::memcpy(&bits, &value, sizeof bits);
     EXPECT_EQ(2.25, bits);
-    // A number of another class than the fixed infos is read through its bytes.
-    struct Counter : FixedInfo {
-        INFO_DATATYPE GetType() const override { return INFO_DATATYPE_INT16; }
-        std::size_t GetSize() const override { return 2; }
-        void CopyTo(void* buffer) const override
-        {
-            const std::int16_t value = -2;
-            std::memcpy(buffer, &value, sizeof value);
-        }
-    };
-    EXPECT_EQ(0xFFFEu, NumericValue(Counter()));
     const Result notANumber = Err(GC_ERR_ERROR, "Unexpected info type retrieved.");
     EXPECT_EQ(notANumber, Failure([] { NumericValue(StringInfo("abc")); })) << "four bytes, but text";
     EXPECT_EQ(notANumber, Failure([] { NumericValue(StringInfo("abcdefghij")); }));
+    EXPECT_EQ(notANumber, Failure([] { NumericValue(BufferInfo(std::vector<std::uint8_t>(8, 1))); }))
+        << "eight bytes, but a buffer";
 }
 
 TEST(Info, Strings)
