@@ -62,18 +62,28 @@ static_assert(
 // Bits of Flags; flag bit n is valid when validity bit Flags.bit + n is set.
 constexpr std::uint32_t FlagNewData = 1, FlagQueued = 2, FlagAcquiring = 4, FlagIncomplete = 8, FlagImagePresent = 16;
 
+// Each width copies a constant size, which compiles to one load or store
+// instead of a call to memcpy: a record is written and read on every frame.
 inline std::uint64_t Read(const std::uint8_t* record, Field field)
 {
-    std::uint32_t narrow = 0;
+    if (field.width == 4) {
+        std::uint32_t narrow = 0;
+        std::memcpy(&narrow, record + field.offset, sizeof narrow);
+        return narrow;
+    }
     std::uint64_t wide = 0;
-    std::memcpy(field.width == 4 ? static_cast<void*>(&narrow) : &wide, record + field.offset, field.width);
-    return field.width == 4 ? narrow : wide;
+    std::memcpy(&wide, record + field.offset, sizeof wide);
+    return wide;
 }
 
 inline void Write(std::uint8_t* record, Field field, std::uint64_t value)
 {
-    const auto narrow = static_cast<std::uint32_t>(value);
-    std::memcpy(record + field.offset, field.width == 4 ? static_cast<const void*>(&narrow) : &value, field.width);
+    if (field.width == 4) {
+        const auto narrow = static_cast<std::uint32_t>(value);
+        std::memcpy(record + field.offset, &narrow, sizeof narrow);
+        return;
+    }
+    std::memcpy(record + field.offset, &value, sizeof value);
 }
 
 inline bool Has(const std::uint8_t* record, Field field)

@@ -138,14 +138,13 @@ void Camera::Close()
     const std::lock_guard<std::mutex> lock(streamMutex);
     if (closed)
         return;
-    for (const auto& frame : out)
-        if (!memory.count(frame.first) || !memory.at(frame.first).block)
+    for (const auto& [handle, announced] : memory)
+        if (announced.out && !announced.block)
             throw CameraError(CameraErrorKind::Failed, GC_ERR_RESOURCE_IN_USE,
                               "Frames of " + id + " in the producer's memory are still downstream.");
     StopLocked();
     while (!memory.empty()) // the frames out too: they keep their memory
         Revoke(memory.begin()->first);
-    out.clear();
     producer.GCUnregisterEvent(stream, EVENT_NEW_BUFFER);
     producer.DSClose(stream);
     producer.DevClose(device);
@@ -256,9 +255,11 @@ void Camera::StopLocked()
 void Camera::RevokeIdle()
 {
     producer.DSFlushQueue(stream, ACQ_QUEUE_ALL_DISCARD);
-    for (BUFFER_HANDLE buffer : current)
-        if (!out.count(buffer))
+    for (BUFFER_HANDLE buffer : current) {
+        const auto announced = memory.find(buffer);
+        if (announced == memory.end() || !announced->second.out)
             Revoke(buffer);
+    }
     current.clear();
     ++generation; // the frames still out belong to a set that is gone
 }
@@ -300,7 +301,7 @@ WaitResult Camera::Wait(Frame& frame, std::uint64_t milliseconds)
     frame.size = announced->second.size;
     frame.memory = announced->second.block;
     frame.generation = generation;
-    out[frame.handle] = generation;
+    announced->second.out = true;
     return WaitResult::Frame;
 }
 
@@ -387,8 +388,12 @@ void Camera::Interrupt()
 void Camera::Release(BUFFER_HANDLE handle, std::uint64_t frameGeneration)
 {
     const std::lock_guard<std::mutex> lock(streamMutex);
-    if (closed || !out.erase(handle))
+    if (closed)
         return;
+    const auto announced = memory.find(handle);
+    if (announced == memory.end() || !announced->second.out)
+        return;
+    announced->second.out = false;
     if (frameGeneration == generation) {
         // Its set is acquiring: back into the input pool. Should the queueing
         // fail, the buffer stays announced and goes with its set.
@@ -402,7 +407,8 @@ void Camera::Release(BUFFER_HANDLE handle, std::uint64_t frameGeneration)
 std::size_t Camera::FramesOut() const
 {
     const std::lock_guard<std::mutex> lock(streamMutex);
-    return out.size();
+    return static_cast<std::size_t>(
+        std::count_if(memory.begin(), memory.end(), [](const auto& entry) { return entry.second.out; }));
 }
 
 bool Camera::Present() { return !closed && session->CameraPresent(where); }

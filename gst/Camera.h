@@ -167,13 +167,13 @@ private:
     std::atomic<bool> acquiring{false};
     std::uint64_t generation = 0;
     std::atomic<bool> closed{false};
-    std::set<BUFFER_HANDLE> current;      // announced for this generation
-    std::map<BUFFER_HANDLE, std::uint64_t> out; // handed out, with their generation
-    std::optional<Layout> layout;               // of this start's frames, once the first came
+    std::set<BUFFER_HANDLE> current; // announced for this generation
+    std::optional<Layout> layout;    // of this start's frames, once the first came
     struct Announced {
         std::shared_ptr<void> block; // ours; empty: the producer's
         std::uint8_t* base = nullptr;
         std::size_t size = 0;
+        bool out = false; // handed out by Wait, not yet back through Release
     };
     std::map<BUFFER_HANDLE, Announced> memory; // every announced buffer, asked once for where it is
 };
