@@ -53,23 +53,47 @@ Mutex::Mutex() { Annotate::Create(this); }
 
 Mutex::~Mutex() { Annotate::Destroy(this); }
 
-void Mutex::Take(std::size_t depth)
+bool Mutex::TakeIfFree()
 {
-    owner.store(std::this_thread::get_id(), std::memory_order_release);
-    count = depth;
+    std::thread::id none;
+    return owner.compare_exchange_strong(none, std::this_thread::get_id(), std::memory_order_seq_cst);
+}
+
+// A waiter counts itself before it tries, and GiveBack frees before it looks
+// at the count (both sequentially consistent): either the waiter's try sees
+// the mutex free, or GiveBack sees the waiter and wakes it under `state`,
+// which the waiter holds until it sleeps.
+bool Mutex::TakeWaiting(const TimePoint* until)
+{
+    std::unique_lock<std::mutex> lock(state);
+    waiters.fetch_add(1, std::memory_order_seq_cst);
+    bool taken = true;
+    if (until)
+        taken = released.wait_until(lock, *until, [this] { return TakeIfFree(); });
+    else
+        released.wait(lock, [this] { return TakeIfFree(); });
+    waiters.fetch_sub(1, std::memory_order_seq_cst);
+    return taken;
+}
+
+void Mutex::GiveBack()
+{
+    owner.store(std::thread::id(), std::memory_order_seq_cst);
+    if (waiters.load(std::memory_order_seq_cst) != 0) {
+        const std::lock_guard<std::mutex> lock(state);
+        released.notify_one();
+    }
 }
 
 void Mutex::Lock()
 {
     Annotate::PreLock(this, false);
-    {
-        std::unique_lock<std::mutex> lock(state);
-        if (IsHeldByCurrentThread()) {
-            ++count;
-        } else {
-            released.wait(lock, [this] { return count == 0; });
-            Take(1);
-        }
+    if (IsHeldByCurrentThread()) {
+        ++count;
+    } else {
+        if (!TakeIfFree())
+            TakeWaiting(nullptr);
+        count = 1;
     }
     Annotate::PostLock(this, false, false);
 }
@@ -78,15 +102,12 @@ bool Mutex::TryLock()
 {
     Annotate::PreLock(this, true);
     bool taken = true;
-    {
-        std::lock_guard<std::mutex> lock(state);
-        if (IsHeldByCurrentThread())
-            ++count;
-        else if (count != 0)
-            taken = false;
-        else
-            Take(1);
-    }
+    if (IsHeldByCurrentThread())
+        ++count;
+    else if (TakeIfFree())
+        count = 1;
+    else
+        taken = false;
     Annotate::PostLock(this, true, !taken);
     return taken;
 }
@@ -95,15 +116,12 @@ bool Mutex::TimedLock(TimePoint absoluteTime)
 {
     Annotate::PreLock(this, true);
     bool taken = true;
-    {
-        std::unique_lock<std::mutex> lock(state);
-        if (IsHeldByCurrentThread())
-            ++count;
-        else if (!released.wait_until(lock, absoluteTime, [this] { return count == 0; }))
-            taken = false;
-        else
-            Take(1);
-    }
+    if (IsHeldByCurrentThread())
+        ++count;
+    else if (TakeIfFree() || TakeWaiting(&absoluteTime))
+        count = 1;
+    else
+        taken = false;
     Annotate::PostLock(this, true, !taken);
     return taken;
 }
@@ -114,13 +132,8 @@ void Mutex::Unlock()
     if (!IsHeldByCurrentThread())
         throw Exception("Mutex is not locked by this thread.");
     Annotate::PreUnlock(this);
-    {
-        std::lock_guard<std::mutex> lock(state);
-        if (--count == 0) {
-            owner.store(std::thread::id(), std::memory_order_release);
-            released.notify_one();
-        }
-    }
+    if (--count == 0)
+        GiveBack();
     Annotate::PostUnlock(this);
 }
 
@@ -129,14 +142,9 @@ std::size_t Mutex::ReleaseFully()
     if (!IsHeldByCurrentThread())
         throw Exception("Mutex is not locked by this thread.");
     Annotate::PreRelease(this);
-    std::size_t depth = 0;
-    {
-        std::lock_guard<std::mutex> lock(state);
-        depth = count;
-        count = 0;
-        owner.store(std::thread::id(), std::memory_order_release);
-        released.notify_one();
-    }
+    const std::size_t depth = count;
+    count = 0;
+    GiveBack();
     Annotate::PostUnlock(this);
     return depth;
 }
@@ -144,11 +152,9 @@ std::size_t Mutex::ReleaseFully()
 void Mutex::Restore(std::size_t depth)
 {
     Annotate::PreLock(this, false);
-    {
-        std::unique_lock<std::mutex> lock(state);
-        released.wait(lock, [this] { return count == 0; });
-        Take(depth);
-    }
+    if (!TakeIfFree())
+        TakeWaiting(nullptr);
+    count = depth;
     Annotate::PostRestore(this, depth);
 }
 

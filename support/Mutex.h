@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <thread>
 
@@ -16,8 +17,12 @@ using TimePoint = Clock::time_point;
 
 // Recursive mutex with a timed lock. The recursion count is explicit so that a
 // condition wait can release the mutex fully and restore it afterwards.
-// Built on a standard mutex held only for moments, so ThreadSanitizer is told
-// of its own ownership: it then sees this mutex's lock order as any other.
+// Ownership is one atomic: a free mutex is taken and given back without a
+// system call or a second lock, which matters because every producer call
+// takes several. Only a thread that finds it held waits, on `released`, and
+// only then does the one giving it back take `state` to wake it.
+// ThreadSanitizer is told of the ownership itself, so that it sees this
+// mutex's lock order as any other's.
 class Mutex : public virtual Object {
 public:
     Mutex();
@@ -38,12 +43,16 @@ public:
     void Restore(std::size_t depth);
 
 private:
-    void Take(std::size_t depth);
+    bool TakeIfFree();
+    // Waits until this thread owns it, or until `until` when given; false when that passed first.
+    bool TakeWaiting(const TimePoint* until);
+    void GiveBack();
 
-    std::mutex state;
+    std::atomic<std::thread::id> owner{}; // no thread: free
+    std::atomic<std::uint32_t> waiters{0};
+    std::mutex state; // only for waiting and waking
     std::condition_variable released;
-    std::atomic<std::thread::id> owner{};
-    std::size_t count = 0;
+    std::size_t count = 0; // read and written by the owner only
 };
 
 } }

@@ -8,7 +8,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <thread>
+#include <vector>
 
 using namespace QEL;
 using namespace std::chrono_literals;
@@ -59,6 +61,49 @@ TEST(Mutex, TimedLockGivesUpWhenTheTimePasses)
     std::thread([&] { result = mutex.TimedLock(System::Clock::now() + 20ms); }).join();
     EXPECT_FALSE(result);
     mutex.Unlock();
+}
+
+// Threads take one mutex in every way it can be taken, two levels deep, and
+// add to a plain counter under it. A lost increment means two owners at once;
+// a thread that never comes back means a wake-up went missing.
+TEST(Mutex, ContendedOwnersExcludeEachOtherAndEveryWaiterGetsItsTurn)
+{
+    System::Mutex mutex;
+    System::Condition unused;
+    std::uint64_t counter = 0; // guarded by the mutex alone
+    constexpr int Threads = 4, Rounds = 4000;
+    std::atomic<int> refused{0}, shallow{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < Threads; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < Rounds; ++i) {
+                const int way = (i + t) % 4;
+                if (way == 0) {
+                    mutex.Lock();
+                } else if (way == 1) {
+                    while (!mutex.TryLock())
+                        std::this_thread::yield();
+                } else if (!mutex.TimedLock(System::Clock::now() + 1h)) {
+                    ++refused;
+                    continue;
+                }
+                mutex.Lock();
+                if (way == 3) // gives both levels away and takes them back, contended
+                    unused.TimedWait(mutex, System::Clock::now());
+                const std::uint64_t seen = counter;
+                counter = seen + 1;
+                mutex.Unlock();
+                if (!mutex.IsHeldByCurrentThread())
+                    ++shallow;
+                mutex.Unlock();
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(0, refused.load());
+    EXPECT_EQ(0, shallow.load()) << "a wait gave back fewer levels than it took";
+    EXPECT_EQ(std::uint64_t{Threads} * Rounds, counter);
+    EXPECT_FALSE(LockedElsewhere(mutex));
 }
 
 TEST(Condition, WaitReleasesEveryLevelAndRestoresThem)
