@@ -242,13 +242,16 @@ TEST_F(CSIEventChannel, FailedRestartsBackOffByDoubling)
     ASSERT_TRUE(Eventually([&] { return channel->GetState() == EventChannel::Running; }));
 }
 
-TEST_F(CSIEventChannel, AStopWaitsForEveryBufferInFlight)
+TEST_F(CSIEventChannel, AStopWaitsForEveryBufferInFlightAndEndsItsThread)
 {
     Start();
     EXPECT_EQ(2u, channel->GetBuffersInFlight());
+    EXPECT_EQ(1, ThreadsNamed("tl-csi-events"));
     channel.reset(); // the endpoint hands both back, each through its callback
     EXPECT_EQ(0u, endpoint->PendingCount());
     EXPECT_FALSE(control->enabled);
+    // Joined by then; the kernel may list a joined thread for a moment longer.
+    EXPECT_TRUE(Eventually([] { return ThreadsNamed("tl-csi-events") == 0; }));
 }
 
 }
