@@ -225,7 +225,6 @@ void Camera::Start(std::uint32_t bufferCount, BufferMemory where)
             announced.block = std::move(block);
             announced.base = static_cast<std::uint8_t*>(base);
             announced.size = payload;
-            current.insert(buffer);
             producer.Check(producer.DSQueueBuffer(stream, buffer), "DSQueueBuffer " + id);
         }
         producer.Check(producer.DSStartAcquisition(stream, ACQ_START_FLAGS_DEFAULT, GENTL_INFINITE),
@@ -255,12 +254,14 @@ void Camera::StopLocked()
 void Camera::RevokeIdle()
 {
     producer.DSFlushQueue(stream, ACQ_QUEUE_ALL_DISCARD);
-    for (BUFFER_HANDLE buffer : current) {
-        const auto announced = memory.find(buffer);
-        if (announced == memory.end() || !announced->second.out)
-            Revoke(buffer);
+    // Every buffer not downstream: this set's, and those of earlier sets that
+    // came back while a later one was acquiring.
+    for (auto announced = memory.begin(); announced != memory.end();) {
+        const auto next = std::next(announced);
+        if (!announced->second.out)
+            Revoke(announced->first);
+        announced = next;
     }
-    current.clear();
     ++generation; // the frames still out belong to a set that is gone
 }
 
@@ -401,7 +402,10 @@ void Camera::Release(BUFFER_HANDLE handle, std::uint64_t frameGeneration)
             producer.DSQueueBuffer(stream, handle);
         return;
     }
-    Revoke(handle);
+    // Of a set that is gone. The producer refuses to revoke while acquiring:
+    // then the next stop does it.
+    if (!acquiring)
+        Revoke(handle);
 }
 
 std::size_t Camera::FramesOut() const

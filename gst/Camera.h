@@ -21,7 +21,6 @@
 #include <optional>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -167,7 +166,6 @@ private:
     std::atomic<bool> acquiring{false};
     std::uint64_t generation = 0;
     std::atomic<bool> closed{false};
-    std::set<BUFFER_HANDLE> current; // announced for this generation
     std::optional<Layout> layout;    // of this start's frames, once the first came
     struct Announced {
         std::shared_ptr<void> block; // ours; empty: the producer's

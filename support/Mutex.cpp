@@ -53,6 +53,11 @@ Mutex::Mutex() { Annotate::Create(this); }
 
 Mutex::~Mutex() { Annotate::Destroy(this); }
 
+bool Mutex::Take(const TimePoint* until)
+{
+    return TakeIfFree() || TakeWaiting(until);
+}
+
 bool Mutex::TakeIfFree()
 {
     std::thread::id none;
@@ -91,8 +96,7 @@ void Mutex::Lock()
     if (IsHeldByCurrentThread()) {
         ++count;
     } else {
-        if (!TakeIfFree())
-            TakeWaiting(nullptr);
+        Take(nullptr);
         count = 1;
     }
     Annotate::PostLock(this, false, false);
@@ -118,7 +122,7 @@ bool Mutex::TimedLock(TimePoint absoluteTime)
     bool taken = true;
     if (IsHeldByCurrentThread())
         ++count;
-    else if (TakeIfFree() || TakeWaiting(&absoluteTime))
+    else if (Take(&absoluteTime))
         count = 1;
     else
         taken = false;
@@ -152,8 +156,7 @@ std::size_t Mutex::ReleaseFully()
 void Mutex::Restore(std::size_t depth)
 {
     Annotate::PreLock(this, false);
-    if (!TakeIfFree())
-        TakeWaiting(nullptr);
+    Take(nullptr);
     count = depth;
     Annotate::PostRestore(this, depth);
 }

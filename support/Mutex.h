@@ -43,8 +43,10 @@ public:
     void Restore(std::size_t depth);
 
 private:
+    // Makes this thread the owner, waiting while another is, until `until`
+    // when given; false when that passed first.
+    bool Take(const TimePoint* until);
     bool TakeIfFree();
-    // Waits until this thread owns it, or until `until` when given; false when that passed first.
     bool TakeWaiting(const TimePoint* until);
     void GiveBack();
 

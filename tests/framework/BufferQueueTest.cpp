@@ -248,13 +248,57 @@ TEST_F(BufferQueue, TheBundleCarriesEveryValueWithItsAvailabilityBits)
     EXPECT_EQ(0u, u64(64));
 }
 
+// The record as its readers know it, written out here rather than taken from
+// the record's own table, so that a field swapped or moved there shows.
+struct RecordSlot {
+    BUFFER_INFO_CMD info;
+    std::size_t offset, width;
+    unsigned bit;
+};
+constexpr RecordSlot RecordLayout[] = {{BUFFER_INFO_TIMESTAMP, 32, 8, 3},
+                                       {BUFFER_INFO_FRAMEID, 40, 8, 4},
+                                       {1002, 52, 4, 10},
+                                       {BUFFER_INFO_SIZE_FILLED, 56, 8, 11},
+                                       {BUFFER_INFO_WIDTH, 64, 8, 12},
+                                       {BUFFER_INFO_HEIGHT, 72, 8, 13},
+                                       {BUFFER_INFO_XOFFSET, 80, 8, 14},
+                                       {BUFFER_INFO_YOFFSET, 88, 8, 15},
+                                       {BUFFER_INFO_XPADDING, 96, 8, 16},
+                                       {BUFFER_INFO_YPADDING, 104, 8, 17},
+                                       {BUFFER_INFO_IMAGEOFFSET, 112, 8, 18},
+                                       {1000, 120, 8, 19},
+                                       {BUFFER_INFO_PAYLOADTYPE, 128, 8, 20},
+                                       {BUFFER_INFO_PIXELFORMAT, 136, 8, 21},
+                                       {BUFFER_INFO_PIXELFORMAT_NAMESPACE, 144, 8, 22},
+                                       {BUFFER_INFO_DELIVERED_IMAGEHEIGHT, 152, 8, 23},
+                                       {BUFFER_INFO_DELIVERED_CHUNKPAYLOADSIZE, 160, 8, 24},
+                                       {BUFFER_INFO_CHUNKLAYOUTID, 168, 8, 25}};
+
+std::uint64_t SlotValue(const std::vector<std::uint8_t>& record, const RecordSlot& slot)
+{
+    std::uint64_t wide = 0;
+    std::uint32_t narrow = 0;
+    if (slot.width == 4)
+        std::memcpy(&narrow, record.data() + slot.offset, 4);
+    else
+        std::memcpy(&wide, record.data() + slot.offset, 8);
+    return slot.width == 4 ? narrow : wide;
+}
+
+bool SlotMarked(const std::vector<std::uint8_t>& record, const RecordSlot& slot)
+{
+    std::uint64_t valid = 0;
+    std::memcpy(&valid, record.data(), 8);
+    return (valid >> slot.bit) & 1u;
+}
+
 TEST_F(BufferQueue, EverySuppliedValueLandsInItsOwnFieldOfTheBundle)
 {
     namespace R = BufferRecord;
-    const auto& fields = R::FromInfos;
+    ASSERT_EQ(std::size(RecordLayout), std::size(R::FromInfos)) << "a field the record fills is not checked here";
     SupportedBufferInfos supported{BUFFER_INFO_CONTAINS_CHUNKDATA, 5000};
-    for (const auto& entry : fields)
-        supported.insert(entry.first);
+    for (const RecordSlot& slot : RecordLayout)
+        supported.insert(slot.info);
     queue = std::make_shared<BasicBufferQueue>("Custom", supported);
     auto deliver = [&](std::size_t at, std::shared_ptr<BufferInfos> infos) {
         auto buffer = Announce(at, 256);
@@ -267,29 +311,34 @@ TEST_F(BufferQueue, EverySuppliedValueLandsInItsOwnFieldOfTheBundle)
         EXPECT_TRUE(bundle);
         return bundle ? bundle->GetValue() : std::vector<std::uint8_t>(R::Size);
     };
+    // Every value its own, and the wide ones with bits in both halves.
+    auto valueOf = [](const RecordSlot& slot) {
+        const auto info = static_cast<std::uint64_t>(slot.info);
+        return slot.width == 4 ? info + 7 : 0x100000000ull * info + 7;
+    };
     auto infos = std::make_shared<BufferInfos>();
-    for (const auto& [cmd, field] : fields)
-        (*infos)[cmd] = field.width == 4 ? InfoPtr(std::make_shared<UInt32Info>(static_cast<std::uint32_t>(cmd) + 7))
-                                         : InfoPtr(std::make_shared<UInt64Info>(0x100000000ull * cmd + 7));
+    for (const RecordSlot& slot : RecordLayout)
+        (*infos)[slot.info] = slot.width == 4
+                                  ? InfoPtr(std::make_shared<UInt32Info>(static_cast<std::uint32_t>(valueOf(slot))))
+                                  : InfoPtr(std::make_shared<UInt64Info>(valueOf(slot)));
     // Infos the record has no field for, between and after those it has, are passed over.
     (*infos)[BUFFER_INFO_CONTAINS_CHUNKDATA] = std::make_shared<UInt64Info>(1);
     (*infos)[5000] = std::make_shared<UInt64Info>(1);
     const std::vector<std::uint8_t> full = deliver(0, infos);
-    for (const auto& [cmd, field] : fields) {
-        EXPECT_TRUE(R::Has(full.data(), field)) << "info " << cmd;
-        EXPECT_EQ(field.width == 4 ? cmd + 7u : 0x100000000ull * cmd + 7, R::Read(full.data(), field))
-            << "info " << cmd;
+    for (const RecordSlot& slot : RecordLayout) {
+        EXPECT_TRUE(SlotMarked(full, slot)) << "info " << slot.info;
+        EXPECT_EQ(valueOf(slot), SlotValue(full, slot)) << "info " << slot.info;
     }
 
     // With every other info left out, the missing ones' fields are neither set nor marked.
     auto some = std::make_shared<BufferInfos>();
-    for (std::size_t i = 1; i < std::size(fields); i += 2)
-        (*some)[fields[i].first] = infos->at(fields[i].first);
+    for (std::size_t i = 1; i < std::size(RecordLayout); i += 2)
+        (*some)[RecordLayout[i].info] = infos->at(RecordLayout[i].info);
     const std::vector<std::uint8_t> part = deliver(256, some);
-    for (std::size_t i = 0; i < std::size(fields); ++i) {
-        const auto& [cmd, field] = fields[i];
-        EXPECT_EQ(i % 2 == 1, R::Has(part.data(), field)) << "info " << cmd;
-        EXPECT_EQ(i % 2 == 1 ? R::Read(full.data(), field) : 0u, R::Read(part.data(), field)) << "info " << cmd;
+    for (std::size_t i = 0; i < std::size(RecordLayout); ++i) {
+        const RecordSlot& slot = RecordLayout[i];
+        EXPECT_EQ(i % 2 == 1, SlotMarked(part, slot)) << "info " << slot.info;
+        EXPECT_EQ(i % 2 == 1 ? valueOf(slot) : 0u, SlotValue(part, slot)) << "info " << slot.info;
     }
 }
 

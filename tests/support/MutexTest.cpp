@@ -69,7 +69,7 @@ TEST(Mutex, TimedLockGivesUpWhenTheTimePasses)
 TEST(Mutex, ContendedOwnersExcludeEachOtherAndEveryWaiterGetsItsTurn)
 {
     System::Mutex mutex;
-    System::Condition unused;
+    System::Condition neverSignalled;
     std::uint64_t counter = 0; // guarded by the mutex alone
     constexpr int Threads = 4, Rounds = 4000;
     std::atomic<int> refused{0}, shallow{0};
@@ -89,7 +89,7 @@ TEST(Mutex, ContendedOwnersExcludeEachOtherAndEveryWaiterGetsItsTurn)
                 }
                 mutex.Lock();
                 if (way == 3) // gives both levels away and takes them back, contended
-                    unused.TimedWait(mutex, System::Clock::now());
+                    neverSignalled.TimedWait(mutex, System::Clock::now());
                 const std::uint64_t seen = counter;
                 counter = seen + 1;
                 mutex.Unlock();
